@@ -1,0 +1,7 @@
+#pragma once
+
+#include <filesystem>
+
+namespace fl::filesystem {
+using path = std::filesystem::path;
+}

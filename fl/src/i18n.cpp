@@ -1,0 +1,208 @@
+#include <fl/i18n/ustring.hpp>
+
+namespace fl::i18n {
+
+namespace {
+
+constexpr char32_t replacement = 0xFFFD;
+
+bool isHighSurrogate(char32_t c) noexcept { return c >= 0xD800 && c <= 0xDBFF; }
+bool isLowSurrogate(char32_t c) noexcept { return c >= 0xDC00 && c <= 0xDFFF; }
+bool isSurrogate(char32_t c) noexcept { return c >= 0xD800 && c <= 0xDFFF; }
+
+// Decodes the code point of UTF-16 text at `i` and advances `i`. Returns false on a lone surrogate
+// (then `i` is advanced past the offending unit).
+bool nextUtf16(std::u16string_view text, std::size_t& i, char32_t& out) noexcept
+{
+    const char32_t unit = text[i++];
+    if (!isSurrogate(unit)) {
+        out = unit;
+        return true;
+    }
+    if (isHighSurrogate(unit) && i < text.size() && isLowSurrogate(text[i])) {
+        out = 0x10000 + ((unit - 0xD800) << 10) + (char32_t(text[i++]) - 0xDC00);
+        return true;
+    }
+    return false;
+}
+
+// Decodes one UTF-8 sequence at `i` and advances `i`. Returns false on a malformed, truncated,
+// overlong or surrogate sequence; `i` then skips exactly the maximal ill-formed prefix (at least one
+// byte), so that lossy decoding emits one U+FFFD per such prefix.
+bool nextUtf8(std::string_view text, std::size_t& i, char32_t& out) noexcept
+{
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead < 0x80) {
+        out = lead;
+        ++i;
+        return true;
+    }
+    std::size_t length;
+    char32_t value;
+    unsigned char low = 0x80, high = 0xBF; // allowed range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        value = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        value = lead & 0x0F;
+        if (lead == 0xE0)
+            low = 0xA0; // overlong
+        if (lead == 0xED)
+            high = 0x9F; // surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        value = lead & 0x07;
+        if (lead == 0xF0)
+            low = 0x90; // overlong
+        if (lead == 0xF4)
+            high = 0x8F; // above U+10FFFF
+    } else {
+        ++i;
+        return false;
+    }
+    std::size_t j = i + 1;
+    for (std::size_t k = 1; k < length; ++k, ++j) {
+        if (j >= text.size()) {
+            i = j;
+            return false;
+        }
+        const auto byte = static_cast<unsigned char>(text[j]);
+        const unsigned char min = k == 1 ? low : 0x80;
+        const unsigned char max = k == 1 ? high : 0xBF;
+        if (byte < min || byte > max) {
+            i = j;
+            return false;
+        }
+        value = (value << 6) | (byte & 0x3F);
+    }
+    i = j;
+    out = value;
+    return true;
+}
+
+void appendUtf8(std::string& out, char32_t c)
+{
+    if (c < 0x80) {
+        out.push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+}
+
+void appendUtf16(ustring& out, char32_t c)
+{
+    if (c < 0x10000) {
+        out.push_back(static_cast<char16_t>(c));
+    } else {
+        c -= 0x10000;
+        out.push_back(static_cast<char16_t>(0xD800 + (c >> 10)));
+        out.push_back(static_cast<char16_t>(0xDC00 + (c & 0x3FF)));
+    }
+}
+
+} // namespace
+
+conversion_error::conversion_error(const std::string& what, std::size_t offset)
+    : std::runtime_error(what + " at code unit " + std::to_string(offset)), m_offset(offset)
+{
+}
+
+std::string ustring_to_utf8(std::u16string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t at = i;
+        char32_t c;
+        if (!nextUtf16(text, i, c))
+            throw conversion_error("lone surrogate in UTF-16 text", at);
+        appendUtf8(out, c);
+    }
+    return out;
+}
+
+std::string ustring_to_utf8_lossy(std::u16string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        char32_t c;
+        appendUtf8(out, nextUtf16(text, i, c) ? c : replacement);
+    }
+    return out;
+}
+
+ustring utf8_to_ustring(std::string_view text)
+{
+    ustring out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t at = i;
+        char32_t c;
+        if (!nextUtf8(text, i, c))
+            throw conversion_error("ill-formed UTF-8 sequence", at);
+        appendUtf16(out, c);
+    }
+    return out;
+}
+
+ustring utf8_to_ustring_lossy(std::string_view text)
+{
+    ustring out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        char32_t c;
+        appendUtf16(out, nextUtf8(text, i, c) ? c : replacement);
+    }
+    return out;
+}
+
+std::u32string to_u32string(std::u16string_view text)
+{
+    std::u32string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t at = i;
+        char32_t c;
+        if (!nextUtf16(text, i, c))
+            throw conversion_error("lone surrogate in UTF-16 text", at);
+        out.push_back(c);
+    }
+    return out;
+}
+
+ustring from_u32string(std::u32string_view text)
+{
+    ustring out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char32_t c = text[i];
+        if (isSurrogate(c) || c > 0x10FFFF)
+            throw conversion_error("invalid code point in UTF-32 text", i);
+        appendUtf16(out, c);
+    }
+    return out;
+}
+
+bool is_valid_utf16(std::u16string_view text) noexcept
+{
+    for (std::size_t i = 0; i < text.size();) {
+        char32_t c;
+        if (!nextUtf16(text, i, c))
+            return false;
+    }
+    return true;
+}
+
+} // namespace fl::i18n

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <foundation/storage/provider/Exception.hpp>
+
+namespace foundation::storage::provider {
+
+// The one translation of POSIX errors into provider errors, shared by everything that calls the
+// operating system (the local provider, canonicalisation of local paths).
+
+// The provider code for an errno value (ENOENT and ENOTDIR -> ResourceNotFound, EACCES and EPERM ->
+// PermissionDenied, EEXIST -> ResourceAlreadyExists, ENOTEMPTY -> FolderNotEmpty, ENOSPC and EDQUOT
+// -> NoSpaceLeft, EROFS -> ReadOnlyProvider, EFBIG -> FileTooLarge, EBUSY and ETXTBSY ->
+// ResourceInUse, EIO -> IOError, ENAMETOOLONG, EINVAL and ELOOP -> InvalidLocation, ENOSYS and
+// EOPNOTSUPP -> UnsupportedOperation, ENOMEM -> InternalError, anything else -> Unknown).
+VFS_EXPORT ErrorCode errorCodeFromErrno(int error) noexcept;
+// The symbolic name of an errno value ("ENOENT"); "E<number>" for one without a name.
+VFS_EXPORT const char* errnoName(int error) noexcept;
+// The provider exception for a failed native call: code from errorCodeFromErrno, contexts
+// (call, errno name), message strerror(error).
+VFS_EXPORT Exception posixError(int error, const char* call, const StorageIRI& location);
+[[noreturn]] VFS_EXPORT void throwPosixError(int error, const char* call, const StorageIRI& location);
+
+} // namespace foundation::storage::provider

@@ -1,0 +1,145 @@
+#pragma once
+
+#include <foundation/storage/provider/IProvider.hpp>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace foundation::storage::provider::decorators {
+
+// Every IProvider operation, so that decorators can name one. Grows with IProvider.
+enum class ProviderOperation : std::int32_t {
+    Exists = 0,
+    ExistsExtended,
+    HasFeature,
+    Count_ // number of operations; not an operation
+};
+inline constexpr std::size_t providerOperationCount = static_cast<std::size_t>(ProviderOperation::Count_);
+// The operation's IProvider member name ("exists"); "Unhandled ProviderOperation" otherwise.
+VFS_EXPORT const char* toString(ProviderOperation operation) noexcept;
+inline std::ostream& operator<<(std::ostream& out, ProviderOperation operation)
+{
+    return out << toString(operation);
+}
+
+// Forwards every operation to the wrapped provider. A decorator overrides what it changes and
+// calls the base for the rest; before() is called ahead of every forwarded operation, which is
+// where cross-cutting concerns (faults, counting) hook in without overriding each operation.
+class VFS_EXPORT ProviderDecorator : public IProvider {
+public:
+    // Throws std::invalid_argument when `wrapped` is null.
+    explicit ProviderDecorator(std::shared_ptr<IProvider> wrapped);
+    ~ProviderDecorator() override;
+
+    const std::shared_ptr<IProvider>& getWrapped() const noexcept { return m_wrapped; }
+
+    ExistenceType exists(const StorageIRI& location) const override;
+    ExistenceTypeExtended existsExtended(const StorageIRI& location) const override;
+    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override;
+
+protected:
+    // Called before each operation is forwarded; may throw to make the operation fail.
+    virtual void before(ProviderOperation operation, const StorageIRI& location) const;
+
+private:
+    std::shared_ptr<IProvider> m_wrapped;
+};
+
+// Makes chosen operations fail with a chosen provider error code, over any provider.
+class VFS_EXPORT FaultInjectingProvider : public ProviderDecorator {
+public:
+    enum class Trigger {
+        Once,     // the next matching call fails, later ones succeed
+        Always,   // every matching call fails
+        AfterN,   // the first `calls` matching calls succeed, every later one fails
+    };
+
+    struct Fault {
+        ProviderOperation operation;
+        // Which locations match: none = every location; otherwise the location itself and, with
+        // `includeDescendants`, every location below it.
+        std::optional<StorageIRI> location;
+        ErrorCode code = ErrorCode::IOError;
+        Trigger trigger = Trigger::Always;
+        std::uint64_t calls = 0; // for AfterN
+        bool includeDescendants = false;
+    };
+
+    using ProviderDecorator::ProviderDecorator;
+
+    // Adds a fault; returns its id for removeFault(). Every fault that matches a call counts it;
+    // when several would make it fail, the one added first gives the code. All members are
+    // thread-safe and may run while other threads call the provider.
+    std::size_t addFault(Fault fault);
+    // Unknown ids are ignored.
+    void removeFault(std::size_t id);
+    void clearFaults();
+    // How many calls fault `id` has made fail so far; 0 for an unknown or removed id.
+    std::uint64_t failuresInjected(std::size_t id) const;
+
+protected:
+    // Throws Exception(code, location) with contexts "fault-injection" and the operation's name.
+    void before(ProviderOperation operation, const StorageIRI& location) const override;
+
+private:
+    struct Entry {
+        std::size_t id;
+        Fault fault;
+        std::uint64_t seen = 0;   // matching calls so far
+        std::uint64_t failed = 0; // of which made to fail
+    };
+    mutable std::mutex m_mutex;
+    mutable std::vector<Entry> m_faults;
+    std::size_t m_nextId = 1;
+};
+
+// Hides chosen extended features, so that the library's own fallback paths run against real
+// storage: hasFeature() answers false for a masked feature and forwards otherwise.
+class VFS_EXPORT FeatureMaskingProvider : public ProviderDecorator {
+public:
+    FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden);
+    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override;
+    const std::set<ExtendedFeature>& hiddenFeatures() const noexcept { return m_hidden; }
+
+private:
+    std::set<ExtendedFeature> m_hidden;
+};
+
+// Counts calls per operation (and per operation and location), for tests that must show that a call
+// did or did not happen. Thread-safe.
+class VFS_EXPORT CallCountingProvider : public ProviderDecorator {
+public:
+    using ProviderDecorator::ProviderDecorator;
+
+    std::uint64_t count(ProviderOperation operation) const noexcept;
+    std::uint64_t count(ProviderOperation operation, const StorageIRI& location) const;
+    std::uint64_t total() const noexcept;
+    // Sets every count to zero; calls running meanwhile may be counted either way.
+    void reset();
+
+protected:
+    void before(ProviderOperation operation, const StorageIRI& location) const override;
+
+private:
+    using Key = std::pair<ProviderOperation, StorageIRI>;
+    struct KeyHash {
+        std::size_t operator()(const Key& key) const noexcept
+        {
+            return key.second.hashValue() * 31 + static_cast<std::size_t>(key.first);
+        }
+    };
+    mutable std::array<std::atomic<std::uint64_t>, providerOperationCount> m_counts{};
+    mutable std::mutex m_mutex;
+    mutable std::unordered_map<Key, std::uint64_t, KeyHash> m_byLocation;
+};
+
+} // namespace foundation::storage::provider::decorators

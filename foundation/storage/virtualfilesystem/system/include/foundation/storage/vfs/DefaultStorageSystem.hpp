@@ -1,0 +1,46 @@
+#pragma once
+
+#include <foundation/storage/provider/memory/MemoryProvider.hpp>
+#include <foundation/storage/vfs/StorageSystem.hpp>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace foundation::storage::vfs {
+
+struct DefaultStorageSystemOptions {
+    // Settings of this system's in-memory provider (quota, read-only).
+    provider::memory::MemoryProviderOptions memory;
+    // Wraps each provider once, when the system builds it (for fault injection, feature masking,
+    // call counting, ...): receives the scheme ("file" or "mem") and the provider, returns the
+    // provider the system hands out. Empty: providers are handed out as they are.
+    std::function<std::shared_ptr<provider::IProvider>(const ustring& scheme, std::shared_ptr<provider::IProvider>)>
+        decorateProvider;
+};
+
+// A ready storage system: file:/// on the local disk and mem://VOLUME/ in process memory (each
+// instance has its own volumes). Any other scheme throws UnsupportedIRISchemeException. Providers
+// are built once, on first use, and shared by every handle. Thread-safe.
+//
+//   auto system = std::make_shared<DefaultStorageSystem>();
+//   StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+class VFS_EXPORT DefaultStorageSystem : public StorageSystem {
+public:
+    DefaultStorageSystem();
+    explicit DefaultStorageSystem(DefaultStorageSystemOptions options);
+    ~DefaultStorageSystem() override;
+
+    // Releases the providers (and so the content of every memory volume). Later operations fail
+    // with UnsupportedOperation.
+    void shutdown() const override;
+
+protected:
+    std::shared_ptr<provider::IProvider> buildProvider(const provider::StorageIRI& location) const override;
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+} // namespace foundation::storage::vfs

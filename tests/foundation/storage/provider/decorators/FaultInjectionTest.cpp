@@ -1,0 +1,173 @@
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
+#include <ProviderHarness.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+using namespace vfs_test;
+using namespace foundation::storage::provider::decorators;
+using provider::ErrorCode;
+using provider::ExistenceType;
+using provider::ExistenceTypeExtended;
+using provider::ExtendedFeature;
+using Trigger = FaultInjectingProvider::Trigger;
+
+class FaultInjectionTest : public testing::TestWithParam<ProviderUnderTest> {
+protected:
+    void SetUp() override
+    {
+        harness = GetParam().make();
+        root = harness->root();
+        faulty = std::make_shared<FaultInjectingProvider>(harness->provider());
+    }
+
+    // The code of the failure `location` meets, or nullopt when exists() answers.
+    std::optional<ErrorCode> existsFailure(const StorageIRI& location) const
+    {
+        const auto error = providerError([&] { faulty->exists(location); });
+        return error ? std::optional(error->getErrorCode()) : std::nullopt;
+    }
+
+    std::unique_ptr<ProviderHarness> harness;
+    StorageIRI root;
+    std::shared_ptr<FaultInjectingProvider> faulty;
+};
+
+TEST_P(FaultInjectionTest, WithoutFaultsEveryCallReachesTheProvider)
+{
+    EXPECT_EQ(faulty->exists(root), ExistenceType::Folder);
+    EXPECT_EQ(faulty->existsExtended(StorageIRI(root, u"missing")), ExistenceTypeExtended::NotFound);
+    EXPECT_EQ(faulty->hasFeature(root, ExtendedFeature::RecursiveListing),
+              harness->provider()->hasFeature(root, ExtendedFeature::RecursiveListing));
+    // The wrapped provider's own failures pass through unchanged.
+    const StorageIRI foreign(u"bogus://volume/a");
+    const auto error = providerError([&] { faulty->exists(foreign); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+}
+
+TEST_P(FaultInjectionTest, OnceFailsTheNextMatchingCallOnly)
+{
+    const auto id = faulty->addFault({.operation = ProviderOperation::Exists, .location = root,
+                                      .code = ErrorCode::IOError, .trigger = Trigger::Once});
+    // Another operation on the same location does not spend the fault.
+    EXPECT_EQ(faulty->existsExtended(root), ExistenceTypeExtended::Folder);
+    EXPECT_EQ(existsFailure(root), ErrorCode::IOError);
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+    EXPECT_EQ(faulty->failuresInjected(id), 1u);
+}
+
+TEST_P(FaultInjectionTest, AlwaysFailsEveryMatchingCallUntilRemoved)
+{
+    const auto id = faulty->addFault({.operation = ProviderOperation::ExistsExtended, .location = root,
+                                      .code = ErrorCode::PermissionDenied, .trigger = Trigger::Always});
+    for (int i = 0; i < 3; ++i) {
+        const auto error = providerError([&] { faulty->existsExtended(root); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), ErrorCode::PermissionDenied);
+    }
+    EXPECT_EQ(faulty->exists(root), ExistenceType::Folder);
+    EXPECT_EQ(faulty->failuresInjected(id), 3u);
+
+    faulty->removeFault(id);
+    EXPECT_EQ(faulty->existsExtended(root), ExistenceTypeExtended::Folder);
+    EXPECT_EQ(faulty->failuresInjected(id), 0u);
+}
+
+TEST_P(FaultInjectionTest, AfterNLetsTheFirstNCallsThroughAndFailsTheRest)
+{
+    const auto id = faulty->addFault({.operation = ProviderOperation::Exists, .location = root,
+                                      .code = ErrorCode::NoSpaceLeft, .trigger = Trigger::AfterN, .calls = 2});
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+    EXPECT_EQ(existsFailure(root), ErrorCode::NoSpaceLeft);
+    EXPECT_EQ(existsFailure(root), ErrorCode::NoSpaceLeft);
+    EXPECT_EQ(faulty->failuresInjected(id), 2u);
+
+    // After zero calls means from the first call on.
+    faulty->clearFaults();
+    faulty->addFault({.operation = ProviderOperation::Exists, .code = ErrorCode::IOError, .trigger = Trigger::AfterN});
+    EXPECT_EQ(existsFailure(root), ErrorCode::IOError);
+}
+
+TEST_P(FaultInjectionTest, LocationMatchesExactlyOrWithItsDescendants)
+{
+    const StorageIRI sub(root, u"sub");
+    const StorageIRI child(root, u"sub/child");
+    const StorageIRI grandchild(root, u"sub/child/deeper");
+    const StorageIRI sibling(root, u"subway"); // shares a prefix, not a segment
+
+    const auto exact = faulty->addFault({.operation = ProviderOperation::Exists, .location = sub,
+                                         .code = ErrorCode::ResourceInUse});
+    EXPECT_EQ(existsFailure(sub), ErrorCode::ResourceInUse);
+    EXPECT_EQ(existsFailure(child), std::nullopt);
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+
+    faulty->removeFault(exact);
+    faulty->addFault({.operation = ProviderOperation::Exists, .location = sub, .code = ErrorCode::ResourceInUse,
+                      .includeDescendants = true});
+    EXPECT_EQ(existsFailure(sub), ErrorCode::ResourceInUse);
+    EXPECT_EQ(existsFailure(child), ErrorCode::ResourceInUse);
+    EXPECT_EQ(existsFailure(grandchild), ErrorCode::ResourceInUse);
+    EXPECT_EQ(existsFailure(sibling), std::nullopt);
+    EXPECT_EQ(existsFailure(root), std::nullopt);
+
+    // No location: every location matches.
+    faulty->clearFaults();
+    faulty->addFault({.operation = ProviderOperation::Exists, .code = ErrorCode::Unknown});
+    EXPECT_EQ(existsFailure(root), ErrorCode::Unknown);
+    EXPECT_EQ(existsFailure(sibling), ErrorCode::Unknown);
+}
+
+TEST_P(FaultInjectionTest, OverlappingFaultsEachCountTheCallAndTheFirstAddedGivesTheCode)
+{
+    const auto once = faulty->addFault({.operation = ProviderOperation::Exists, .location = root,
+                                        .code = ErrorCode::IOError, .trigger = Trigger::Once});
+    const auto afterTwo = faulty->addFault({.operation = ProviderOperation::Exists, .code = ErrorCode::PermissionDenied,
+                                            .trigger = Trigger::AfterN, .calls = 2});
+    EXPECT_EQ(existsFailure(root), ErrorCode::IOError);         // both match; the first fires
+    EXPECT_EQ(existsFailure(root), std::nullopt);               // once is spent; the second call of afterTwo
+    EXPECT_EQ(existsFailure(root), ErrorCode::PermissionDenied); // its third
+    EXPECT_EQ(faulty->failuresInjected(once), 1u);
+    EXPECT_EQ(faulty->failuresInjected(afterTwo), 1u);
+}
+
+TEST_P(FaultInjectionTest, InjectedFailuresCarryLocationCodeAndContexts)
+{
+    const StorageIRI location(root, u"some/where");
+    faulty->addFault({.operation = ProviderOperation::Exists, .code = ErrorCode::ReadOnlyProvider});
+    faulty->addFault({.operation = ProviderOperation::ExistsExtended, .code = ErrorCode::ReadOnlyProvider});
+    faulty->addFault({.operation = ProviderOperation::HasFeature, .code = ErrorCode::ReadOnlyProvider});
+
+    struct Case {
+        std::function<void()> call;
+        const char* operation;
+    };
+    for (const Case& c : {Case{[&] { faulty->exists(location); }, "exists"},
+                          Case{[&] { faulty->existsExtended(location); }, "existsExtended"},
+                          Case{[&] { faulty->hasFeature(location, ExtendedFeature::RecursiveRemoval); }, "hasFeature"}}) {
+        SCOPED_TRACE(c.operation);
+        const auto error = providerError(c.call);
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), ErrorCode::ReadOnlyProvider);
+        EXPECT_TRUE(error->getStorageIRI() == location) << text(error->getStorageIRI());
+        EXPECT_THAT(contextKeys(*error), testing::ElementsAre("fault-injection", c.operation));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Providers, FaultInjectionTest, testing::ValuesIn(allProviders()), providerName);
+
+TEST(ProviderDecoratorTest, RefusesANullProvider)
+{
+    EXPECT_THROW(FaultInjectingProvider(nullptr), std::invalid_argument);
+    EXPECT_THROW(CallCountingProvider(nullptr), std::invalid_argument);
+    EXPECT_THROW(FeatureMaskingProvider(nullptr, {}), std::invalid_argument);
+}
+
+} // namespace
