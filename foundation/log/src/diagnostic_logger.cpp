@@ -8,14 +8,13 @@
 #include <boost/exception/get_error_info.hpp>
 #include <boost/exception_ptr.hpp>
 #include <boost/log/attributes/attribute_value_impl.hpp>
+#include <boost/log/attributes/constant.hpp>
 #include <boost/log/attributes/function.hpp>
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core/core.hpp>
-#include <boost/log/keywords/channel.hpp>
-#include <boost/log/keywords/severity.hpp>
 #include <boost/log/sinks/basic_sink_backend.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
-#include <boost/log/sources/severity_channel_logger.hpp>
+#include <boost/log/sources/logger.hpp>
 #include <boost/make_shared.hpp>
 
 #include <cxxabi.h>
@@ -23,6 +22,8 @@
 #include <array>
 #include <exception>
 #include <mutex>
+#include <thread>
+#include <type_traits>
 #include <typeinfo>
 #include <vector>
 
@@ -39,7 +40,8 @@ struct attribute_names {
     bl::attribute_name message{"Message"};
 };
 
-// Trivially destructible (attribute_name is an id), so it stays usable from static destructors.
+// Trivially destructible, so it stays usable from static destructors.
+static_assert(std::is_trivially_destructible_v<attribute_names>);
 const attribute_names& names()
 {
     static const attribute_names instance;
@@ -63,6 +65,11 @@ struct indent_table {
 };
 
 thread_local indent_table t_indents;
+
+// Severity of the record the calling thread is opening. Boost.Log's severity loggers keep this in
+// thread-specific storage that is torn down during exit, after which every record fails; a plain
+// thread_local lives as long as the thread.
+thread_local unsigned t_opening_severity = 0;
 
 int current_indent(const void* key) noexcept
 {
@@ -238,12 +245,11 @@ const char* category_name(unsigned severity) noexcept
 
 template <class CharT>
 struct basic_diagnostic_logger<CharT>::state {
-    using source_type = bl::sources::severity_channel_logger_mt<unsigned, std::string>;
-
     state(const std::string& channel_name, std::atomic<unsigned>* owner_mask)
-        : core(bl::core::get()), source(bl::keywords::channel = channel_name), channel(channel_name),
-          enabled(owner_mask)
+        : core(bl::core::get()), channel(channel_name), enabled(owner_mask)
     {
+        source.add_attribute(names().channel, bl::attributes::constant<std::string>(channel_name));
+        source.add_attribute(names().severity, bl::attributes::make_function([] { return t_opening_severity; }));
         source.add_attribute(names().indent, bl::attributes::make_function([this] { return current_indent(this); }));
     }
 
@@ -260,7 +266,7 @@ struct basic_diagnostic_logger<CharT>::state {
                 bits |= 1u << bit;
         }
         if (enabled)
-            enabled->store(bits, std::memory_order_relaxed);
+            enabled->store(bits, std::memory_order_seq_cst);
     }
 
     void detach_owner()
@@ -269,14 +275,30 @@ struct basic_diagnostic_logger<CharT>::state {
         enabled = nullptr;
     }
 
+    // Returns once every write that may have seen the enabled mask as it was before the last
+    // adjust() has finished. Writers count themselves in the slot of the epoch they started in; the
+    // epoch moves on here, so later writers never hold the wait up.
+    void wait_for_writers()
+    {
+        std::lock_guard<std::mutex> guard(quiesce_lock);
+        const unsigned old_slot = epoch.fetch_add(1, std::memory_order_seq_cst) & 1u;
+        while (writers[old_slot].load(std::memory_order_acquire) != 0)
+            std::this_thread::yield();
+    }
+
     // Held so that the core outlives every logger and listener, static ones included.
     bl::core_ptr core;
-    source_type source;
+    // A plain source: the attributes above carry channel, severity and indent.
+    bl::sources::logger_mt source;
     const std::string channel;
 
     std::mutex lock;
     std::array<int, 32> listeners_per_bit{};
     std::atomic<unsigned>* enabled;
+
+    std::mutex quiesce_lock;
+    std::atomic<unsigned> epoch{0};
+    std::array<std::atomic<int>, 2> writers{};
 };
 
 template <class CharT>
@@ -297,16 +319,25 @@ void basic_diagnostic_logger<CharT>::write(unsigned severity, string_view_type t
 {
     if (!enabled(severity))
         return;
-    try {
-        state& s = *m_state;
-        bl::record record = s.source.open_record(bl::keywords::severity = severity);
-        if (!record)
-            return;
-        record.attribute_values().insert(names().message, bl::attributes::make_attribute_value(string_type(text)));
-        s.source.push_record(std::move(record));
-    } catch (...) {
-        // Diagnostics never break the code they observe.
+    state& s = *m_state;
+    // Counted before the mask is read again, so that a listener going away either sees this write
+    // in wait_for_writers() or this write sees the lowered mask (both sides are seq_cst).
+    std::atomic<int>& slot = s.writers[s.epoch.load(std::memory_order_seq_cst) & 1u];
+    slot.fetch_add(1, std::memory_order_seq_cst);
+    if (m_enabled.load(std::memory_order_seq_cst) & severity) {
+        try {
+            t_opening_severity = severity;
+            bl::record record = s.source.open_record();
+            if (record) {
+                record.attribute_values().insert(names().message,
+                                                 bl::attributes::make_attribute_value(string_type(text)));
+                s.source.push_record(std::move(record));
+            }
+        } catch (...) {
+            // Diagnostics never break the code they observe.
+        }
     }
+    slot.fetch_sub(1, std::memory_order_release);
 }
 
 template <class CharT>
@@ -371,11 +402,14 @@ basic_diagnostic_listener<CharT>::~basic_diagnostic_listener()
 {
     try {
         m_impl->state->adjust(m_mask, -1);
+        // Boost.Log sends records that find no sink in the core to its fallback sink (std::clog). A
+        // write that saw our categories enabled may still be on its way; it must find this sink there.
+        m_impl->state->wait_for_writers();
     } catch (...) {
-        // Only the lock can fail; the logger then keeps producing records that no sink of ours takes.
+        // Only a mutex can fail here; the sink goes anyway.
     }
     m_impl->state->core->remove_sink(m_impl->sink);
-    // A writer may have picked the sink before it was removed; once detached, its record is dropped.
+    // Records of categories that other listeners keep may still hold this sink; they are dropped.
     m_impl->sink->locked_backend()->detach();
 }
 

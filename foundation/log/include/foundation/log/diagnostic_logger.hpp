@@ -84,8 +84,10 @@ private:
 
 // While alive, receives the records of one logger's channel whose severity has a bit of `mask` and
 // hands them to a handler, from the writing thread, one call at a time. Raises the logger's enabled
-// mask for its lifetime. The destructor returns only once no call of the handler is running, and
-// none starts afterwards. A handler that throws loses that record; the writer never sees it.
+// mask for its lifetime. The destructor waits for the writes in flight on the logger, so it returns
+// only once no call of the handler is running, and none starts afterwards; hence a handler must not
+// destroy a listener of its own logger. A handler that throws loses that record; the writer never
+// sees it.
 template <class CharT>
 class basic_diagnostic_listener {
 public:

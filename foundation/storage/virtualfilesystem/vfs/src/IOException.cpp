@@ -3,19 +3,22 @@
 namespace foundation::storage::vfs {
 
 IOException::IOException(const std::string& message, ErrorCode code)
-    : std::ios_base::failure(message, std::io_errc::stream), m_errorCode(code)
+    : std::ios_base::failure(message, std::io_errc::stream),
+      m_message(message.empty() ? "iostream stream error" : message + ": iostream stream error"), m_errorCode(code)
 {
 }
 IOException::IOException(const IOException&) = default;
+// Moves leave the source with no message; its what() then says "Unknown exception".
 IOException::IOException(IOException&& other) noexcept
-    : core::except::IInternalException(other), std::ios_base::failure(other), m_errorCode(other.m_errorCode),
-      m_contexts(std::move(other.m_contexts))
+    : core::except::IInternalException(other), std::ios_base::failure(other), m_message(std::move(other.m_message)),
+      m_errorCode(other.m_errorCode), m_contexts(std::move(other.m_contexts))
 {
 }
 IOException& IOException::operator=(const IOException&) = default;
 IOException& IOException::operator=(IOException&& other) noexcept
 {
     std::ios_base::failure::operator=(other);
+    m_message = std::move(other.m_message);
     m_errorCode = other.m_errorCode;
     m_contexts = std::move(other.m_contexts);
     return *this;
@@ -24,8 +27,7 @@ IOException::~IOException() noexcept = default;
 
 const char* IOException::what() const noexcept
 {
-    const char* text = std::ios_base::failure::what();
-    return text && *text ? text : "Unknown exception";
+    return m_message.empty() ? "Unknown exception" : m_message.c_str();
 }
 
 ustring IOException::getExceptionContextsString() const { return provider::joinContextKeys(m_contexts); }

@@ -108,6 +108,10 @@ public:
     }
 
 private:
+    // Default text: the message the standard base was built with. (IException's default would ask
+    // what(), which is this class's own and would ask again.)
+    ustring ToUstringImpl() const override { return fl::i18n::utf8_to_ustring_lossy(Base::what()); }
+
     detail::LazyWhat m_what;
 };
 

@@ -37,6 +37,9 @@ protected:
     IOException(const std::string& message, ErrorCode code);
 
 private:
+    // Composed here rather than taken from the std::system_error part, whose text (separator, code
+    // message) varies between standard libraries.
+    std::string m_message;
     ErrorCode m_errorCode;
     mutable std::deque<provider::ExceptionContext> m_contexts;
 };

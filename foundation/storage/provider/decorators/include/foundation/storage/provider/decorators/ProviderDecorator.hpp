@@ -67,7 +67,7 @@ public:
         ProviderOperation operation;
         // Which locations match: none = every location; otherwise the location itself and, with
         // `includeDescendants`, every location below it.
-        std::optional<StorageIRI> location;
+        std::optional<StorageIRI> location = std::nullopt;
         ErrorCode code = ErrorCode::IOError;
         Trigger trigger = Trigger::Always;
         std::uint64_t calls = 0; // for AfterN

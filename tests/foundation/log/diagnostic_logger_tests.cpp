@@ -1,0 +1,463 @@
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sinks/basic_sink_backend.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/make_shared.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace log_test {
+
+using namespace foundation::log;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct Record {
+    unsigned severity;
+    int indent;
+    std::string text;
+    bool operator==(const Record&) const = default;
+};
+
+void PrintTo(const Record& r, std::ostream* os)
+{
+    *os << "{" << category_name(r.severity) << ", " << r.indent << ", \"" << r.text << "\"}";
+}
+
+// Collects what a listener hands over; usable from several writing threads.
+class Recorder {
+public:
+    diagnostic_listener::line_handler handler()
+    {
+        return [this](unsigned severity, int indent, const std::string& text) {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_records.push_back({severity, indent, text});
+        };
+    }
+    std::vector<Record> take()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return std::exchange(m_records, {});
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<Record> m_records;
+};
+
+void writeEveryCategory(diagnostic_logger& logger)
+{
+    for (unsigned bit = 1; bit <= category_function_exit; bit <<= 1)
+        logger.write(bit, category_name(bit));
+}
+
+TEST(DiagnosticListener, ReceivesOnlyItsCategoriesAndChannel)
+{
+    diagnostic_logger first("test.filter.first");
+    diagnostic_logger second("test.filter.second");
+    Recorder onFirst, onSecond;
+    diagnostic_listener firstListener(first, category_arguments | category_results, onFirst.handler());
+    diagnostic_listener secondListener(second, category_arguments, onSecond.handler());
+
+    EXPECT_TRUE(first.enabled(category_arguments));
+    EXPECT_TRUE(first.enabled(category_results));
+    EXPECT_FALSE(first.enabled(category_information | category_exception | category_error));
+    EXPECT_FALSE(second.enabled(category_results));
+
+    writeEveryCategory(first);
+    writeEveryCategory(second);
+    // A record of several categories reaches a listener that has one of them.
+    first.write(category_information | category_results, "mixed");
+
+    EXPECT_THAT(onFirst.take(), ElementsAre(Record{category_arguments, 0, "arguments"},
+                                            Record{category_results, 0, "results"},
+                                            Record{category_information | category_results, 0, "mixed"}));
+    EXPECT_THAT(onSecond.take(), ElementsAre(Record{category_arguments, 0, "arguments"}));
+}
+
+TEST(DiagnosticListener, TwoListenersWithDifferentMasks)
+{
+    diagnostic_logger logger("test.two_listeners");
+    Recorder entries, exitsAndErrors;
+    diagnostic_listener a(logger, category_function_entry, entries.handler());
+    diagnostic_listener b(logger, category_function_exit | category_error, exitsAndErrors.handler());
+
+    EXPECT_TRUE(logger.enabled(category_function_entry));
+    EXPECT_TRUE(logger.enabled(category_function_exit));
+    EXPECT_TRUE(logger.enabled(category_error));
+    EXPECT_FALSE(logger.enabled(category_arguments | category_results | category_information | category_exception));
+
+    {
+        trace_scope scope(logger, "void f()");
+        writeEveryCategory(logger);
+    }
+    EXPECT_THAT(entries.take(), ElementsAre(Record{category_function_entry, 0, "void f()"},
+                                            Record{category_function_entry, 1, "entry"}));
+    EXPECT_THAT(exitsAndErrors.take(), ElementsAre(Record{category_error, 1, "error"},
+                                                   Record{category_function_exit, 1, "exit"},
+                                                   Record{category_function_exit, 0, "void f()"}));
+}
+
+TEST(DiagnosticListener, MaskDropsBackWhenAListenerGoes)
+{
+    diagnostic_logger logger("test.mask_drop");
+    diagnostic_logger other("test.mask_drop.other");
+    Recorder kept;
+    auto goneCalls = std::make_shared<std::atomic<int>>(0);
+    {
+        diagnostic_listener keeper(logger, category_arguments | category_results, kept.handler());
+        {
+            diagnostic_listener leaver(logger, category_results | category_information,
+                                       [goneCalls](unsigned, int, const std::string&) { ++*goneCalls; });
+            EXPECT_TRUE(logger.enabled(category_information));
+            EXPECT_FALSE(other.enabled(category_all)) << "listeners enable their own logger only";
+            logger.write(category_information, "while both");
+            EXPECT_EQ(goneCalls->load(), 1);
+        }
+        EXPECT_FALSE(logger.enabled(category_information));
+        EXPECT_TRUE(logger.enabled(category_results)) << "still wanted by the remaining listener";
+        EXPECT_TRUE(logger.enabled(category_arguments));
+
+        logger.write(category_results, "after");
+        logger.write(category_information, "dropped");
+        EXPECT_EQ(goneCalls->load(), 1) << "a destroyed listener receives nothing";
+        EXPECT_THAT(kept.take(), ElementsAre(Record{category_results, 0, "after"}));
+    }
+    EXPECT_FALSE(logger.enabled(category_all));
+}
+
+TEST(DiagnosticListener, StreamListenerWritesOneFormattedLinePerRecord)
+{
+    diagnostic_logger logger("test.stream");
+    std::ostringstream out;
+    {
+        diagnostic_listener listener(logger, category_all, out);
+        trace_scope outer(logger, "outer");
+        logger.write(category_arguments, "path=/tmp");
+        trace_scope inner(logger, "inner");
+        logger.write(category_results, "true");
+    }
+    EXPECT_EQ(out.str(), "entry outer\n"
+                         "arguments   path=/tmp\n"
+                         "entry   inner\n"
+                         "results     true\n"
+                         "exit   inner\n"
+                         "exit outer\n");
+}
+
+TEST(DiagnosticListener, MayOutliveItsLogger)
+{
+    Recorder recorder;
+    auto logger = std::make_unique<diagnostic_logger>("test.outlive");
+    diagnostic_listener listener(*logger, category_all, recorder.handler());
+    logger->write(category_information, "last words");
+    logger.reset();
+    EXPECT_THAT(recorder.take(), ElementsAre(Record{category_information, 0, "last words"}));
+}
+
+// Other Boost.Log sinks see the records with the documented attributes, and only for the
+// categories some diagnostic listener wants.
+TEST(DiagnosticLogger, RecordsCarryChannelSeverityIndentAndMessage)
+{
+    namespace bl = boost::log;
+    struct Seen {
+        std::string channel;
+        unsigned severity;
+        int indent;
+        std::string message;
+    };
+    class CaptureBackend : public bl::sinks::basic_sink_backend<bl::sinks::synchronized_feeding> {
+    public:
+        std::vector<Seen> seen;
+        void consume(const bl::record_view& record)
+        {
+            const auto& values = record.attribute_values();
+            seen.push_back({bl::extract_or_default<std::string>("Channel", values, std::string("?")),
+                            bl::extract_or_default<unsigned>("Severity", values, 0u),
+                            bl::extract_or_default<int>("Indent", values, -1),
+                            bl::extract_or_default<std::string>("Message", values, std::string("?"))});
+        }
+    };
+    auto backend = boost::make_shared<CaptureBackend>();
+    auto sink = boost::make_shared<bl::sinks::synchronous_sink<CaptureBackend>>(backend);
+    sink->set_filter(bl::expressions::attr<std::string>("Channel") == "test.attributes");
+    bl::core::get()->add_sink(sink);
+
+    diagnostic_logger logger("test.attributes");
+    {
+        diagnostic_listener wantsResults(logger, category_results, [](unsigned, int, const std::string&) {});
+        trace_scope scope(logger, "int answer()");
+        logger.write(category_results, "42");
+        logger.write(category_arguments, "nobody wants this");
+    }
+    bl::core::get()->remove_sink(sink);
+
+    ASSERT_EQ(backend->seen.size(), 1u);
+    EXPECT_EQ(backend->seen[0].channel, "test.attributes");
+    EXPECT_EQ(backend->seen[0].severity, category_results);
+    EXPECT_EQ(backend->seen[0].indent, 1);
+    EXPECT_EQ(backend->seen[0].message, "42");
+}
+
+TEST(TraceScope, IndentNestsPerLoggerAndPerThread)
+{
+    diagnostic_logger logger("test.indent");
+    diagnostic_logger other("test.indent.other");
+    Recorder recorder;
+    diagnostic_listener listener(logger, category_all, recorder.handler());
+
+    EXPECT_EQ(logger.indent(), 0);
+    {
+        trace_scope outer(logger, "outer");
+        logger.write(category_information, "a");
+        {
+            trace_scope inner(logger, "inner");
+            logger.write(category_information, "b");
+            EXPECT_EQ(logger.indent(), 2);
+            EXPECT_EQ(other.indent(), 0);
+
+            int seenByThread = -1;
+            std::thread([&] {
+                seenByThread = logger.indent();
+                trace_scope scope(logger, "thread");
+                logger.write(category_information, "c");
+            }).join();
+            EXPECT_EQ(seenByThread, 0);
+            EXPECT_EQ(logger.indent(), 2) << "another thread's scopes leave ours alone";
+        }
+        {
+            trace_scope onOther(other, "other");
+            EXPECT_EQ(logger.indent(), 1);
+            EXPECT_EQ(other.indent(), 1);
+        }
+    }
+    EXPECT_EQ(logger.indent(), 0);
+    EXPECT_THAT(recorder.take(), ElementsAre(Record{category_function_entry, 0, "outer"},
+                                             Record{category_information, 1, "a"},
+                                             Record{category_function_entry, 1, "inner"},
+                                             Record{category_information, 2, "b"},
+                                             Record{category_function_entry, 0, "thread"},
+                                             Record{category_information, 1, "c"},
+                                             Record{category_function_exit, 0, "thread"},
+                                             Record{category_function_exit, 1, "inner"},
+                                             Record{category_function_exit, 0, "outer"}));
+}
+
+TEST(TraceScope, IndentIsKeptWhileNobodyListens)
+{
+    diagnostic_logger logger("test.indent.silent");
+    Recorder recorder;
+    trace_scope outer(logger, "outer");
+    {
+        trace_scope inner(logger, "inner");
+    }
+    diagnostic_listener listener(logger, category_all, recorder.handler());
+    logger.write(category_information, "inside outer");
+    EXPECT_THAT(recorder.take(), ElementsAre(Record{category_information, 1, "inside outer"}));
+}
+
+struct TracedOnUnwind {
+    diagnostic_logger& logger;
+    ~TracedOnUnwind()
+    {
+        // Runs while an exception is in flight but leaves normally.
+        trace_scope scope(logger, "cleanup");
+    }
+};
+
+TEST(TraceScope, ExitIsMarkedOnlyWhenLeftByAnException)
+{
+    diagnostic_logger logger("test.throw");
+    Recorder recorder;
+    diagnostic_listener listener(logger, category_function_exit, recorder.handler());
+
+    try {
+        trace_scope scope(logger, "void fails()");
+        TracedOnUnwind cleanup{logger};
+        throw std::runtime_error("boom");
+    } catch (const std::runtime_error&) {
+        trace_scope inHandler(logger, "handler");
+    }
+    EXPECT_THAT(recorder.take(), ElementsAre(Record{category_function_exit, 1, "cleanup"},
+                                             Record{category_function_exit, 0, "void fails() [throw]"},
+                                             Record{category_function_exit, 0, "handler"}));
+    EXPECT_EQ(logger.indent(), 0);
+}
+
+TEST(TraceScope, WorksInThreadLocalDestructorsAtThreadExit)
+{
+    diagnostic_logger logger("test.thread_exit");
+    Recorder recorder;
+    diagnostic_listener listener(logger, category_all, recorder.handler());
+
+    std::thread([&logger] {
+        // Made before the thread's first trace scope, so destroyed after the indent bookkeeping.
+        thread_local struct LateWriter {
+            diagnostic_logger* logger = nullptr;
+            ~LateWriter()
+            {
+                if (!logger)
+                    return;
+                trace_scope scope(*logger, "late");
+                logger->write(category_information, "bye");
+            }
+        } writer;
+        writer.logger = &logger;
+        trace_scope first(logger, "first");
+    }).join();
+
+    const auto records = recorder.take();
+    ASSERT_EQ(records.size(), 5u);
+    EXPECT_EQ(records[0], (Record{category_function_entry, 0, "first"}));
+    EXPECT_EQ(records[1], (Record{category_function_exit, 0, "first"}));
+    EXPECT_EQ(records[2].text, "late");
+    EXPECT_EQ(records[3].text, "bye");
+    EXPECT_EQ(records[4].text, "late");
+}
+
+TEST(DiagnosticLoggerDeathTest, WritesDuringProcessShutdown)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            static diagnostic_logger logger("test.shutdown");
+            static diagnostic_listener toStderr(logger, category_all, std::cerr);
+            // Destroyed first at exit, after the main thread's thread-local state is gone.
+            static struct LateWriter {
+                ~LateWriter()
+                {
+                    trace_scope scope(logger, "late_writer");
+                    logger.write(category_information, "written during exit");
+                }
+            } writer;
+            trace_scope scope(logger, "main");
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "entry late_writer(.|\n)*written during exit(.|\n)*exit late_writer");
+}
+
+// Sends what the process writes to stdout into a temporary file while alive.
+class StdoutCapture {
+public:
+    StdoutCapture() : m_file(std::tmpfile())
+    {
+        std::fflush(stdout);
+        m_saved = ::dup(STDOUT_FILENO);
+        ::dup2(::fileno(m_file), STDOUT_FILENO);
+    }
+    ~StdoutCapture()
+    {
+        restore();
+        std::fclose(m_file);
+    }
+    std::string finish()
+    {
+        restore();
+        std::string text;
+        std::rewind(m_file);
+        for (int c; (c = std::fgetc(m_file)) != EOF;)
+            text += static_cast<char>(c);
+        return text;
+    }
+
+private:
+    void restore()
+    {
+        if (m_saved < 0)
+            return;
+        std::fflush(stdout);
+        ::dup2(m_saved, STDOUT_FILENO);
+        ::close(m_saved);
+        m_saved = -1;
+    }
+    std::FILE* m_file;
+    int m_saved = -1;
+};
+
+// Writers trace continuously while listeners of varying masks come and go. A listener must see
+// well-formed records only while it lives, and never after its destructor returned.
+TEST(DiagnosticLogger, ConcurrentWritersWhileListenersComeAndGo)
+{
+    // Boost.Log prints records that find no sink in the core to stdout; none of ours may get there,
+    // not even one that raced with the removal of the last listener.
+    StdoutCapture capture;
+    diagnostic_logger logger("test.concurrent");
+    std::atomic<bool> stop{false};
+    std::atomic<int> badIndent{0};
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 3; ++w)
+        writers.emplace_back([&] {
+            while (!stop.load()) {
+                trace_scope scope(logger, "work");
+                if (logger.indent() != 1)
+                    ++badIndent;
+                if (logger.enabled(category_information))
+                    logger.write(category_information, "tick");
+            }
+        });
+
+    struct Probe {
+        std::atomic<bool> closed{false};
+        std::atomic<int> records{0};
+        std::atomic<int> afterClose{0};
+        std::atomic<int> malformed{0};
+    };
+    const unsigned masks[] = {category_function_entry | category_function_exit, category_information, category_all};
+    constexpr int rounds = 200;
+    std::vector<std::shared_ptr<Probe>> probes;
+    for (int round = 0; round < rounds; ++round) {
+        auto probe = std::make_shared<Probe>();
+        const unsigned mask = masks[round % 3];
+        {
+            diagnostic_listener listener(logger, mask, [probe, mask](unsigned severity, int indent, const std::string& text) {
+                if (probe->closed.load())
+                    ++probe->afterClose;
+                const bool wellFormed = (severity & mask) != 0 &&
+                                        ((severity == category_information && indent == 1 && text == "tick") ||
+                                         ((severity == category_function_entry || severity == category_function_exit) &&
+                                          indent == 0 && text == "work"));
+                if (!wellFormed)
+                    ++probe->malformed;
+                ++probe->records;
+            });
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (probe->records.load() < 1 && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::yield();
+        }
+        probe->closed = true;
+        probes.push_back(probe);
+    }
+    stop = true;
+    for (auto& writer : writers)
+        writer.join();
+    EXPECT_EQ(capture.finish(), "");
+    for (std::size_t round = 0; round < probes.size(); ++round) {
+        EXPECT_GT(probes[round]->records.load(), 0) << "round " << round;
+        EXPECT_EQ(probes[round]->afterClose.load(), 0) << "round " << round;
+        EXPECT_EQ(probes[round]->malformed.load(), 0) << "round " << round;
+    }
+    EXPECT_EQ(badIndent.load(), 0);
+    EXPECT_FALSE(logger.enabled(category_all));
+}
+
+} // namespace log_test

@@ -1,0 +1,118 @@
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <foundation/core/except/Exception.hpp>
+
+#include <boost/exception/errinfo_nested_exception.hpp>
+#include <boost/exception/info.hpp>
+#include <boost/exception_ptr.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <gtest/gtest.h>
+
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+namespace chain_test {
+
+using foundation::log::current_exception_chain_as_string;
+
+struct CopyError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct BoostError : std::runtime_error, boost::exception {
+    using std::runtime_error::runtime_error;
+};
+
+// Carries information but no message.
+struct Note : boost::exception {};
+
+// A platform exception that is not a std::exception: its text comes from ToUstring().
+struct Described : foundation::core::except::IException {
+    boost::exception_detail::clone_base const* clone() const override { return new Described(*this); }
+    void rethrow() const override { throw *this; }
+
+private:
+    foundation::core::except::ustring ToUstringImpl() const override { return u"r\u00e9sum\u00e9 lost"; }
+};
+
+template <class Throw>
+std::string chainOf(Throw thrower)
+{
+    try {
+        thrower();
+    } catch (...) {
+        return current_exception_chain_as_string();
+    }
+    return "nothing thrown";
+}
+
+TEST(ExceptionChain, StandardNestingThreeLevels)
+{
+    const std::string chain = chainOf([] {
+        try {
+            try {
+                throw std::runtime_error("disk failed");
+            } catch (...) {
+                std::throw_with_nested(std::logic_error("provider failed"));
+            }
+        } catch (...) {
+            std::throw_with_nested(CopyError("copy failed"));
+        }
+    });
+    EXPECT_EQ(chain, "chain_test::CopyError: copy failed\n"
+                     "std::logic_error: provider failed\n"
+                     "std::runtime_error: disk failed");
+}
+
+TEST(ExceptionChain, BoostNestingThreeLevels)
+{
+    const std::string chain = chainOf([] {
+        try {
+            try {
+                boost::throw_exception(std::runtime_error("disk failed"));
+            } catch (...) {
+                boost::throw_exception(BoostError("provider failed")
+                                       << boost::errinfo_nested_exception(boost::current_exception()));
+            }
+        } catch (...) {
+            boost::throw_exception(BoostError("copy failed") << boost::errinfo_nested_exception(boost::current_exception()));
+        }
+    });
+    EXPECT_EQ(chain, "chain_test::BoostError: copy failed\n"
+                     "chain_test::BoostError: provider failed\n"
+                     "std::runtime_error: disk failed");
+}
+
+TEST(ExceptionChain, MixedNestingAndTypesWithoutMessage)
+{
+    const std::string chain = chainOf([] {
+        try {
+            try {
+                throw 42;
+            } catch (...) {
+                throw Note() << boost::errinfo_nested_exception(boost::current_exception());
+            }
+        } catch (...) {
+            std::throw_with_nested(Described());
+        }
+    });
+    EXPECT_EQ(chain, "chain_test::Described: r\xc3\xa9sum\xc3\xa9 lost\n"
+                     "chain_test::Note\n"
+                     "int");
+
+    EXPECT_EQ(chainOf([] { throw "plain text"; }), "char const*: plain text");
+}
+
+TEST(ExceptionChain, OutsideAHandler)
+{
+    EXPECT_EQ(current_exception_chain_as_string(), "no exception");
+    try {
+        throw std::runtime_error("handled");
+    } catch (...) {
+    }
+    EXPECT_EQ(current_exception_chain_as_string(), "no exception");
+}
+
+} // namespace chain_test

@@ -1,0 +1,742 @@
+#include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/StorageIRI.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+namespace {
+
+using foundation::storage::provider::ErrorCode;
+using foundation::storage::provider::Exception;
+using foundation::storage::provider::StorageIRI;
+using fl::i18n::ustring;
+
+std::string utf8(std::u16string_view text) { return fl::i18n::ustring_to_utf8_lossy(text); }
+std::string utf8(const StorageIRI& iri) { return utf8(iri.toString()); }
+
+bool isAscii(std::u16string_view text)
+{
+    return std::all_of(text.begin(), text.end(), [](char16_t c) { return c < 0x80; });
+}
+
+// The invariant every accepted IRI must keep: printing and re-parsing (in both forms) gives the same
+// value and the same text.
+void expectRoundTrip(const StorageIRI& iri)
+{
+    SCOPED_TRACE(utf8(iri));
+    const StorageIRI again(iri.toString());
+    EXPECT_TRUE(again == iri);
+    EXPECT_EQ(again.toString(), iri.toString());
+    EXPECT_EQ(again.hashValue(), iri.hashValue());
+    EXPECT_EQ(again.getPath(), iri.getPath());
+    EXPECT_EQ(again.hasPath(), iri.hasPath());
+    EXPECT_EQ(again.getAuthority(), iri.getAuthority());
+    EXPECT_EQ(again.hasInnerIRI(), iri.hasInnerIRI());
+
+    const ustring& ascii = iri.toAsciiString();
+    EXPECT_TRUE(isAscii(ascii)) << utf8(ascii);
+    const StorageIRI fromAscii(ascii);
+    EXPECT_TRUE(fromAscii == iri) << utf8(ascii);
+    EXPECT_EQ(fromAscii.toString(), iri.toString());
+    EXPECT_EQ(fromAscii.toAsciiString(), ascii);
+}
+
+// Runs `action`, which must throw provider::Exception(InvalidLocation); returns the exception.
+template <class Action>
+std::optional<Exception> invalidLocation(Action&& action)
+{
+    try {
+        action();
+    } catch (const Exception& error) {
+        EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation);
+        return error;
+    } catch (const std::exception& other) {
+        ADD_FAILURE() << "unexpected exception: " << other.what();
+        return std::nullopt;
+    }
+    ADD_FAILURE() << "no exception";
+    return std::nullopt;
+}
+
+// ---- parsing and printing ----------------------------------------------------------------------
+
+struct ParseCase {
+    std::u16string_view input;
+    std::u16string_view text;   // expected normalised text
+    std::u16string_view scheme;
+    std::u16string_view path;   // decoded; empty when there is none
+    bool hasPath;
+};
+
+std::ostream& operator<<(std::ostream& out, const ParseCase& c) { return out << utf8(c.input); }
+
+class StorageIRIParse : public ::testing::TestWithParam<ParseCase> {};
+
+TEST_P(StorageIRIParse, NormalisesAndRoundTrips)
+{
+    const ParseCase& c = GetParam();
+    const StorageIRI iri{ustring(c.input)};
+    EXPECT_EQ(iri.toString(), c.text);
+    EXPECT_EQ(iri.getScheme(), c.scheme);
+    EXPECT_EQ(iri.hasPath(), c.hasPath);
+    EXPECT_EQ(iri.getPath(), c.path);
+    EXPECT_EQ(iri.getResolvedPath(), c.path);
+    EXPECT_FALSE(iri.empty());
+    expectRoundTrip(iri);
+}
+
+constexpr ParseCase parseCases[] = {
+    {u"file:///tmp/a.txt", u"file:///tmp/a.txt", u"file", u"/tmp/a.txt", true},
+    {u"FILE://LocalHost/Tmp", u"file:///Tmp", u"file", u"/Tmp", true},
+    {u"file://localhost", u"file://", u"file", u"", false},
+    {u"file:/abs/x", u"file:///abs/x", u"file", u"/abs/x", true},
+    {u"file:///", u"file:///", u"file", u"/", true},
+    {u"file://server/share/x", u"file://server/share/x", u"file", u"/share/x", true},
+    {u"mem://vol/a/b", u"mem://vol/a/b", u"mem", u"/a/b", true},
+    {u"mem://vol", u"mem://vol", u"mem", u"", false},
+    {u"Mem://Vol/", u"mem://Vol/", u"mem", u"/", true},
+    {u"x:/", u"x:/", u"x", u"/", true},
+    {u"x:foo", u"x:foo", u"x", u"", false},
+    {u"x:", u"x:", u"x", u"", false},
+    {u"x:%2Ffoo", u"x:%2Ffoo", u"x", u"", false},
+    {u"x:a!b%21/c", u"x:a%21b%21/c", u"x", u"", false},
+    {u"urn:isbn:0451450523", u"urn:isbn:0451450523", u"urn", u"", false},
+    {u"s+v-1.2://h/p", u"s+v-1.2://h/p", u"s+v-1.2", u"/p", true},
+    // Slashes and dot segments.
+    {u"file:///a//b///c/", u"file:///a/b/c", u"file", u"/a/b/c", true},
+    {u"file:////a", u"file:///a", u"file", u"/a", true},
+    {u"file:///a/./b/../c", u"file:///a/c", u"file", u"/a/c", true},
+    {u"file:///../../x", u"file:///x", u"file", u"/x", true},
+    {u"file:///a/b/../../../..", u"file:///", u"file", u"/", true},
+    {u"file:///a/%2E%2E/b", u"file:///b", u"file", u"/b", true},
+    {u"file:///a/%2e/b", u"file:///a/b", u"file", u"/a/b", true},
+    {u"file:///...", u"file:///...", u"file", u"/...", true},
+    {u"file:///a%2Fb", u"file:///a/b", u"file", u"/a/b", true},
+    {u"x:/a/..", u"x:/", u"x", u"/", true},
+    // Escapes are decoded and re-encoded only where needed, in upper case.
+    {u"file:///%41%62", u"file:///Ab", u"file", u"/Ab", true},
+    {u"file:///caf%C3%A9", u"file:///caf\u00E9", u"file", u"/caf\u00E9", true},
+    {u"file:///caf%c3%a9", u"file:///caf\u00E9", u"file", u"/caf\u00E9", true},
+    {u"file:///%F0%9F%98%80", u"file:///\U0001F600", u"file", u"/\U0001F600", true},
+    {u"file:///\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", u"file:///\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", u"file",
+     u"/\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", true},
+    {u"file:///a%20b%25c%3fd%23e%21f", u"file:///a%20b%25c%3Fd%23e%21f", u"file", u"/a b%c?d#e!f", true},
+    {u"file:///a b?c#d", u"file:///a%20b%3Fc%23d", u"file", u"/a b?c#d", true},
+    {u"file:///\"<>\\^`{|}[]", u"file:///%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D", u"file", u"/\"<>\\^`{|}[]", true},
+    {u"file:///%00x%01%1F", u"file:///%00x%01%1F", u"file", std::u16string_view(u"/\0x\x01\x1F", 5), true},
+    {u"file:///%7F%C2%80%C2%9F\u00A0", u"file:///%7F%C2%80%C2%9F\u00A0", u"file", u"/\x7F\u0080\u009F\u00A0", true},
+    // Private use, non-characters and bidi controls are no IRI characters: they stay escaped.
+    {u"file:///\uE000%EF%B7%90\u200E\U0010FFFD", u"file:///%EE%80%80%EF%B7%90%E2%80%8E%F4%8F%BF%BD", u"file",
+     u"/\uE000\uFDD0\u200E\U0010FFFD", true},
+    {u"file:///a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", u"file:///a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", u"file",
+     u"/a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", true},
+    // A "!" in a hierarchical part is literal.
+    {u"file:///a!b", u"file:///a%21b", u"file", u"/a!b", true},
+    {u"file:///a!/b", u"file:///a%21/b", u"file", u"/a!/b", true},
+    // Authorities.
+    {u"mem://vol%2Fx/a", u"mem://vol%2Fx/a", u"mem", u"/a", true},
+    {u"x://[::1]:80/p", u"x://[::1]:80/p", u"x", u"/p", true},
+    {u"x://us%20er@h%C3%A9st/p", u"x://us%20er@h\u00E9st/p", u"x", u"/p", true},
+    {u"x:///", u"x:///", u"x", u"/", true},
+    {u"x://", u"x://", u"x", u"", false},
+    // Nested IRIs.
+    {u"zip:file:///tmp/a.zip!/docs/x.txt", u"zip:file:///tmp/a.zip!/docs/x.txt", u"zip", u"/docs/x.txt", true},
+    {u"ZIP:File://localhost/a.zip!/./x/../y", u"zip:file:///a.zip!/y", u"zip", u"/y", true},
+    {u"zip:file:///a.zip!/", u"zip:file:///a.zip!/", u"zip", u"/", true},
+    {u"zip:file:///a.zip!//..//", u"zip:file:///a.zip!/", u"zip", u"/", true},
+    {u"zip:file:///a%21b.zip!/c%21d", u"zip:file:///a%21b.zip!/c%21d", u"zip", u"/c!d", true},
+    {u"zip:file:///a!b.zip!/c", u"zip:file:///a%21b.zip!/c", u"zip", u"/c", true},
+    {u"a:b:file:///x!/y!/z", u"a:b:file:///x!/y!/z", u"a", u"/z", true},
+    {u"tar:gz:mem://v/a%20b.tgz!/in.tar!/d/%C3%A9", u"tar:gz:mem://v/a%20b.tgz!/in.tar!/d/\u00E9", u"tar",
+     u"/d/\u00E9", true},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, StorageIRIParse, ::testing::ValuesIn(parseCases));
+
+TEST(StorageIRI, NestedLevelsExposeTheirContainers)
+{
+    const StorageIRI iri(u"a:B:file:///x%21!/y!/z");
+    ASSERT_TRUE(iri.hasInnerIRI());
+    const StorageIRI middle = iri.getInnerIRI();
+    EXPECT_EQ(middle.toString(), u"b:file:///x%21!/y");
+    EXPECT_EQ(middle.getScheme(), u"b");
+    EXPECT_EQ(middle.getPath(), u"/y");
+    ASSERT_TRUE(middle.hasInnerIRI());
+    const StorageIRI innermost = middle.getInnerIRI();
+    EXPECT_EQ(innermost.toString(), u"file:///x%21");
+    EXPECT_EQ(innermost.getPath(), u"/x!");
+    EXPECT_FALSE(innermost.hasInnerIRI());
+    EXPECT_TRUE(innermost.getInnerIRI().empty());
+    EXPECT_FALSE(iri.hasAuthority());
+    EXPECT_TRUE(iri.getAuthority().empty());
+}
+
+TEST(StorageIRI, AuthorityAndFileNormalisation)
+{
+    EXPECT_TRUE(StorageIRI(u"file:/a").hasAuthority());
+    EXPECT_TRUE(StorageIRI(u"file://LOCALHOST/a") == StorageIRI(u"file:///a"));
+    EXPECT_EQ(StorageIRI(u"mem://v%C3%A9/").getAuthority(), u"v\u00E9");
+    EXPECT_EQ(StorageIRI(u"mem://vol%2Fx/").getAuthority(), u"vol/x");
+    EXPECT_TRUE(StorageIRI(u"mem://vol/").hasAuthority());
+    EXPECT_FALSE(StorageIRI(u"x:/a").hasAuthority());
+    // localhost is only special for file IRIs.
+    EXPECT_EQ(StorageIRI(u"mem://localhost/a").getAuthority(), u"localhost");
+}
+
+// ---- rejected text -----------------------------------------------------------------------------
+
+struct RejectCase {
+    std::u16string_view input;
+    std::u16string_view reason; // part of the "parse" context's detail
+};
+
+std::ostream& operator<<(std::ostream& out, const RejectCase& c) { return out << utf8(c.input); }
+
+class StorageIRIReject : public ::testing::TestWithParam<RejectCase> {};
+
+TEST_P(StorageIRIReject, ThrowsInvalidLocationWithTheReason)
+{
+    const RejectCase& c = GetParam();
+    const auto error = invalidLocation([&] { StorageIRI{ustring(c.input)}; });
+    ASSERT_TRUE(error);
+    ASSERT_EQ(error->getAllExceptionContexts().size(), 1u);
+    const auto& context = error->getAllExceptionContexts().front();
+    EXPECT_EQ(context.getExceptionContextKey(), u"parse");
+    EXPECT_THAT(utf8(context.getDetail()), ::testing::HasSubstr(utf8(c.reason)));
+    EXPECT_THAT(utf8(error->getMessage()), ::testing::HasSubstr(utf8(c.input)));
+    EXPECT_TRUE(error->getStorageIRI().empty());
+    EXPECT_NE(std::string(error->what()), "");
+}
+
+constexpr RejectCase rejectCases[] = {
+    {u"", u"empty text"},
+    {u"noscheme", u"no scheme"},
+    {u"/tmp/a", u"no scheme"},
+    {u":foo", u"no scheme"},
+    {u"1x:/a", u"invalid character in scheme at offset 0"},
+    {u"a b:/x", u"invalid character in scheme at offset 1"},
+    {u"fi_le:///x", u"invalid character in scheme"},
+    {u"\u00E9:/x", u"invalid character in scheme"},
+    {u"%66ile:///x", u"invalid character in scheme"},
+    {u"file:///%", u"'%' not followed by two hex digits at offset 8"},
+    {u"file:///%4", u"'%' not followed by two hex digits"},
+    {u"file:///%G1", u"'%' not followed by two hex digits"},
+    {u"file:///a%%41", u"'%' not followed by two hex digits at offset 9"},
+    {u"mem://v%/a", u"'%' not followed by two hex digits at offset 7"},
+    {u"x:%zz", u"'%' not followed by two hex digits"},
+    {u"file:///%C3", u"not well-formed UTF-8"},
+    {u"file:///%C3x", u"not well-formed UTF-8"},
+    {u"file:///%C0%AF", u"not well-formed UTF-8"},
+    {u"file:///%E0%80%AF", u"not well-formed UTF-8"},
+    {u"file:///%ED%A0%80", u"not well-formed UTF-8"},
+    {u"file:///%F4%90%80%80", u"not well-formed UTF-8"},
+    {u"file:///%FF", u"not well-formed UTF-8"},
+    {u"file:///%80", u"not well-formed UTF-8"},
+    {u"zip:nonsense!/x", u"malformed inner IRI: no scheme"},
+    {u"zip:a/b!/c", u"malformed inner IRI: no scheme"},
+    {u"zip:file:///%ZZ!/x", u"malformed inner IRI: '%' not followed by two hex digits at offset 12"},
+    {u"a:b:c!/d!/e", u"malformed inner IRI: malformed inner IRI: no scheme"},
+    {u"zip:mem://vol!/x", u"has no path"},
+    {u"zip:x:opaque!/y", u"has no path"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, StorageIRIReject, ::testing::ValuesIn(rejectCases));
+
+TEST(StorageIRI, LoneSurrogatesAreRejectedAnywhere)
+{
+    const ustring inputs[] = {
+        ustring(u"file:///a") + char16_t(0xD800),
+        ustring(u"file:///") + char16_t(0xDC00) + u"b",
+        ustring(u"file:///") + char16_t(0xDC00) + char16_t(0xD800),
+        ustring(u"mem://v") + char16_t(0xDBFF) + u"/a",
+        ustring(1, char16_t(0xD83D)) + u":/a",
+        ustring(u"zip:file:///") + char16_t(0xDFFF) + u"!/x",
+        ustring(u"file:///") + char16_t(0xD800) + u"%80",
+    };
+    for (const auto& input : inputs) {
+        SCOPED_TRACE(utf8(input));
+        const auto error = invalidLocation([&] { StorageIRI{input}; });
+        ASSERT_TRUE(error);
+        ASSERT_FALSE(error->getAllExceptionContexts().empty());
+        EXPECT_EQ(error->getAllExceptionContexts().front().getDetail(), u"lone surrogate");
+    }
+}
+
+// ---- identity ----------------------------------------------------------------------------------
+
+TEST(StorageIRI, EqualityHashAndOrderFollowTheNormalisedText)
+{
+    const std::vector<std::vector<std::u16string_view>> groups = {
+        {u"file:///a/b", u"FILE:///a/b", u"File://localhost/a/b", u"file:/a/./b/", u"file:///%61/b", u"file:///a%2Fb",
+         u"file:////a//b//"},
+        {u"file:///A/b"},
+        {u"mem://v/a/b", u"MEM://v/a/x/../b"},
+        {u"mem://V/a/b"},
+        {u"zip:file:///a.zip!/b", u"Zip:file:///a.zip!/./b", u"zip:FILE:///a.zip!/b"},
+        {u"zip:file:///a.zip!/b/"},
+        {u"file:///caf\u00E9", u"file:///caf%C3%A9"},
+        {u"file:///cafe\u0301"}, // canonically equivalent, yet another code unit sequence
+        {u"x:foo"},
+        {u"x://foo"},
+    };
+    std::vector<StorageIRI> firsts;
+    std::unordered_set<StorageIRI> set;
+    for (const auto& group : groups) {
+        const StorageIRI first{ustring(group.front())};
+        firsts.push_back(first);
+        for (const auto text : group) {
+            SCOPED_TRACE(utf8(text));
+            const StorageIRI iri{ustring(text)};
+            EXPECT_TRUE(iri == first);
+            EXPECT_FALSE(iri != first);
+            EXPECT_FALSE(iri < first || first < iri);
+            EXPECT_EQ(iri.hashValue(), first.hashValue());
+            EXPECT_EQ(hash_value(iri), first.hashValue());
+            EXPECT_EQ(std::hash<StorageIRI>{}(iri), first.hashValue());
+            set.insert(iri);
+        }
+    }
+    EXPECT_EQ(set.size(), groups.size() - 1); // "zip:...!/b/" normalises to "zip:...!/b"
+    EXPECT_TRUE(StorageIRI(u"zip:file:///a.zip!/b/") == StorageIRI(u"zip:file:///a.zip!/b"));
+
+    for (std::size_t i = 0; i < firsts.size(); ++i) {
+        for (std::size_t j = 0; j < firsts.size(); ++j) {
+            const bool sameText = firsts[i].toString() == firsts[j].toString();
+            EXPECT_EQ(firsts[i] == firsts[j], sameText);
+            EXPECT_EQ(firsts[i] < firsts[j], firsts[i].toString() < firsts[j].toString());
+            if (!sameText) {
+                EXPECT_NE(firsts[i] < firsts[j], firsts[j] < firsts[i]);
+            }
+        }
+    }
+    // Code-unit order: a supplementary character (surrogates, 0xD8xx) sorts before U+E000..U+FFFF.
+    EXPECT_TRUE(StorageIRI(u"x:/\U0001F600") < StorageIRI(u"x:/\uFF21"));
+    EXPECT_TRUE(StorageIRI(u"x:/a") < StorageIRI(u"x:/b"));
+    EXPECT_TRUE(StorageIRI(u"x:/a") < StorageIRI(u"x:/a/b"));
+}
+
+TEST(StorageIRI, EmptyValueAndCopies)
+{
+    const StorageIRI none;
+    EXPECT_TRUE(none.empty());
+    EXPECT_FALSE(none.hasPath());
+    EXPECT_FALSE(none.hasParent());
+    EXPECT_FALSE(none.hasAuthority());
+    EXPECT_FALSE(none.hasInnerIRI());
+    EXPECT_TRUE(none.toString().empty());
+    EXPECT_TRUE(none.toAsciiString().empty());
+    EXPECT_TRUE(none.getScheme().empty());
+    EXPECT_TRUE(none.getName().empty());
+    EXPECT_TRUE(none.getParent().empty());
+    EXPECT_TRUE(none.getPathView().empty());
+    EXPECT_TRUE(none.toIRI() == foundation::network::IRI());
+    EXPECT_TRUE(none == StorageIRI());
+    EXPECT_EQ(none.hashValue(), StorageIRI().hashValue());
+    EXPECT_FALSE(none == StorageIRI(u"x:"));
+    EXPECT_TRUE(none < StorageIRI(u"x:"));
+
+    StorageIRI source(u"file:///a/b");
+    const StorageIRI copy = source;
+    EXPECT_EQ(&copy.toString(), &source.toString()) << "copies share their data";
+    const StorageIRI child(copy, u"c");
+    EXPECT_EQ(source.toString(), u"file:///a/b");
+
+    StorageIRI moved(std::move(source));
+    EXPECT_EQ(moved.toString(), u"file:///a/b");
+    source = StorageIRI(u"mem://v/");
+    EXPECT_EQ(source.getAuthority(), u"v");
+}
+
+TEST(StorageIRI, AsciiFormIsComputedOnceAcrossThreads)
+{
+    const StorageIRI iri(u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
+    const ustring expected = u"file:///%E6%97%A5%E6%9C%AC/a%20%F0%9F%98%80%C3%A9";
+    std::vector<const ustring*> seen(4);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&, i] {
+            const StorageIRI copy = iri;
+            seen[i] = &copy.toAsciiString();
+        });
+    for (auto& thread : threads)
+        thread.join();
+    for (const ustring* text : seen) {
+        EXPECT_EQ(text, seen.front());
+        EXPECT_EQ(*text, expected);
+    }
+    EXPECT_EQ(iri.toString(), u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
+}
+
+TEST(StorageIRI, ToIRICarriesBothForms)
+{
+    const StorageIRI iri(u"ZIP:file:///caf%C3%A9.zip!/a%20b");
+    const auto general = iri.toIRI();
+    EXPECT_EQ(general.getScheme(), u"zip");
+    EXPECT_EQ(general.getHierarchicalPart(), u"file:///caf\u00E9.zip!/a%20b");
+    EXPECT_EQ(general.toString(), u"zip:file:///caf\u00E9.zip!/a%20b");
+    EXPECT_EQ(general.toAsciiString(), u"zip:file:///caf%C3%A9.zip!/a%20b");
+    EXPECT_TRUE(general == StorageIRI(u"zip:file:///caf\u00E9.zip!/a%20b").toIRI());
+    EXPECT_EQ(StorageIRI(u"mem://v").toIRI().getHierarchicalPart(), u"//v");
+    EXPECT_EQ(StorageIRI(u"x:").toIRI().getHierarchicalPart(), u"");
+}
+
+// ---- resolution against a base -----------------------------------------------------------------
+
+struct ResolveCase {
+    std::u16string_view base;
+    std::u16string_view relative;
+    std::u16string_view text;
+    std::u16string_view path;
+};
+
+std::ostream& operator<<(std::ostream& out, const ResolveCase& c)
+{
+    return out << utf8(c.base) << " + " << utf8(c.relative);
+}
+
+class StorageIRIResolve : public ::testing::TestWithParam<ResolveCase> {};
+
+TEST_P(StorageIRIResolve, TakesTheRelativePathLiterally)
+{
+    const ResolveCase& c = GetParam();
+    const StorageIRI base{ustring(c.base)};
+    const StorageIRI resolved(base, ustring(c.relative));
+    EXPECT_EQ(resolved.toString(), c.text);
+    EXPECT_EQ(resolved.getPath(), c.path);
+    EXPECT_EQ(resolved.getScheme(), base.getScheme());
+    EXPECT_EQ(resolved.getAuthority(), base.getAuthority());
+    EXPECT_EQ(resolved.hasAuthority(), base.hasAuthority());
+    EXPECT_EQ(resolved.getInnerIRI().toString(), base.getInnerIRI().toString());
+    EXPECT_EQ(base.toString(), StorageIRI(ustring(c.base)).toString());
+    const auto slash = c.path.rfind(u'/');
+    EXPECT_EQ(resolved.getName(), c.path.substr(slash + 1));
+    expectRoundTrip(resolved);
+}
+
+const ResolveCase resolveCases[] = {
+    {u"file:///a", u"b", u"file:///a/b", u"/a/b"},
+    {u"file:///", u"b", u"file:///b", u"/b"},
+    {u"file:///a", u"100%.txt", u"file:///a/100%25.txt", u"/a/100%.txt"},
+    {u"file:///a", u"a b#c", u"file:///a/a%20b%23c", u"/a/a b#c"},
+    {u"file:///a", u"%41", u"file:///a/%2541", u"/a/%41"},
+    {u"file:///a", u"q?x=1", u"file:///a/q%3Fx=1", u"/a/q?x=1"},
+    {u"file:///a", u"b!/c", u"file:///a/b%21/c", u"/a/b!/c"},
+    {u"file:///a", u"\u00E9\U0001F600", u"file:///a/\u00E9\U0001F600", u"/a/\u00E9\U0001F600"},
+    {u"file:///a", u"\u0085", u"file:///a/%C2%85", u"/a/\u0085"},
+    {u"file:///a", std::u16string_view(u"x\0y", 3), u"file:///a/x%00y", std::u16string_view(u"/a/x\0y", 6)},
+    {u"file:///a", u"x/y", u"file:///a/x/y", u"/a/x/y"},
+    {u"file:///a", u"x//y/", u"file:///a/x/y", u"/a/x/y"},
+    {u"file:///a/b", u"../c", u"file:///a/c", u"/a/c"},
+    {u"file:///a/b", u"..", u"file:///a", u"/a"},
+    {u"file:///a", u"../../../x", u"file:///x", u"/x"},
+    {u"file:///a", u"/z", u"file:///z", u"/z"},
+    {u"file:///a", u"/", u"file:///", u"/"},
+    {u"file:///a", u"", u"file:///a", u"/a"},
+    {u"file:///a", u".", u"file:///a", u"/a"},
+    {u"file:///a", u"...", u"file:///a/...", u"/a/..."},
+    {u"file:///a%20b", u"c", u"file:///a%20b/c", u"/a b/c"},
+    {u"mem://vol/a", u"b!", u"mem://vol/a/b%21", u"/a/b!"},
+    {u"mem://vol/", u"../x", u"mem://vol/x", u"/x"},
+    {u"x:/", u"y", u"x:/y", u"/y"},
+    {u"zip:file:///t.zip!/d", u"e", u"zip:file:///t.zip!/d/e", u"/d/e"},
+    {u"zip:file:///t.zip!/", u"e", u"zip:file:///t.zip!/e", u"/e"},
+    {u"zip:file:///t.zip!/d", u"../../e", u"zip:file:///t.zip!/e", u"/e"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, StorageIRIResolve, ::testing::ValuesIn(resolveCases));
+
+TEST(StorageIRI, ResolutionRefusals)
+{
+    for (const auto& base : {StorageIRI(), StorageIRI(u"mem://vol"), StorageIRI(u"x:opaque")}) {
+        SCOPED_TRACE(utf8(base));
+        const auto error = invalidLocation([&] { StorageIRI(base, u"a"); });
+        ASSERT_TRUE(error);
+        EXPECT_TRUE(error->getStorageIRI() == base);
+    }
+    const auto error = invalidLocation([] { StorageIRI(StorageIRI(u"file:///a"), ustring(u"b") + char16_t(0xDC00)); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getAllExceptionContexts().front().getDetail(), u"lone surrogate");
+}
+
+TEST(StorageIRI, NestedConstruction)
+{
+    const StorageIRI archive(u"file:///tmp/a%20b.zip");
+    const StorageIRI iri(u"ZIP", archive, u"docs/./../x y");
+    EXPECT_EQ(iri.toString(), u"zip:file:///tmp/a%20b.zip!/x%20y");
+    EXPECT_EQ(iri.getPath(), u"/x y");
+    EXPECT_TRUE(iri.getInnerIRI() == archive);
+    EXPECT_TRUE(iri == StorageIRI(iri.toString()));
+    EXPECT_EQ(StorageIRI(u"tar", iri, u"").toString(), u"tar:zip:file:///tmp/a%20b.zip!/x%20y!/");
+    expectRoundTrip(StorageIRI(u"tar", iri, u"/in!ner"));
+
+    for (const ustring scheme : {u"", u"1zip", u"z ip", u"z:"})
+        EXPECT_TRUE(invalidLocation([&] { StorageIRI(scheme, archive, u"/x"); })) << utf8(scheme);
+    EXPECT_TRUE(invalidLocation([] { StorageIRI(u"zip", StorageIRI(u"mem://v"), u"/x"); }));
+    EXPECT_TRUE(invalidLocation([] { StorageIRI(u"zip", StorageIRI(), u"/x"); }));
+    EXPECT_TRUE(invalidLocation([&] { StorageIRI(u"zip", archive, ustring(1, char16_t(0xD800))); }));
+}
+
+// ---- navigation --------------------------------------------------------------------------------
+
+TEST(StorageIRI, ParentAndName)
+{
+    const StorageIRI iri(u"file:///a%20b/c%21/d");
+    EXPECT_EQ(iri.getName(), u"d");
+    const StorageIRI parent = iri.getParent();
+    EXPECT_EQ(parent.toString(), u"file:///a%20b/c%21");
+    EXPECT_EQ(parent.getName(), u"c!");
+    EXPECT_EQ(parent.getParent().toString(), u"file:///a%20b");
+    EXPECT_EQ(parent.getParent().getName(), u"a b");
+    const StorageIRI root = parent.getParent().getParent();
+    EXPECT_EQ(root.toString(), u"file:///");
+    EXPECT_EQ(root.getName(), u"");
+    EXPECT_FALSE(root.hasParent());
+    EXPECT_TRUE(root.getParent() == root);
+    EXPECT_TRUE(iri.hasParent());
+
+    const struct {
+        std::u16string_view iri, parent;
+    } cases[] = {
+        {u"mem://vol/a", u"mem://vol/"},
+        {u"x:/a/b", u"x:/a"},
+        {u"x:/a", u"x:/"},
+        {u"zip:file:///t.zip!/a/b", u"zip:file:///t.zip!/a"},
+        {u"zip:file:///t.zip!/a", u"zip:file:///t.zip!/"},
+        {u"zip:file:///t.zip!/", u"zip:file:///t.zip!/"},
+        {u"file:///\u00E9/\U0001F600", u"file:///\u00E9"},
+        {u"mem://vol", u"mem://vol"},
+        {u"x:opaque", u"x:opaque"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(utf8(c.iri));
+        const StorageIRI child{ustring(c.iri)};
+        const StorageIRI up = child.getParent();
+        EXPECT_EQ(up.toString(), c.parent);
+        EXPECT_EQ(up.getInnerIRI().toString(), child.getInnerIRI().toString());
+        EXPECT_EQ(up.getAuthority(), child.getAuthority());
+        expectRoundTrip(up);
+        if (child.hasParent()) {
+            EXPECT_TRUE(StorageIRI(up, child.getName()) == child);
+        }
+    }
+    EXPECT_FALSE(StorageIRI(u"mem://vol").hasParent());
+    EXPECT_EQ(StorageIRI(u"mem://vol").getName(), u"");
+}
+
+TEST(StorageIRI, IsAncestorOfIsStrictAndSegmentWise)
+{
+    const auto ancestor = [](std::u16string_view a, std::u16string_view b) {
+        return StorageIRI(ustring(a)).isAncestorOf(StorageIRI(ustring(b)));
+    };
+    EXPECT_TRUE(ancestor(u"file:///", u"file:///a"));
+    EXPECT_TRUE(ancestor(u"file:///", u"file:///a/b"));
+    EXPECT_TRUE(ancestor(u"file:///a", u"file:///a/b"));
+    EXPECT_TRUE(ancestor(u"file:///a", u"file:///a/b/c"));
+    EXPECT_TRUE(ancestor(u"file:///a%20b", u"file:///a b/c"));
+    EXPECT_TRUE(ancestor(u"zip:file:///t.zip!/", u"zip:file:///t.zip!/x"));
+    EXPECT_FALSE(ancestor(u"file:///", u"file:///"));
+    EXPECT_FALSE(ancestor(u"file:///a", u"file:///a"));
+    EXPECT_FALSE(ancestor(u"file:///a", u"file:///ab"));
+    EXPECT_FALSE(ancestor(u"file:///a/b", u"file:///a"));
+    EXPECT_FALSE(ancestor(u"file:///a", u"mem:///a/b"));
+    EXPECT_FALSE(ancestor(u"mem://v/", u"mem://w/a"));
+    EXPECT_FALSE(ancestor(u"mem://v/", u"mem://V/a"));
+    EXPECT_FALSE(ancestor(u"x:/", u"x:///a"));
+    EXPECT_FALSE(ancestor(u"zip:file:///t.zip!/", u"zip:file:///u.zip!/x"));
+    EXPECT_FALSE(ancestor(u"file:///t.zip", u"zip:file:///t.zip!/x"));
+    EXPECT_FALSE(ancestor(u"mem://v", u"mem://v/a"));
+    EXPECT_FALSE(StorageIRI().isAncestorOf(StorageIRI(u"file:///a")));
+    EXPECT_FALSE(StorageIRI(u"file:///").isAncestorOf(StorageIRI()));
+}
+
+TEST(StorageIRI, MakePathRelativeTo)
+{
+    const auto relative = [](std::u16string_view a, std::u16string_view b) {
+        return StorageIRI(ustring(a)).makePathRelativeTo(StorageIRI(ustring(b)));
+    };
+    EXPECT_EQ(relative(u"file:///a/b/c", u"file:///a"), u"b/c");
+    EXPECT_EQ(relative(u"file:///a/b", u"file:///a/b"), u"");
+    EXPECT_EQ(relative(u"file:///", u"file:///"), u"");
+    EXPECT_EQ(relative(u"file:///a", u"file:///"), u"a");
+    EXPECT_EQ(relative(u"file:///", u"file:///a/b"), u"../..");
+    EXPECT_EQ(relative(u"file:///a/x", u"file:///a/b/c"), u"../../x");
+    EXPECT_EQ(relative(u"file:///ab", u"file:///a"), u"../ab");
+    EXPECT_EQ(relative(u"file:///a%20b/%C3%A9", u"file:///"), u"a b/\u00E9");
+    EXPECT_EQ(relative(u"zip:file:///t.zip!/d/e", u"zip:file:///t.zip!/d"), u"e");
+
+    // Resolving the result against the base gives the IRI back.
+    const StorageIRI base(u"mem://v/a/b/c");
+    for (const auto text : {u"mem://v/a/x/y", u"mem://v/", u"mem://v/a/b/c/d", u"mem://v/q"}) {
+        const StorageIRI target{ustring(text)};
+        EXPECT_TRUE(StorageIRI(base, target.makePathRelativeTo(base)) == target) << utf8(text);
+    }
+
+    for (const auto& pair : {std::pair{u"file:///a", u"mem:///a"}, std::pair{u"mem://v/a", u"mem://w/a"},
+                             std::pair{u"zip:file:///t.zip!/a", u"file:///a"}, std::pair{u"mem://v", u"mem://v/"},
+                             std::pair{u"x:/a", u"x:opaque"}}) {
+        SCOPED_TRACE(utf8(pair.first) + " / " + utf8(pair.second));
+        EXPECT_TRUE(invalidLocation([&] { relative(pair.first, pair.second); }));
+    }
+}
+
+TEST(StorageIRI, PathViewWalksDecodedSegments)
+{
+    const auto segments = [](const foundation::storage::provider::PathView& view) {
+        std::vector<ustring> out;
+        for (auto it = view.begin(); it != view.end(); it++)
+            out.emplace_back(*it);
+        return out;
+    };
+    foundation::storage::provider::PathView view;
+    {
+        const StorageIRI iri(u"file:///a/b%2Fc%20d/\u00E9");
+        view = iri.getPathView();
+    }
+    EXPECT_EQ(view.path(), u"/a/b/c d/\u00E9");
+    EXPECT_EQ(view.size(), 4u);
+    EXPECT_FALSE(view.empty());
+    EXPECT_THAT(segments(view), ::testing::ElementsAre(u"a", u"b", u"c d", u"\u00E9"));
+    EXPECT_EQ(std::distance(view.begin(), view.end()), 4);
+
+    const auto root = StorageIRI(u"file:///").getPathView();
+    EXPECT_EQ(root.path(), u"/");
+    EXPECT_TRUE(root.empty());
+    EXPECT_EQ(root.size(), 0u);
+    EXPECT_TRUE(segments(root).empty());
+
+    const auto none = StorageIRI(u"mem://v").getPathView();
+    EXPECT_TRUE(none.path().empty());
+    EXPECT_TRUE(none.empty());
+    EXPECT_EQ(none.size(), 0u);
+
+    const auto single = StorageIRI(u"zip:file:///t.zip!/x").getPathView();
+    EXPECT_THAT(segments(single), ::testing::ElementsAre(u"x"));
+    EXPECT_EQ(single.size(), 1u);
+}
+
+// ---- randomised --------------------------------------------------------------------------------
+
+// Random UTF-16 biased towards what the syntax reacts to, lone surrogates included.
+class Fuzzer {
+public:
+    explicit Fuzzer(std::uint32_t seed) : m_random(seed) {}
+
+    ustring text(std::size_t maxLength)
+    {
+        ustring out;
+        const std::size_t length = pick(maxLength);
+        for (std::size_t i = 0; i < length; ++i)
+            append(out);
+        return out;
+    }
+
+    // Mostly prefixed with a scheme, sometimes nested, so that most inputs get past the scheme.
+    ustring iriText()
+    {
+        static const std::u16string_view prefixes[] = {u"file:///", u"file://", u"FILE:", u"mem://v/", u"mem:",
+                                                       u"x:",       u"zip:file:///a.zip!/", u"a:b:mem://v/c!/d!/",
+                                                       u"",         u"zip:"};
+        ustring out(prefixes[pick(std::size(prefixes) - 1)]);
+        out += text(16);
+        if (pick(4) == 0)
+            out += u"!/" + text(8);
+        return out;
+    }
+
+    std::size_t pick(std::size_t max) { return std::uniform_int_distribution<std::size_t>(0, max)(m_random); }
+
+private:
+    void append(ustring& out)
+    {
+        static const std::u16string_view pieces[] = {
+            u"/", u"/", u"//", u"%", u"%2", u"%2F", u"%2E", u"%2e%2E", u"%41", u"%C3%A9", u"%C3", u"%ED%A0%80",
+            u"%F0%9F%98%80", u"%00", u"%21", u"!", u"!/", u":", u".", u"..", u"/../", u"?", u"#", u" ", u"[", u"]",
+            u"\\", u"a", u"Z", u"0", u"-", u"localhost", u"\u00E9", u"\u0085", u"\u200E", u"\uE000", u"\uFDD0",
+            u"\uFFFD", u"\U0001F600", u"\U0010FFFF", u"@", u"~"};
+        switch (pick(39)) {
+        case 0:
+            out.push_back(static_cast<char16_t>(0xD800 + pick(0x7FF))); // any surrogate, often lone
+            break;
+        case 1:
+            out.push_back(static_cast<char16_t>(pick(0xFFFF)));
+            break;
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+            out.push_back(static_cast<char16_t>(pick(0x7F)));
+            break;
+        default:
+            out += pieces[pick(std::size(pieces) - 1)];
+        }
+    }
+
+    std::mt19937 m_random;
+};
+
+TEST(StorageIRI, RandomTextEitherParsesAndRoundTripsOrThrowsInvalidLocation)
+{
+    Fuzzer fuzzer(20240611);
+    std::size_t accepted = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const ustring input = fuzzer.iriText();
+        std::optional<StorageIRI> iri;
+        try {
+            iri.emplace(input);
+        } catch (const Exception& error) {
+            ASSERT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation) << utf8(input);
+            ASSERT_FALSE(error.getAllExceptionContexts().empty());
+            EXPECT_EQ(error.getAllExceptionContexts().front().getExceptionContextKey(), u"parse");
+            EXPECT_NE(std::string(error.what()), "");
+            continue;
+        }
+        ++accepted;
+        SCOPED_TRACE(utf8(input));
+        EXPECT_TRUE(fl::i18n::is_valid_utf16(iri->toString()));
+        expectRoundTrip(*iri);
+        if (::testing::Test::HasFailure())
+            return;
+        if (!iri->hasPath())
+            continue;
+
+        // Parents and children stay consistent with parsing.
+        const StorageIRI parent = iri->getParent();
+        expectRoundTrip(parent);
+        if (!iri->hasParent()) {
+            EXPECT_TRUE(parent == *iri);
+        }
+        if (iri->hasParent()) {
+            EXPECT_TRUE(parent.isAncestorOf(*iri));
+            EXPECT_TRUE(StorageIRI(parent, iri->getName()) == *iri);
+            EXPECT_EQ(iri->makePathRelativeTo(parent), iri->getName());
+        }
+        const ustring name = fuzzer.text(6);
+        if (fl::i18n::is_valid_utf16(name)) {
+            const StorageIRI child(*iri, name);
+            expectRoundTrip(child);
+            if (!name.empty() && name.find(u'/') == ustring::npos && name != u"." && name != u"..") {
+                EXPECT_EQ(child.getName(), name);
+                EXPECT_TRUE(child.getParent() == *iri);
+                EXPECT_TRUE(iri->isAncestorOf(child));
+            }
+            EXPECT_TRUE(StorageIRI(*iri, child.makePathRelativeTo(*iri)) == child);
+        } else {
+            EXPECT_TRUE(invalidLocation([&] { StorageIRI(*iri, name); }));
+        }
+        if (::testing::Test::HasFailure())
+            return;
+    }
+    // The generator must exercise both outcomes substantially.
+    EXPECT_GT(accepted, 4000u);
+    EXPECT_LT(accepted, 16000u);
+}
+
+} // namespace

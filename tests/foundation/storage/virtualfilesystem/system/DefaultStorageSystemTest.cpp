@@ -1,0 +1,274 @@
+#include <foundation/storage/vfs.hpp>
+
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
+#include <TempDir.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using fl::i18n::ustring;
+using provider::ExistenceType;
+using provider::ExistenceTypeExtended;
+using provider::decorators::CallCountingProvider;
+using provider::decorators::FaultInjectingProvider;
+using provider::decorators::ProviderOperation;
+using vfs::AbsoluteIRI;
+using vfs::DefaultStorageSystem;
+using vfs::ErrorCode;
+using vfs::StorageSystem;
+using vfs::StorageSystemReference;
+using Access = vfs::detail::StorageSystemAccess;
+
+template <class Call>
+std::optional<vfs::Exception> failure(Call&& call)
+{
+    try {
+        call();
+    } catch (const vfs::Exception& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+const provider::StorageIRI& storageIRI(const AbsoluteIRI& iri) { return vfs::detail::IRIAccess::storageIRI(iri); }
+
+TEST(DefaultStorageSystemTest, QuickStartAnswersFolderThenNotFound)
+{
+    auto system = std::make_shared<foundation::storage::vfs::DefaultStorageSystem>();
+    foundation::storage::vfs::StorageSystemReference ref{std::weak_ptr<foundation::storage::vfs::StorageSystem>(system)};
+    foundation::storage::vfs::AbsoluteIRI home{u"file:///tmp"};
+    auto answer = foundation::storage::vfs::exists(home, ref);
+    EXPECT_EQ(answer, ExistenceType::Folder);
+    EXPECT_EQ(static_cast<int>(answer), 1);
+    const auto scratch =
+        foundation::storage::vfs::exists(foundation::storage::vfs::AbsoluteIRI{u"mem://scratch/a.txt"}, ref);
+    EXPECT_EQ(scratch, ExistenceType::NotFound);
+    EXPECT_EQ(static_cast<int>(scratch), 2);
+}
+
+TEST(DefaultStorageSystemTest, ServesLocalDiskAndMemory)
+{
+    const vfs_test::TempDir dir;
+    dir.writeFile("file.txt", "x");
+    dir.makeFolder("folder");
+    auto system = std::make_shared<DefaultStorageSystem>();
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+
+    EXPECT_EQ(vfs::exists(vfs::toAbsoluteIRI(u"", dir / "file.txt"), ref), ExistenceType::File);
+    EXPECT_EQ(vfs::exists(vfs::toAbsoluteIRI(u"", dir / "folder"), ref), ExistenceType::Folder);
+    EXPECT_EQ(vfs::exists(vfs::toAbsoluteIRI(u"", dir / "missing"), ref), ExistenceType::NotFound);
+    EXPECT_EQ(vfs::existsExtended(vfs::toAbsoluteIRI(u"", dir / "missing"), ref), ExistenceTypeExtended::NotFound);
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://volume/"}, ref), ExistenceType::Folder);
+    EXPECT_EQ(vfs::existsExtended(AbsoluteIRI{u"mem://volume/"}, ref), ExistenceTypeExtended::Folder);
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://volume/a/b"}, ref), ExistenceType::NotFound);
+
+    // One provider per scheme, built once and shared.
+    const auto local = Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"file:///"}));
+    const auto memory = Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"mem://a/"}));
+    EXPECT_NE(local, memory);
+    EXPECT_EQ(Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"FILE://localhost/tmp"})), local);
+    EXPECT_EQ(Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"mem://b/x"})), memory);
+}
+
+TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
+{
+    auto system = std::make_shared<DefaultStorageSystem>();
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    const std::vector<std::pair<ustring, ustring>> foreign = {
+        {u"http://example.com/a", u"http"},
+        {u"zip:file:///tmp/a.zip!/x", u"zip"},
+        {u"files:///tmp", u"files"},
+        {u"MEMORY://v/", u"memory"},
+    };
+    for (const auto& [text, scheme] : foreign) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
+        try {
+            vfs::exists(AbsoluteIRI{text}, ref);
+            ADD_FAILURE() << "no exception";
+        } catch (const vfs::UnsupportedIRISchemeException& error) {
+            EXPECT_EQ(error.getScheme(), scheme);
+            EXPECT_NE(dynamic_cast<const foundation::core::except::IInternalException*>(&error), nullptr);
+        }
+    }
+}
+
+TEST(DefaultStorageSystemTest, EachInstanceHasItsOwnMemoryVolumes)
+{
+    auto first = std::make_shared<DefaultStorageSystem>();
+    auto second = std::make_shared<DefaultStorageSystem>();
+    const auto volume = storageIRI(AbsoluteIRI{u"mem://shared-name/"});
+    const auto firstMemory = Access::buildProvider(*first, volume);
+    EXPECT_NE(firstMemory, Access::buildProvider(*second, volume));
+    EXPECT_EQ(firstMemory, Access::buildProvider(*first, volume));
+}
+
+// Records every decoration and hands out providers that inject faults and count calls.
+struct Decorations {
+    std::mutex mutex;
+    std::map<ustring, int> calls;
+    std::map<ustring, std::shared_ptr<FaultInjectingProvider>> faults;
+    std::map<ustring, std::shared_ptr<CallCountingProvider>> counters;
+
+    vfs::DefaultStorageSystemOptions options()
+    {
+        vfs::DefaultStorageSystemOptions options;
+        options.decorateProvider = [this](const ustring& scheme, std::shared_ptr<provider::IProvider> built) {
+            std::lock_guard lock(mutex);
+            ++calls[scheme];
+            auto counting = std::make_shared<CallCountingProvider>(std::move(built));
+            auto faulty = std::make_shared<FaultInjectingProvider>(counting);
+            counters[scheme] = counting;
+            faults[scheme] = faulty;
+            return std::shared_ptr<provider::IProvider>(faulty);
+        };
+        return options;
+    }
+};
+
+TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
+{
+    const vfs_test::TempDir dir;
+    dir.writeFile("file.txt");
+    Decorations decorations;
+    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    const AbsoluteIRI file = vfs::toAbsoluteIRI(u"", dir / "file.txt");
+    const AbsoluteIRI memory{u"mem://v/a"};
+
+    EXPECT_TRUE(decorations.calls.empty()) << "providers are built on first use";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(vfs::exists(file, ref), ExistenceType::File);
+        EXPECT_EQ(vfs::exists(memory, ref), ExistenceType::NotFound);
+    }
+    EXPECT_EQ(vfs::existsExtended(file, ref), ExistenceTypeExtended::File);
+    EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"file", 1}, {u"mem", 1}}));
+
+    const auto& fileCounter = *decorations.counters.at(u"file");
+    EXPECT_EQ(fileCounter.count(ProviderOperation::Exists), 3u);
+    EXPECT_EQ(fileCounter.count(ProviderOperation::Exists, storageIRI(file)), 3u);
+    EXPECT_EQ(fileCounter.count(ProviderOperation::ExistsExtended), 1u);
+    EXPECT_EQ(decorations.counters.at(u"mem")->count(ProviderOperation::Exists, storageIRI(memory)), 3u);
+
+    // A fault injected into the decorator reaches the caller translated.
+    decorations.faults.at(u"file")->addFault(
+        {.operation = ProviderOperation::Exists, .location = storageIRI(file), .code = provider::ErrorCode::ResourceInUse});
+    const auto error = failure([&] { vfs::exists(file, ref); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceInUse);
+    EXPECT_EQ(error->getLocation(), file);
+    EXPECT_EQ(error->getExceptionContextsString(), u"fault-injection:exists");
+    // The fault sits in front of the counter: the failed call never reached the provider.
+    EXPECT_EQ(fileCounter.count(ProviderOperation::Exists), 3u);
+    // Only the file provider was given the fault.
+    EXPECT_EQ(vfs::exists(memory, ref), ExistenceType::NotFound);
+
+    decorations.faults.at(u"mem")->addFault(
+        {.operation = ProviderOperation::ExistsExtended, .code = provider::ErrorCode::ReadOnlyProvider});
+    const auto memoryError = failure([&] { vfs::existsExtended(memory, ref); });
+    ASSERT_TRUE(memoryError.has_value());
+    EXPECT_EQ(memoryError->getErrorCode(), ErrorCode::ReadOnlyProvider);
+    EXPECT_EQ(memoryError->getExceptionContextsString(), u"fault-injection:existsExtended");
+    EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"file", 1}, {u"mem", 1}}));
+}
+
+TEST(DefaultStorageSystemTest, AfterShutdownOperationsFailWithUnsupportedOperation)
+{
+    Decorations decorations;
+    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
+
+    ref.shutdown();
+    for (const ustring text : {u"mem://v/", u"file:///tmp"}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
+        const AbsoluteIRI location{text};
+        const auto error = failure([&] { vfs::exists(location, ref); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), ErrorCode::UnsupportedOperation);
+        EXPECT_EQ(error->getLocation(), location);
+        EXPECT_FALSE(error->getExceptionContextsString().empty());
+    }
+    // Nothing is rebuilt after shutdown, and shutting down again is harmless.
+    EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"mem", 1}}));
+    EXPECT_NO_THROW(system->shutdown());
+    // Schemes are still checked first.
+    EXPECT_THROW(vfs::exists(AbsoluteIRI{u"http://example.com/"}, ref), vfs::UnsupportedIRISchemeException);
+}
+
+TEST(DefaultStorageSystemTest, DestroyedSystemIsReportedByItsReferences)
+{
+    auto system = std::make_shared<DefaultStorageSystem>();
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
+    system.reset();
+    EXPECT_THROW(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), std::runtime_error);
+    EXPECT_NO_THROW(ref.shutdown());
+}
+
+TEST(DefaultStorageSystemTest, ConcurrentExistsFromSeveralThreadsSharesOneProviderPerScheme)
+{
+    const vfs_test::TempDir dir;
+    dir.writeFile("file.txt");
+    dir.makeFolder("folder");
+    Decorations decorations;
+    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+
+    struct Probe {
+        AbsoluteIRI location;
+        ExistenceType expected;
+    };
+    const std::vector<Probe> probes = {
+        {vfs::toAbsoluteIRI(u"", dir / "file.txt"), ExistenceType::File},
+        {vfs::toAbsoluteIRI(u"", dir / "folder"), ExistenceType::Folder},
+        {vfs::toAbsoluteIRI(u"", dir / "missing"), ExistenceType::NotFound},
+        {AbsoluteIRI{u"mem://v/"}, ExistenceType::Folder},
+        {AbsoluteIRI{u"mem://v/missing"}, ExistenceType::NotFound},
+    };
+    constexpr int threads = 4;
+    constexpr int rounds = 100;
+    std::atomic<int> wrong{0};
+    std::atomic<int> failed{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([&, t] {
+            // Each thread starts on another probe, so that both schemes are first built concurrently.
+            while (!go.load())
+                std::this_thread::yield();
+            for (int r = 0; r < rounds; ++r)
+                for (std::size_t p = 0; p < probes.size(); ++p) {
+                    const auto& probe = probes[(p + static_cast<std::size_t>(t)) % probes.size()];
+                    try {
+                        if (vfs::exists(probe.location, ref) != probe.expected)
+                            ++wrong;
+                    } catch (...) {
+                        ++failed;
+                    }
+                }
+        });
+    go = true;
+    for (auto& worker : workers)
+        worker.join();
+
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"file", 1}, {u"mem", 1}}));
+    EXPECT_EQ(decorations.counters.at(u"file")->count(ProviderOperation::Exists), 3u * threads * rounds);
+    EXPECT_EQ(decorations.counters.at(u"mem")->count(ProviderOperation::Exists), 2u * threads * rounds);
+}
+
+} // namespace

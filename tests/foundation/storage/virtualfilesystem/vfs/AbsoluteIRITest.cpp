@@ -1,0 +1,428 @@
+#include <foundation/storage/vfs/AbsoluteIRI.hpp>
+#include <foundation/storage/vfs/Exception.hpp>
+#include <foundation/storage/vfs/detail/Logger.hpp>
+
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <TempDir.hpp>
+
+#include <boost/container_hash/hash.hpp>
+#include <boost/exception/errinfo_nested_exception.hpp>
+#include <boost/exception/get_error_info.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <unordered_set>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using fl::i18n::ustring;
+using testing::HasSubstr;
+using testing::StartsWith;
+using vfs::AbsoluteIRI;
+using vfs::CanonicalAbsoluteIRI;
+using vfs::InvalidIRIException;
+
+// What an InvalidIRIException thrown by `call` carries; fails the test when `call` throws nothing or
+// something else.
+struct InvalidIRI {
+    ustring invalidIRIString;
+    boost::exception_ptr nested; // empty when no cause is attached
+};
+
+template <class Call>
+std::optional<InvalidIRI> invalidIRIFrom(Call&& call)
+{
+    try {
+        call();
+    } catch (const InvalidIRIException& error) {
+        const auto* boostPart = dynamic_cast<const boost::exception*>(&error);
+        EXPECT_NE(boostPart, nullptr) << "thrown without boost::throw_exception";
+        const boost::exception_ptr* nested =
+            boostPart ? boost::get_error_info<boost::errinfo_nested_exception>(*boostPart) : nullptr;
+        return InvalidIRI{error.getInvalidIRIString(), nested ? *nested : boost::exception_ptr()};
+    }
+    ADD_FAILURE() << "no InvalidIRIException";
+    return std::nullopt;
+}
+
+// The provider error held by `cause`, or nullopt when it holds anything else.
+std::optional<provider::Exception> providerCause(const boost::exception_ptr& cause)
+{
+    try {
+        boost::rethrow_exception(cause);
+    } catch (const provider::Exception& error) {
+        return error;
+    } catch (...) {
+    }
+    return std::nullopt;
+}
+
+ustring utf16(const std::filesystem::path& path) { return fl::i18n::utf8_to_ustring(path.native()); }
+
+TEST(AbsoluteIRITest, TextThatDoesNotParseKeepsTheCallersTextAndNestsTheParserError)
+{
+    const std::vector<ustring> unparsable = {u"", u"no scheme here", u"1file:///a", ustring(u"file:///a\xD800" u"b")};
+    for (const auto& text : unparsable) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8_lossy(text));
+        const auto error = invalidIRIFrom([&] { AbsoluteIRI{text}; });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->invalidIRIString, text);
+        ASSERT_TRUE(error->nested);
+        const auto cause = providerCause(error->nested);
+        ASSERT_TRUE(cause.has_value());
+        EXPECT_EQ(cause->getErrorCode(), provider::ErrorCode::InvalidLocation);
+
+        const auto canonical = invalidIRIFrom([&] { CanonicalAbsoluteIRI{text}; });
+        ASSERT_TRUE(canonical.has_value());
+        EXPECT_EQ(canonical->invalidIRIString, text);
+        EXPECT_TRUE(canonical->nested);
+    }
+}
+
+TEST(AbsoluteIRITest, TextWithoutAPathReportsTheParsedFormWithoutCause)
+{
+    // The scheme is lower-cased by the parser, so the reported text differs from the input.
+    const std::vector<std::pair<ustring, ustring>> pathless = {
+        {u"MEM://volume", u"mem://volume"},
+        {u"mailto:someone@example.com", u"mailto:someone@example.com"},
+    };
+    for (const auto& [text, parsed] : pathless) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
+        const auto error = invalidIRIFrom([&] { AbsoluteIRI{text}; });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->invalidIRIString, parsed);
+        EXPECT_FALSE(error->nested);
+    }
+}
+
+TEST(AbsoluteIRITest, InvalidIRIIsCatchableAsEveryInterfaceItPromises)
+{
+    EXPECT_THROW(AbsoluteIRI{u""}, foundation::core::except::IInternalException);
+    EXPECT_THROW(AbsoluteIRI{u""}, boost::exception);
+    EXPECT_THROW(AbsoluteIRI{u""}, std::exception);
+    try {
+        AbsoluteIRI{u"mem://volume"};
+        FAIL() << "no exception";
+    } catch (const std::exception& error) {
+        EXPECT_STREQ(error.what(), "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"mem://volume\"}");
+    }
+    // Captured into an exception_ptr it keeps its type and text.
+    boost::exception_ptr captured;
+    try {
+        AbsoluteIRI{u"x"};
+    } catch (...) {
+        captured = boost::current_exception();
+    }
+    try {
+        boost::rethrow_exception(captured);
+    } catch (const InvalidIRIException& error) {
+        EXPECT_EQ(error.getInvalidIRIString(), u"x");
+    } catch (...) {
+        ADD_FAILURE() << "captured exception lost its type";
+    }
+}
+
+TEST(AbsoluteIRITest, StringComparisonIsCodeUnitExactInBothArgumentOrders)
+{
+    const AbsoluteIRI iri{u"file:///a/b%20c"};
+    const ustring same = iri.toString();
+    EXPECT_TRUE(iri == same);
+    EXPECT_TRUE(same == iri);
+    EXPECT_FALSE(iri != same);
+    EXPECT_FALSE(same != iri);
+
+    // Texts of the same location that the parser normalises: equal as IRIs, unequal as strings.
+    for (const ustring other : {u"FILE:///a/b%20c", u"file:///a/./b%20c", u"file:///a//b%20c", u"file:///a/b%20c/x/.."}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(other));
+        EXPECT_TRUE(iri == AbsoluteIRI{other});
+        EXPECT_FALSE(iri == other);
+        EXPECT_FALSE(other == iri);
+        EXPECT_TRUE(iri != other);
+        EXPECT_TRUE(other != iri);
+    }
+    // A proper prefix or extension of the text is not equal.
+    EXPECT_TRUE(iri != same.substr(0, same.size() - 1));
+    EXPECT_TRUE(same + u"/" != iri);
+}
+
+TEST(AbsoluteIRITest, OrderingAndEqualityFollowTheProvider)
+{
+    const std::vector<ustring> texts = {u"file:///a", u"file:///a/b", u"file:///b", u"mem://v/a", u"mem://w/"};
+    for (const auto& x : texts)
+        for (const auto& y : texts) {
+            const AbsoluteIRI a{x}, b{y};
+            const provider::StorageIRI p{x}, q{y};
+            EXPECT_EQ(a == b, p == q);
+            EXPECT_EQ(a != b, p != q);
+            EXPECT_EQ(a < b, p < q);
+        }
+}
+
+TEST(AbsoluteIRITest, HashAgreesAcrossItsNamesAndForEqualLocations)
+{
+    const AbsoluteIRI a{u"file:///tmp/x"};
+    const AbsoluteIRI b{u"FILE://localhost/tmp/./x"};
+    ASSERT_EQ(a, b);
+    EXPECT_EQ(hash_value(a), a.hashValue());
+    EXPECT_EQ(std::hash<AbsoluteIRI>{}(a), a.hashValue());
+    EXPECT_EQ(boost::hash<AbsoluteIRI>{}(a), a.hashValue());
+    EXPECT_EQ(a.hashValue(), b.hashValue());
+    EXPECT_EQ(a.hashValue(), provider::StorageIRI(u"file:///tmp/x").hashValue());
+    const CanonicalAbsoluteIRI canonical{u"file:///tmp/x"};
+    EXPECT_EQ(std::hash<CanonicalAbsoluteIRI>{}(canonical), a.hashValue());
+
+    std::unordered_set<AbsoluteIRI> set{a, b, AbsoluteIRI{u"file:///tmp/y"}};
+    EXPECT_EQ(set.size(), 2u);
+    EXPECT_EQ(set.count(AbsoluteIRI{u"file:///tmp/x/."}), 1u);
+}
+
+TEST(AbsoluteIRITest, StreamsTheStringFormAsUtf8)
+{
+    const AbsoluteIRI iri{u"file:///tmp/\u00e4 b"};
+    std::ostringstream out;
+    out << iri;
+    EXPECT_EQ(out.str(), fl::i18n::ustring_to_utf8(iri.toString()));
+    EXPECT_THAT(out.str(), HasSubstr("\xC3\xA4"));
+}
+
+TEST(AbsoluteIRITest, ResolvedIRIKeepsTheLocationAndItsContainer)
+{
+    for (const ustring text : {u"file:///a/./b/../c", u"mem://v/x/y", u"zip:file:///tmp/a.zip!/docs/../x.txt"}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
+        const AbsoluteIRI iri{text};
+        const AbsoluteIRI resolved = iri.getResolvedIRI();
+        EXPECT_EQ(resolved, iri);
+        EXPECT_EQ(resolved.getPath(), iri.getResolvedPath());
+        EXPECT_EQ(resolved.hasInnerIRI(), iri.hasInnerIRI());
+    }
+}
+
+TEST(AbsoluteIRITest, InnerIRIOfNestedLocations)
+{
+    const AbsoluteIRI nested{u"zip:file:///tmp/a.zip!/docs/x.txt"};
+    ASSERT_TRUE(nested.hasInnerIRI());
+    EXPECT_EQ(nested.getInnerIRI(), AbsoluteIRI{u"file:///tmp/a.zip"});
+    EXPECT_EQ(nested.getPath(), u"/docs/x.txt");
+
+    const AbsoluteIRI twice{u"tar:zip:file:///tmp/a.zip!/b.tar!/c/d"};
+    const AbsoluteIRI middle = twice.getInnerIRI();
+    EXPECT_EQ(middle, AbsoluteIRI{u"zip:file:///tmp/a.zip!/b.tar"});
+    EXPECT_EQ(middle.getInnerIRI(), AbsoluteIRI{u"file:///tmp/a.zip"});
+    EXPECT_FALSE(middle.getInnerIRI().hasInnerIRI());
+
+    // The nesting constructor builds the same value the parser does.
+    EXPECT_EQ(AbsoluteIRI(u"zip", AbsoluteIRI{u"file:///tmp/a.zip"}, u"docs/x.txt"), nested);
+    EXPECT_EQ(AbsoluteIRI(u"tar", middle, u"/c/d"), twice);
+
+    // A location without a container has no inner IRI with a path.
+    const auto error = invalidIRIFrom([] { AbsoluteIRI{u"file:///a"}.getInnerIRI(); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->invalidIRIString, u"");
+    EXPECT_FALSE(error->nested);
+}
+
+TEST(AbsoluteIRITest, BuildingConstructorsAndParentPassProviderErrorsUntranslated)
+{
+    const AbsoluteIRI base{u"file:///a"};
+    EXPECT_EQ(AbsoluteIRI(base, u"b/c"), AbsoluteIRI{u"file:///a/b/c"});
+    EXPECT_EQ(AbsoluteIRI(base, u"b/c").getParent(), AbsoluteIRI{u"file:///a/b"});
+    EXPECT_THROW(AbsoluteIRI(base, ustring(u"\xDC00")), provider::Exception);
+    EXPECT_THROW(AbsoluteIRI(u"bad scheme", base, u"/x"), provider::Exception);
+}
+
+TEST(AbsoluteIRITest, CanonicalAbsoluteIRIIsTheSameValueUnderAStricterType)
+{
+    static_assert(std::is_convertible_v<const CanonicalAbsoluteIRI&, const AbsoluteIRI&>);
+    static_assert(!std::is_convertible_v<AbsoluteIRI, CanonicalAbsoluteIRI>);
+    static_assert(!std::is_constructible_v<CanonicalAbsoluteIRI, AbsoluteIRI>);
+    static_assert(std::is_same_v<decltype(std::declval<CanonicalAbsoluteIRI>().getParent()), CanonicalAbsoluteIRI>);
+
+    const CanonicalAbsoluteIRI canonical{u"file:///a/../b/c"};
+    const AbsoluteIRI& plain = canonical;
+    EXPECT_EQ(plain, AbsoluteIRI{u"file:///b/c"});
+    EXPECT_EQ(canonical.getParent(), AbsoluteIRI{u"file:///b"});
+    EXPECT_EQ(CanonicalAbsoluteIRI(canonical, u"d"), AbsoluteIRI{u"file:///b/c/d"});
+    EXPECT_TRUE(canonical == u"file:///b/c");
+}
+
+class LocalPathsTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        target = dir.writeFile("target.txt", "x");
+        dir.makeFolder("sub");
+        link = dir / "link.txt";
+        std::filesystem::create_symlink(target, link);
+        std::filesystem::create_symlink(dir / "gone.txt", dir / "dangling.txt");
+    }
+
+    vfs_test::TempDir dir;
+    std::filesystem::path target;
+    std::filesystem::path link;
+};
+
+TEST_F(LocalPathsTest, AbsoluteIRIKeepsThePathWhileCanonicalResolvesIt)
+{
+    const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
+    EXPECT_EQ(viaLink.getScheme(), u"file");
+    EXPECT_EQ(viaLink.getPath(), utf16(link));
+
+    const std::filesystem::path real = std::filesystem::canonical(target);
+    const AbsoluteIRI expected = vfs::toAbsoluteIRI(u"", real);
+    EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"", link), expected);
+    EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"file", dir / "sub" / ".." / "target.txt"), expected);
+    EXPECT_NE(viaLink, expected);
+
+    // Round trip back to a local path, also for names that need escaping in an IRI.
+    const auto odd = dir.writeFile("\xC3\xA4 b%#!.txt");
+    EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::toAbsoluteIRI(u"", odd)), odd);
+    EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::toCanonicalAbsoluteIRI(u"", odd)), std::filesystem::canonical(odd));
+}
+
+TEST_F(LocalPathsTest, MissingPathIsAnIRIButCannotBeCanonicalised)
+{
+    for (const auto& missing : {dir / "missing.txt", dir / "dangling.txt", dir / "target.txt" / "below"}) {
+        SCOPED_TRACE(missing.string());
+        const AbsoluteIRI iri = vfs::toAbsoluteIRI(u"", missing);
+        EXPECT_EQ(iri.getPath(), utf16(missing));
+        try {
+            vfs::toCanonicalAbsoluteIRI(u"", missing);
+            ADD_FAILURE() << "no exception";
+        } catch (const vfs::Exception& error) {
+            EXPECT_EQ(error.getErrorCode(), vfs::ErrorCode::ResourceNotFound);
+            EXPECT_EQ(error.getLocation(), iri);
+            EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
+        }
+    }
+}
+
+TEST_F(LocalPathsTest, PathsWithoutAnIRIBecomeInvalidIRIWithTheProviderCause)
+{
+    const std::vector<std::pair<ustring, std::filesystem::path>> cases = {
+        {u"", std::filesystem::path()},
+        {u"http", target},
+        {u"", std::filesystem::path("/tmp/\xFF.txt")},
+    };
+    for (const auto& [scheme, path] : cases) {
+        SCOPED_TRACE(path.string());
+        const auto error = invalidIRIFrom([&] { vfs::toAbsoluteIRI(scheme, path); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->invalidIRIString, fl::i18n::utf8_to_ustring_lossy(path.native()));
+        const auto cause = providerCause(error->nested);
+        ASSERT_TRUE(cause.has_value());
+        EXPECT_EQ(cause->getErrorCode(), provider::ErrorCode::InvalidLocation);
+    }
+    // A path that names no location is not an I/O failure: canonicalising it is no Exception either.
+    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/\xFF")})
+        EXPECT_THROW(vfs::toCanonicalAbsoluteIRI(u"", path), InvalidIRIException);
+}
+
+TEST_F(LocalPathsTest, FromAbsoluteIRIPassesProviderErrorsUntranslated)
+{
+    EXPECT_THROW(vfs::fromAbsoluteIRI(AbsoluteIRI{u"mem://volume/a"}), provider::Exception);
+    EXPECT_THROW(vfs::fromAbsoluteIRI(AbsoluteIRI{u"file://remote.example/a"}), provider::Exception);
+}
+
+TEST_F(LocalPathsTest, EquivalenceSeesThroughLinksAndIsSymmetric)
+{
+    const AbsoluteIRI real = vfs::toAbsoluteIRI(u"", target);
+    const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
+    const AbsoluteIRI other = vfs::toAbsoluteIRI(u"", dir.writeFile("other.txt"));
+    const AbsoluteIRI missing = vfs::toAbsoluteIRI(u"", dir / "missing.txt");
+    const AbsoluteIRI memory{u"mem://v/target.txt"};
+
+    ASSERT_NE(real, viaLink);
+    EXPECT_TRUE(vfs::locationsAreEquivalent(real, viaLink));
+    EXPECT_TRUE(vfs::locationsAreEquivalent(viaLink, real));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(real, other));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(other, viaLink));
+    EXPECT_TRUE(vfs::locationsAreEquivalent(missing, missing));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(missing, real));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(memory, real));
+    EXPECT_TRUE(vfs::locationsAreEquivalent(memory, AbsoluteIRI{u"MEM://v/./target.txt"}));
+}
+
+struct PrefixCase {
+    ustring text;
+    bool expected;
+};
+
+TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
+{
+    const std::vector<PrefixCase> cases = {
+        {u"", false},
+        {u"a:/", false},               // too short
+        {u"ab:", false},               // too short
+        {u"ab:/", true},               // the shortest IRI prefix
+        {u"c:/tmp/x", false},          // drive letter
+        {u"C:\\tmp\\x", false},
+        {u"file:///tmp/x", true},
+        {u"mem://v/", true},
+        {u"a1+-.b:/x", true},          // every scheme character
+        {u"1ab:/x", false},            // scheme starts with a digit
+        {u"+ab:/x", false},
+        {u"a_b:/x", false},            // not a scheme character
+        {u"f\u00e9:/x", false},        // not ASCII
+        {u"file:", false},             // nothing after the colon
+        {u"file", false},              // no colon
+        {u"/tmp/x:/y", false},
+        {u"zip:file:///a.zip!/x", true}, // an outer scheme followed by an IRI
+        {u"zip:file:", false},
+        {u"zip:c:/x", false},          // an outer scheme followed by a drive letter
+        {u"mailto:someone", false},    // opaque part
+        {u"urn:isbn:0451", false},
+        {u"ab::/x", false},
+        {u"a:b:/x", false},
+        {u"ab:cd:/x", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(c.text));
+        EXPECT_EQ(vfs::hasIRIPrefix(c.text), c.expected);
+    }
+}
+
+TEST(HasIRIPrefixTest, LoneSurrogateAnswersFalseAndReportsTheExceptionToTheTrace)
+{
+    std::mutex mutex;
+    std::vector<std::pair<unsigned, std::string>> records;
+    foundation::log::diagnostic_listener listener(
+        vfs::detail::logger(), foundation::log::category_exception,
+        [&](unsigned severity, int, const std::string& text) {
+            std::lock_guard lock(mutex);
+            records.emplace_back(severity, text);
+        });
+
+    // Valid prefixes: the whole text is converted first, so a bad unit anywhere decides.
+    for (const ustring& text : {ustring(u"file:///a\xD800"), ustring(u"\xDC00" u"file:///a"), ustring(u"ab:/\xDBFF")}) {
+        EXPECT_FALSE(vfs::hasIRIPrefix(text));
+    }
+    std::lock_guard lock(mutex);
+    ASSERT_EQ(records.size(), 3u);
+    for (const auto& [severity, text] : records) {
+        EXPECT_EQ(severity, foundation::log::category_exception);
+        EXPECT_THAT(text, StartsWith("Exception caught: fl::i18n::conversion_error"));
+    }
+}
+
+TEST(HasIRIPrefixTest, WritesNothingWhenNobodyListensForExceptions)
+{
+    std::vector<std::string> records;
+    foundation::log::diagnostic_listener listener(
+        vfs::detail::logger(), foundation::log::category_all & ~foundation::log::category_exception,
+        [&](unsigned, int, const std::string& text) { records.push_back(text); });
+    EXPECT_FALSE(vfs::hasIRIPrefix(ustring(u"file:///a\xD800")));
+    EXPECT_TRUE(records.empty());
+}
+
+} // namespace

@@ -1,0 +1,295 @@
+#include <foundation/storage/vfs/Exception.hpp>
+
+#include <boost/exception/get_error_info.hpp>
+#include <boost/exception_ptr.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using foundation::core::except::IInternalException;
+using fl::i18n::ustring;
+using provider::ExceptionContext;
+using vfs::AbsoluteIRI;
+using vfs::ErrorCode;
+
+std::string streamed(ErrorCode code)
+{
+    std::ostringstream out;
+    out << code;
+    return out.str();
+}
+
+std::deque<ExceptionContext> contexts(std::initializer_list<const char16_t*> keys)
+{
+    std::deque<ExceptionContext> out;
+    for (const auto* key : keys)
+        out.emplace_back(key, u"detail of " + ustring(key));
+    return out;
+}
+
+TEST(ErrorCodeTest, StreamsTypeQualifiedNamesAndFlagsUnknownValues)
+{
+    const std::vector<std::pair<int, std::string>> table = {
+        {0, "ErrorCode::FolderNotEmpty"},      {1, "ErrorCode::InvalidLocation"},
+        {2, "ErrorCode::PermissionDenied"},    {3, "ErrorCode::ResourceAlreadyExists"},
+        {4, "ErrorCode::ResourceNotFound"},    {5, "ErrorCode::ReadOnlyProvider"},
+        {6, "ErrorCode::FileTooLarge"},        {7, "ErrorCode::ResourceInUse"},
+        {8, "ErrorCode::NoSpaceLeft"},         {9, "ErrorCode::IOError"},
+        {10, "ErrorCode::InternalError"},      {11, "ErrorCode::UnsupportedOperation"},
+        {12, "ErrorCode::Unknown"},            {13, "Unhandled ErrorCode"},
+        {-1, "Unhandled ErrorCode"},           {1000, "Unhandled ErrorCode"},
+    };
+    for (const auto& [value, text] : table)
+        EXPECT_EQ(streamed(static_cast<ErrorCode>(value)), text) << value;
+    // The stream is handed back for chaining.
+    std::ostringstream out;
+    out << ErrorCode::IOError << '|' << ErrorCode::Unknown;
+    EXPECT_EQ(out.str(), "ErrorCode::IOError|ErrorCode::Unknown");
+}
+
+TEST(ErrorCodeTest, ProviderCodesMapWithTheThreeSwappedRows)
+{
+    const std::vector<std::pair<int, ErrorCode>> table = {
+        {0, ErrorCode::FolderNotEmpty},     {1, ErrorCode::InvalidLocation},
+        {2, ErrorCode::PermissionDenied},   {3, ErrorCode::ResourceAlreadyExists},
+        {4, ErrorCode::ResourceNotFound},   {5, ErrorCode::FileTooLarge},
+        {6, ErrorCode::ResourceInUse},      {7, ErrorCode::ReadOnlyProvider},
+        {8, ErrorCode::NoSpaceLeft},        {9, ErrorCode::IOError},
+        {10, ErrorCode::InternalError},     {11, ErrorCode::UnsupportedOperation},
+        {12, ErrorCode::Unknown},           {13, ErrorCode::Unknown},
+        {99, ErrorCode::Unknown},           {-1, ErrorCode::Unknown},
+    };
+    for (const auto& [value, expected] : table)
+        EXPECT_EQ(vfs::toErrorCode(static_cast<provider::ErrorCode>(value)), expected) << value;
+}
+
+class ExceptionTest : public testing::Test {
+protected:
+    const AbsoluteIRI location{u"file:///tmp/\u00e4 b.txt"};
+
+    // The text every Exception produces, with the location's ASCII form and the given middle parts.
+    std::string expectedText(const std::string& code, const std::string& contextKeys) const
+    {
+        return "foundation::storage::provider::Exception{Location=\"" +
+               fl::i18n::ustring_to_utf8(location.toAsciiString()) + "\", ErrorCode=\"" + code +
+               "\"}\"} with ExceptionContext{\"" + contextKeys + "\"}";
+    }
+};
+
+TEST_F(ExceptionTest, CarriesCodeAndLocationAsBoostErrorInformation)
+{
+    const vfs::Exception error(ErrorCode::ResourceInUse, location);
+    EXPECT_EQ(error.getErrorCode(), ErrorCode::ResourceInUse);
+    EXPECT_EQ(error.getLocation(), location);
+    const auto* code = boost::get_error_info<vfs::ErrorCodeInfo>(error);
+    const auto* iri = boost::get_error_info<vfs::AbsoluteIRIInfo>(error);
+    ASSERT_NE(code, nullptr);
+    ASSERT_NE(iri, nullptr);
+    EXPECT_EQ(*code, ErrorCode::ResourceInUse);
+    EXPECT_EQ(*iri, location);
+    EXPECT_EQ(error.getExceptionContextsString(), u"");
+    EXPECT_FALSE(error.topExceptionContext().has_value());
+}
+
+TEST_F(ExceptionTest, TextNamesTheProviderClassAndAlwaysHasTheContextPart)
+{
+    ASSERT_NE(location.toAsciiString(), location.toString()) << "the location must need escaping";
+    const vfs::Exception bare(ErrorCode::ResourceNotFound, location);
+    EXPECT_EQ(std::string(bare.what()), expectedText("ErrorCode::ResourceNotFound", ""));
+    EXPECT_EQ(bare.ToUstring(), fl::i18n::utf8_to_ustring(bare.what()));
+
+    vfs::Exception withContexts(ErrorCode::FileTooLarge, location);
+    withContexts.withExceptionContexts(contexts({u"open", u"EFBIG"}));
+    EXPECT_EQ(std::string(withContexts.what()), expectedText("ErrorCode::FileTooLarge", "open:EFBIG"));
+
+    const vfs::Exception odd(static_cast<ErrorCode>(42), location);
+    EXPECT_EQ(std::string(odd.what()), expectedText("Unhandled ErrorCode", ""));
+}
+
+TEST_F(ExceptionTest, ContextsJoinPopAndTopFromTheFront)
+{
+    vfs::Exception error(ErrorCode::IOError, location);
+    vfs::Exception& self = error.withExceptionContexts(contexts({u"a", u"b", u"c"}));
+    EXPECT_EQ(&self, &error);
+    EXPECT_EQ(error.getExceptionContextsString(), u"a:b:c");
+    ASSERT_TRUE(error.topExceptionContext().has_value());
+    EXPECT_EQ(*error.topExceptionContext(), ExceptionContext(u"a", u"detail of a"));
+
+    error.popExceptionContext();
+    EXPECT_EQ(error.getExceptionContextsString(), u"b:c");
+    EXPECT_EQ(error.topExceptionContext()->getExceptionContextKey(), u"b");
+    error.popExceptionContext();
+    EXPECT_EQ(error.getExceptionContextsString(), u"c");
+    error.popExceptionContext();
+    EXPECT_EQ(error.getExceptionContextsString(), u"");
+    EXPECT_FALSE(error.topExceptionContext().has_value());
+    error.popExceptionContext();
+    EXPECT_EQ(error.getExceptionContextsString(), u"");
+
+    // Replacing, not appending.
+    error.withExceptionContexts(contexts({u"x"})).withExceptionContexts(contexts({u"y", u"z"}));
+    EXPECT_EQ(error.getExceptionContextsString(), u"y:z");
+    error.withExceptionContexts({});
+    EXPECT_EQ(error.getExceptionContextsString(), u"");
+}
+
+TEST_F(ExceptionTest, CopiesOwnTheirContexts)
+{
+    vfs::Exception original(ErrorCode::NoSpaceLeft, location);
+    original.withExceptionContexts(contexts({u"a", u"b"}));
+
+    const vfs::Exception copy(original);
+    copy.popExceptionContext();
+    EXPECT_EQ(copy.getExceptionContextsString(), u"b");
+    EXPECT_EQ(original.getExceptionContextsString(), u"a:b");
+    EXPECT_EQ(copy.getErrorCode(), ErrorCode::NoSpaceLeft);
+    EXPECT_EQ(copy.getLocation(), location);
+
+    vfs::Exception assigned(ErrorCode::Unknown, AbsoluteIRI{u"mem://v/"});
+    assigned = original;
+    EXPECT_EQ(assigned.getErrorCode(), ErrorCode::NoSpaceLeft);
+    EXPECT_EQ(assigned.getLocation(), location);
+    EXPECT_EQ(assigned.getExceptionContextsString(), u"a:b");
+    EXPECT_EQ(std::string(assigned.what()), expectedText("ErrorCode::NoSpaceLeft", "a:b"));
+}
+
+TEST_F(ExceptionTest, CloneAndRethrowKeepEverything)
+{
+    vfs::Exception original(ErrorCode::ReadOnlyProvider, location);
+    original.withExceptionContexts(contexts({u"write", u"EROFS"}));
+
+    const std::unique_ptr<const boost::exception_detail::clone_base> clone(original.clone());
+    const auto* cloned = dynamic_cast<const vfs::Exception*>(clone.get());
+    ASSERT_NE(cloned, nullptr);
+    EXPECT_EQ(cloned->getErrorCode(), ErrorCode::ReadOnlyProvider);
+    EXPECT_EQ(cloned->getExceptionContextsString(), u"write:EROFS");
+
+    try {
+        cloned->rethrow();
+        FAIL() << "rethrow returned";
+    } catch (const vfs::Exception& error) {
+        EXPECT_EQ(error.getLocation(), location);
+        EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
+    }
+
+    // Thrown with a plain throw, boost::current_exception still captures the whole object.
+    boost::exception_ptr captured;
+    try {
+        throw original;
+    } catch (...) {
+        captured = boost::current_exception();
+    }
+    try {
+        boost::rethrow_exception(captured);
+    } catch (const vfs::Exception& error) {
+        EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider);
+        EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
+        EXPECT_EQ(std::string(error.what()), expectedText("ErrorCode::ReadOnlyProvider", "write:EROFS"));
+    } catch (...) {
+        FAIL() << "captured exception lost its type";
+    }
+}
+
+TEST_F(ExceptionTest, IsCatchableThroughEveryBase)
+{
+    const vfs::Exception error(ErrorCode::IOError, location);
+    EXPECT_THROW(boost::throw_exception(error), IInternalException);
+    EXPECT_THROW(boost::throw_exception(error), boost::exception);
+    EXPECT_THROW(boost::throw_exception(error), std::exception);
+    EXPECT_THROW(error.rethrow(), vfs::Exception);
+}
+
+template <class E>
+class ChangeEventsExceptionTest : public testing::Test {};
+
+struct NotSupported {
+    using Type = vfs::ChangeEventsNotSupportedException;
+    static constexpr const char* name = "foundation::storage::vfs::ChangeEventsNotSupportedException";
+};
+struct Subscription {
+    using Type = vfs::ChangeEventsSubscriptionException;
+    static constexpr const char* name = "foundation::storage::vfs::ChangeEventsSubscriptionException";
+};
+using ChangeEventsExceptions = testing::Types<NotSupported, Subscription>;
+TYPED_TEST_SUITE(ChangeEventsExceptionTest, ChangeEventsExceptions);
+
+TYPED_TEST(ChangeEventsExceptionTest, TextLocationCloneAndRethrow)
+{
+    using E = typename TypeParam::Type;
+    const AbsoluteIRI location{u"mem://v/\u00e4"};
+    ASSERT_NE(location.toAsciiString(), location.toString()) << "the location must need escaping";
+    const E error(location);
+    EXPECT_EQ(error.getLocation(), location);
+    EXPECT_EQ(std::string(error.what()),
+              std::string(TypeParam::name) + "{Location=\"" + fl::i18n::ustring_to_utf8(location.toAsciiString()) + "\"}");
+
+    const std::unique_ptr<const boost::exception_detail::clone_base> clone(error.clone());
+    const auto* cloned = dynamic_cast<const E*>(clone.get());
+    ASSERT_NE(cloned, nullptr);
+    EXPECT_EQ(cloned->getLocation(), location);
+    EXPECT_THROW(cloned->rethrow(), E);
+    EXPECT_THROW(boost::throw_exception(error), IInternalException);
+    EXPECT_THROW(boost::throw_exception(error), boost::exception);
+}
+
+TEST(ValueExceptionTest, InvalidIRIMessage)
+{
+    const std::vector<std::pair<ustring, std::string>> cases = {
+        {u"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"\"}"},
+        {u"no scheme", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"no scheme\"}"},
+        {u"x:\u00e4\"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"x:\xC3\xA4\"\"}"},
+    };
+    for (const auto& [text, message] : cases) {
+        const vfs::InvalidIRIException error(text);
+        EXPECT_EQ(error.getInvalidIRIString(), text);
+        EXPECT_EQ(std::string(error.what()), message);
+        const vfs::InvalidIRIException copy(error);
+        EXPECT_EQ(std::string(copy.what()), message);
+        vfs::InvalidIRIException assigned(u"other");
+        assigned = error;
+        EXPECT_EQ(assigned.getInvalidIRIString(), text);
+        EXPECT_EQ(std::string(assigned.what()), message);
+    }
+    // A lone surrogate cannot be UTF-8; the message still exists and the text is kept exactly.
+    const ustring broken(u"file:///\xD800");
+    const vfs::InvalidIRIException error(broken);
+    EXPECT_EQ(error.getInvalidIRIString(), broken);
+    EXPECT_THAT(error.what(), testing::StartsWith("foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"file:///"));
+}
+
+TEST(ValueExceptionTest, UnsupportedIRISchemeMessage)
+{
+    const vfs::UnsupportedIRISchemeException error(u"http");
+    EXPECT_EQ(error.getScheme(), u"http");
+    EXPECT_STREQ(error.what(), "foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
+    EXPECT_STREQ(vfs::UnsupportedIRISchemeException(u"").what(),
+                 "foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"\"}");
+    vfs::UnsupportedIRISchemeException assigned(u"zip");
+    assigned = error;
+    EXPECT_EQ(assigned.getScheme(), u"http");
+    EXPECT_STREQ(assigned.what(), error.what());
+
+    // Storage systems throw it wrapped, as the library throws InvalidIRIException.
+    try {
+        foundation::core::except::throwInternal(error);
+    } catch (const IInternalException& wrapped) {
+        const auto* original = dynamic_cast<const vfs::UnsupportedIRISchemeException*>(&wrapped);
+        ASSERT_NE(original, nullptr);
+        EXPECT_EQ(original->getScheme(), u"http");
+        EXPECT_NE(dynamic_cast<const boost::exception*>(&wrapped), nullptr);
+        EXPECT_EQ(wrapped.ToUstring(), u"foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
+    }
+}
+
+} // namespace

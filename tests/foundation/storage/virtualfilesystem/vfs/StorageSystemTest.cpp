@@ -1,0 +1,396 @@
+#include <foundation/storage/vfs/Exception.hpp>
+#include <foundation/storage/vfs/StorageSystem.hpp>
+
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+#include <foundation/storage/provider/local/LocalProvider.hpp>
+#include <foundation/storage/provider/memory/MemoryProvider.hpp>
+
+#include <TempDir.hpp>
+
+#include <boost/shared_ptr.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using fl::i18n::ustring;
+using foundation::core::except::IInternalException;
+using foundation::msg_svc::eventmgr::EventMgr;
+using provider::ExistenceType;
+using provider::ExistenceTypeExtended;
+using provider::StorageIRI;
+using provider::decorators::FaultInjectingProvider;
+using provider::decorators::ProviderOperation;
+using vfs::AbsoluteIRI;
+using vfs::ErrorCode;
+using vfs::StorageSystem;
+using vfs::StorageSystemReference;
+using Access = vfs::detail::StorageSystemAccess;
+
+// A storage system that serves every location with one provider, wrapped for fault injection, and
+// records what is asked of it.
+class TestSystem : public StorageSystem {
+public:
+    explicit TestSystem(std::shared_ptr<provider::IProvider> served = provider::memory::makeMemoryProvider())
+        : faults(std::make_shared<FaultInjectingProvider>(std::move(served)))
+    {
+    }
+    ~TestSystem() override
+    {
+        if (destroyed)
+            *destroyed = true;
+    }
+
+    void shutdown() const override { ++shutdowns; }
+
+    std::shared_ptr<FaultInjectingProvider> faults;
+    // Runs first in buildProvider; may throw.
+    std::function<void(const StorageIRI&)> onBuild;
+    boost::shared_ptr<EventMgr> eventMgr;
+    bool* destroyed = nullptr;
+    mutable std::atomic<int> shutdowns{0};
+    mutable std::atomic<int> builds{0};
+
+protected:
+    std::shared_ptr<provider::IProvider> buildProvider(const StorageIRI& location) const override
+    {
+        ++builds;
+        if (onBuild)
+            onBuild(location);
+        return faults;
+    }
+
+private:
+    boost::shared_ptr<EventMgr> getEventMgr() const override { return eventMgr; }
+};
+
+// EventMgr is only declared here: the pointer stands for "some event manager" and is compared, never
+// dereferenced.
+boost::shared_ptr<EventMgr> someEventMgr()
+{
+    static int marker;
+    return boost::shared_ptr<EventMgr>(boost::shared_ptr<void>(), reinterpret_cast<EventMgr*>(&marker));
+}
+
+// The message of the std::runtime_error `call` throws; also checks that it is an IInternalException.
+template <class Call>
+std::string runtimeErrorFrom(Call&& call)
+{
+    try {
+        call();
+    } catch (const std::runtime_error& error) {
+        EXPECT_NE(dynamic_cast<const IInternalException*>(&error), nullptr);
+        return error.what();
+    } catch (...) {
+        ADD_FAILURE() << "not a std::runtime_error";
+        return {};
+    }
+    ADD_FAILURE() << "nothing thrown";
+    return {};
+}
+
+const std::string destroyedMessage = "StorageSystem has been destroyed";
+const StorageIRI anywhere{u"mem://v/"};
+
+TEST(StorageSystemReferenceTest, ResolvesTheLiveSystemAndForwards)
+{
+    auto system = std::make_shared<TestSystem>();
+    system->eventMgr = someEventMgr();
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+
+    EXPECT_EQ(ref.lock(), system);
+    EXPECT_EQ(Access::buildProvider(ref, anywhere), system->faults);
+    EXPECT_EQ(system->builds, 1);
+    EXPECT_EQ(Access::getEventMgr(ref), system->eventMgr);
+    ref.shutdown();
+    EXPECT_EQ(system->shutdowns, 1);
+}
+
+TEST(StorageSystemReferenceTest, NeverKeepsTheSystemAlive)
+{
+    bool destroyed = false;
+    auto system = std::make_shared<TestSystem>();
+    system->destroyed = &destroyed;
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    const StorageSystemReference copy = ref;
+    system.reset();
+    EXPECT_TRUE(destroyed);
+}
+
+TEST(StorageSystemReferenceTest, DestroyedSystemFailsEveryOperationButShutdownAndComparison)
+{
+    std::weak_ptr<StorageSystem> gone;
+    std::weak_ptr<StorageSystem> alsoGone;
+    {
+        auto system = std::make_shared<TestSystem>();
+        auto other = std::make_shared<TestSystem>();
+        gone = system;
+        alsoGone = other;
+    }
+    const StorageSystemReference ref{gone};
+    const StorageSystemReference other{alsoGone};
+
+    EXPECT_EQ(runtimeErrorFrom([&] { ref.lock(); }), destroyedMessage);
+    EXPECT_EQ(runtimeErrorFrom([&] { Access::buildProvider(ref, anywhere); }), destroyedMessage);
+    EXPECT_EQ(runtimeErrorFrom([&] { Access::getEventMgr(ref); }), destroyedMessage);
+    // The free functions let it pass as it is, not translated.
+    EXPECT_EQ(runtimeErrorFrom([&] { vfs::exists(AbsoluteIRI{u"mem://v/a"}, ref); }), destroyedMessage);
+    EXPECT_EQ(runtimeErrorFrom([&] { vfs::existsExtended(AbsoluteIRI{u"mem://v/a"}, ref); }), destroyedMessage);
+    EXPECT_THROW(ref.lock(), IInternalException);
+
+    EXPECT_NO_THROW(ref.shutdown());
+    EXPECT_TRUE(ref == other);
+    EXPECT_FALSE(ref != other);
+
+    auto live = std::make_shared<TestSystem>();
+    const StorageSystemReference liveRef{std::weak_ptr<StorageSystem>(live)};
+    EXPECT_FALSE(ref == liveRef);
+    EXPECT_TRUE(liveRef != ref);
+}
+
+TEST(StorageSystemReferenceTest, EqualWhenResolvingToTheSameSystemNow)
+{
+    auto first = std::make_shared<TestSystem>();
+    auto second = std::make_shared<TestSystem>();
+    const StorageSystemReference a{std::weak_ptr<StorageSystem>(first)};
+    const StorageSystemReference b{std::weak_ptr<StorageSystem>(first)};
+    const StorageSystemReference copy = a;
+    const StorageSystemReference c{std::weak_ptr<StorageSystem>(second)};
+    const StorageSystemReference viaFactory{std::function<std::shared_ptr<StorageSystem>()>([&] { return first; })};
+
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(b == a);
+    EXPECT_TRUE(a == copy);
+    EXPECT_TRUE(a == viaFactory);
+    EXPECT_TRUE(viaFactory == a);
+    EXPECT_FALSE(a != b);
+    EXPECT_TRUE(a != c);
+    EXPECT_FALSE(a == c);
+
+    // Once one system goes, its references equal references to other gone systems only.
+    first.reset();
+    EXPECT_TRUE(a == b);
+    EXPECT_FALSE(a == c);
+}
+
+TEST(StorageSystemReferenceTest, MovedFromReferenceThrowsBadFunctionCall)
+{
+    auto system = std::make_shared<TestSystem>();
+    StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    const StorageSystemReference moved(std::move(ref));
+    EXPECT_EQ(moved.lock(), system);
+
+    // NOLINTBEGIN(bugprone-use-after-move)
+    EXPECT_THROW(ref.lock(), std::bad_function_call);
+    EXPECT_THROW(ref.shutdown(), std::bad_function_call);
+    EXPECT_THROW(Access::buildProvider(ref, anywhere), std::bad_function_call);
+    EXPECT_THROW(Access::getEventMgr(ref), std::bad_function_call);
+    EXPECT_THROW((void)(ref == moved), std::bad_function_call);
+    EXPECT_THROW(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), std::bad_function_call);
+
+    StorageSystemReference assigned{std::weak_ptr<StorageSystem>(system)};
+    StorageSystemReference target{std::weak_ptr<StorageSystem>()};
+    target = std::move(assigned);
+    EXPECT_EQ(target.lock(), system);
+    EXPECT_THROW(assigned.lock(), std::bad_function_call);
+    // NOLINTEND(bugprone-use-after-move)
+    EXPECT_EQ(system->shutdowns, 0);
+}
+
+TEST(StorageSystemReferenceTest, FactoryIsCalledAnewForEveryOperation)
+{
+    std::atomic<int> calls{0};
+    std::shared_ptr<TestSystem> current = std::make_shared<TestSystem>();
+    const StorageSystemReference ref{std::function<std::shared_ptr<StorageSystem>()>([&] {
+        ++calls;
+        return current;
+    })};
+
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(current->builds, 2);
+
+    // A different system from the next call on.
+    auto previous = std::exchange(current, std::make_shared<TestSystem>());
+    ref.shutdown();
+    EXPECT_EQ(current->shutdowns, 1);
+    EXPECT_EQ(previous->shutdowns, 0);
+
+    current.reset();
+    EXPECT_EQ(runtimeErrorFrom([&] { ref.lock(); }), destroyedMessage);
+    EXPECT_NO_THROW(ref.shutdown());
+}
+
+class CountingDecorator : public vfs::StorageSystemDecorator {
+public:
+    using StorageSystemDecorator::StorageSystemDecorator;
+    mutable int builds = 0;
+
+protected:
+    std::shared_ptr<provider::IProvider> buildProvider(const StorageIRI& location) const override
+    {
+        ++builds;
+        return StorageSystemDecorator::buildProvider(location);
+    }
+};
+
+TEST(StorageSystemDecoratorTest, ForwardsButReportsNoEventManager)
+{
+    auto wrapped = std::make_shared<TestSystem>();
+    wrapped->eventMgr = someEventMgr();
+    ASSERT_EQ(Access::getEventMgr(*wrapped), someEventMgr());
+
+    const vfs::StorageSystemDecorator decorator(wrapped);
+    EXPECT_EQ(Access::buildProvider(decorator, anywhere), wrapped->faults);
+    EXPECT_EQ(wrapped->builds, 1);
+    decorator.shutdown();
+    EXPECT_EQ(wrapped->shutdowns, 1);
+    EXPECT_EQ(Access::getEventMgr(decorator), nullptr);
+
+    // Copies share the wrapped system; a reference to a decorator resolves to the decorator.
+    const vfs::StorageSystemDecorator copy(decorator);
+    copy.shutdown();
+    EXPECT_EQ(wrapped->shutdowns, 2);
+
+    auto counting = std::make_shared<CountingDecorator>(wrapped);
+    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(counting)};
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
+    EXPECT_EQ(counting->builds, 1);
+    EXPECT_EQ(wrapped->builds, 2);
+    EXPECT_EQ(Access::getEventMgr(ref), nullptr);
+    ref.shutdown();
+    EXPECT_EQ(wrapped->shutdowns, 3);
+}
+
+// exists() and existsExtended() against the local disk behind a fault-injecting provider.
+class ExistsTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir.writeFile("file.txt", "x");
+        dir.makeFolder("folder");
+        std::filesystem::create_symlink(dir / "file.txt", dir / "link.txt");
+    }
+
+    AbsoluteIRI at(const std::string& relative) const { return vfs::toAbsoluteIRI(u"", dir / relative); }
+
+    // The Exception `call` throws, or nullopt.
+    template <class Call>
+    static std::optional<vfs::Exception> failure(Call&& call)
+    {
+        try {
+            call();
+        } catch (const vfs::Exception& error) {
+            return error;
+        }
+        return std::nullopt;
+    }
+
+    vfs_test::TempDir dir;
+    std::shared_ptr<TestSystem> system = std::make_shared<TestSystem>(provider::local::makeLocalProvider());
+    StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+};
+
+TEST_F(ExistsTest, AnswersWhatIsThere)
+{
+    EXPECT_EQ(vfs::exists(at("file.txt"), ref), ExistenceType::File);
+    EXPECT_EQ(vfs::exists(at("folder"), ref), ExistenceType::Folder);
+    EXPECT_EQ(vfs::exists(at("missing"), ref), ExistenceType::NotFound);
+    EXPECT_EQ(vfs::exists(at("link.txt"), ref), ExistenceType::File);
+
+    EXPECT_EQ(vfs::existsExtended(at("file.txt"), ref), ExistenceTypeExtended::File);
+    EXPECT_EQ(vfs::existsExtended(at("folder"), ref), ExistenceTypeExtended::Folder);
+    EXPECT_EQ(vfs::existsExtended(at("missing"), ref), ExistenceTypeExtended::NotFound);
+    EXPECT_EQ(vfs::existsExtended(at("link.txt"), ref), ExistenceTypeExtended::LinkToFile);
+}
+
+TEST_F(ExistsTest, ProviderResourceNotFoundAnswersNotFound)
+{
+    const auto file = at("file.txt");
+    system->faults->addFault({.operation = ProviderOperation::Exists,
+                              .location = vfs::detail::IRIAccess::storageIRI(file),
+                              .code = provider::ErrorCode::ResourceNotFound});
+    system->faults->addFault({.operation = ProviderOperation::ExistsExtended,
+                              .code = provider::ErrorCode::ResourceNotFound});
+    EXPECT_EQ(vfs::exists(file, ref), ExistenceType::NotFound);
+    EXPECT_EQ(vfs::exists(at("folder"), ref), ExistenceType::Folder);
+    EXPECT_EQ(vfs::existsExtended(file, ref), ExistenceTypeExtended::NotFound);
+    EXPECT_EQ(vfs::existsExtended(at("folder"), ref), ExistenceTypeExtended::NotFound);
+}
+
+TEST_F(ExistsTest, OtherProviderFailuresAreTranslated)
+{
+    struct Case {
+        ProviderOperation operation;
+        provider::ErrorCode injected;
+        ErrorCode expected;
+        ustring contexts;
+    };
+    const Case cases[] = {
+        {ProviderOperation::Exists, provider::ErrorCode::PermissionDenied, ErrorCode::PermissionDenied,
+         u"fault-injection:exists"},
+        {ProviderOperation::ExistsExtended, provider::ErrorCode::PermissionDenied, ErrorCode::PermissionDenied,
+         u"fault-injection:existsExtended"},
+        {ProviderOperation::Exists, provider::ErrorCode::FileTooLarge, ErrorCode::FileTooLarge,
+         u"fault-injection:exists"},
+        {ProviderOperation::ExistsExtended, provider::ErrorCode::ReadOnlyProvider, ErrorCode::ReadOnlyProvider,
+         u"fault-injection:existsExtended"},
+        {ProviderOperation::Exists, provider::ErrorCode::InternalError, ErrorCode::InternalError,
+         u"fault-injection:exists"},
+    };
+    const auto file = at("file.txt");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(provider::decorators::toString(c.operation)) + " " + provider::toString(c.injected));
+        system->faults->clearFaults();
+        system->faults->addFault({.operation = c.operation, .code = c.injected});
+        const auto error = failure([&] {
+            if (c.operation == ProviderOperation::Exists)
+                vfs::exists(file, ref);
+            else
+                vfs::existsExtended(file, ref);
+        });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), c.expected);
+        EXPECT_EQ(error->getLocation(), file);
+        EXPECT_EQ(error->getExceptionContextsString(), c.contexts);
+    }
+}
+
+TEST_F(ExistsTest, FailuresWhileBuildingTheProvider)
+{
+    // A provider error is translated like any other.
+    system->onBuild = [](const StorageIRI& location) {
+        provider::throwProviderError(provider::ErrorCode::InvalidLocation, location, {provider::ExceptionContext(u"build")});
+    };
+    const auto file = at("file.txt");
+    const auto error = failure([&] { vfs::exists(file, ref); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+    EXPECT_EQ(error->getLocation(), file);
+    EXPECT_EQ(error->getExceptionContextsString(), u"build");
+
+    // A scheme the system does not serve passes untouched.
+    system->onBuild = [](const StorageIRI& location) {
+        foundation::core::except::throwInternal(vfs::UnsupportedIRISchemeException(location.getScheme()));
+    };
+    try {
+        vfs::exists(AbsoluteIRI{u"http://example.com/a"}, ref);
+        FAIL() << "no exception";
+    } catch (const vfs::UnsupportedIRISchemeException& unsupported) {
+        EXPECT_EQ(unsupported.getScheme(), u"http");
+    }
+}
+
+} // namespace
