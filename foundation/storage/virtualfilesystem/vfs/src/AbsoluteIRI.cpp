@@ -95,8 +95,12 @@ CanonicalAbsoluteIRI toCanonicalAbsoluteIRI(const ustring& scheme, const fl::fil
     provider::StorageIRI canonical;
     try {
         canonical = provider::toCanonicalizedStorageIRI(scheme, path);
-    } catch (const provider::Exception&) {
-        detail::translateProviderException();
+    } catch (const provider::Exception& error) {
+        // A failure that names a location (a missing or inaccessible path) is the provider's to
+        // report; one without (a path that is no valid text) is bad input.
+        if (error.getStorageIRI().hasPath())
+            detail::translateProviderException();
+        throwInvalidNestingCurrent(fl::i18n::utf8_to_ustring_lossy(path.native()));
     } catch (...) {
         throwInvalidNestingCurrent(fl::i18n::utf8_to_ustring_lossy(path.native()));
     }

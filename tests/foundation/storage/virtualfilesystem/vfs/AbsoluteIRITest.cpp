@@ -324,8 +324,12 @@ TEST_F(LocalPathsTest, PathsWithoutAnIRIBecomeInvalidIRIWithTheProviderCause)
         EXPECT_EQ(cause->getErrorCode(), provider::ErrorCode::InvalidLocation);
     }
     // A path that names no location is not an I/O failure: canonicalising it is no Exception either.
-    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/\xFF")})
-        EXPECT_THROW(vfs::toCanonicalAbsoluteIRI(u"", path), InvalidIRIException);
+    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/\xFF")}) {
+        const auto error = invalidIRIFrom([&] { vfs::toCanonicalAbsoluteIRI(u"", path); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->invalidIRIString, fl::i18n::utf8_to_ustring_lossy(path.native()));
+        EXPECT_TRUE(providerCause(error->nested).has_value());
+    }
 }
 
 TEST_F(LocalPathsTest, FromAbsoluteIRIPassesProviderErrorsUntranslated)
