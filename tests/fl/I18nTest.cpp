@@ -1,11 +1,14 @@
 #include <fl/i18n/ustring.hpp>
 
+#include <ExceptionCapture.hpp>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -16,14 +19,10 @@ using namespace std::string_view_literals;
 template <class Action>
 std::size_t failureOffset(Action&& action)
 {
-    try {
-        action();
-    } catch (const conversion_error& error) {
+    return vfs_test::inspectThrown<conversion_error>(std::forward<Action>(action), [](const conversion_error& error) {
         EXPECT_THAT(error.what(), ::testing::HasSubstr(std::to_string(error.offset())));
         return error.offset();
-    }
-    ADD_FAILURE() << "no conversion_error";
-    return std::string::npos;
+    });
 }
 
 std::string hex(std::string_view bytes)
@@ -222,14 +221,14 @@ TEST(I18n, RandomInputKeepsTheConversionsConsistent)
             bytes.push_back(static_cast<char>(pick(3) == 0 ? pick(0x7F) : 0x80 + pick(0x7F)));
         const std::u16string decoded = utf8_to_ustring_lossy(bytes);
         EXPECT_TRUE(is_valid_utf16(decoded)) << hex(bytes);
-        try {
-            const std::u16string strict = utf8_to_ustring(bytes);
+        std::u16string strict;
+        if (const auto error = vfs_test::thrown<conversion_error>([&] { strict = utf8_to_ustring(bytes); })) {
+            EXPECT_LT(error->offset(), bytes.size());
+            EXPECT_NE(decoded.find(u'\uFFFD'), std::u16string::npos) << hex(bytes);
+        } else {
             ++validUtf8;
             EXPECT_EQ(strict, decoded);
             EXPECT_EQ(ustring_to_utf8(strict), bytes);
-        } catch (const conversion_error& error) {
-            EXPECT_LT(error.offset(), bytes.size());
-            EXPECT_NE(decoded.find(u'\uFFFD'), std::u16string::npos) << hex(bytes);
         }
         if (::testing::Test::HasFailure())
             return;

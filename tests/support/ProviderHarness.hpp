@@ -4,6 +4,7 @@
 // work in, a way to build trees there, and the locations of its scheme it must refuse. A new
 // provider joins every suite built on this by one harness class and one entry in allProviders().
 
+#include "ExceptionCapture.hpp"
 #include "TempDir.hpp"
 
 #include <foundation/storage/provider/Exception.hpp>
@@ -15,10 +16,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <functional>
+#include <istream>
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -114,13 +118,19 @@ inline std::vector<StorageIRI> foreignLocations(const StorageIRI& root)
 template <class Call>
 std::optional<provider::Exception> providerError(Call&& call)
 {
-    try {
-        std::forward<Call>(call)();
-    } catch (const provider::Exception& error) {
-        return error;
-    }
-    return std::nullopt;
+    return thrown<provider::Exception>(std::forward<Call>(call));
 }
+
+// A fixture run once for each provider of allProviders(): its harness, the provider, and the
+// harness's root folder.
+class ProviderTest : public testing::TestWithParam<ProviderUnderTest> {
+protected:
+    StorageIRI below(const ustring& relative) const { return StorageIRI(root, relative); }
+
+    const std::unique_ptr<ProviderHarness> harness = GetParam().make();
+    const std::shared_ptr<provider::IProvider> provider = harness->provider();
+    const StorageIRI root = harness->root();
+};
 
 // The context keys in order, as UTF-8, for readable comparisons.
 inline std::vector<std::string> contextKeys(const provider::Exception& error)
@@ -134,6 +144,70 @@ inline std::vector<std::string> contextKeys(const provider::Exception& error)
 inline std::string text(const StorageIRI& iri)
 {
     return fl::i18n::ustring_to_utf8(iri.toString());
+}
+
+namespace detail {
+
+inline void writeField(std::ostream& out, const ustring& field)
+{
+    const std::string utf8 = fl::i18n::ustring_to_utf8(field);
+    out << utf8.size() << ':' << utf8;
+}
+
+inline ustring readField(std::istream& in)
+{
+    std::size_t size = 0;
+    char colon = 0;
+    in >> size >> colon;
+    std::string utf8(size, '\0');
+    in.read(utf8.data(), static_cast<std::streamsize>(size));
+    if (!in || colon != ':')
+        throw std::runtime_error("malformed provider error text");
+    return fl::i18n::utf8_to_ustring(utf8);
+}
+
+} // namespace detail
+
+// A provider failure, or none, as text and back: for failures met in another process (see
+// Unprivileged.hpp). Code, location, message and contexts survive; strings travel as length:bytes.
+inline void writeProviderError(std::ostream& out, const std::optional<provider::Exception>& error)
+{
+    out << (error ? 1 : 0) << ' ';
+    if (!error)
+        return;
+    out << static_cast<int>(error->getErrorCode()) << ' ';
+    detail::writeField(out, error->getStorageIRI().toString());
+    detail::writeField(out, error->getMessage());
+    out << error->getAllExceptionContexts().size() << ' ';
+    for (const auto& context : error->getAllExceptionContexts()) {
+        detail::writeField(out, context.getExceptionContextKey());
+        detail::writeField(out, context.getDetail());
+    }
+}
+
+inline std::optional<provider::Exception> readProviderError(std::istream& in)
+{
+    int present = 0;
+    in >> present;
+    if (!in)
+        throw std::runtime_error("malformed provider error text");
+    if (!present)
+        return std::nullopt;
+    int code = 0;
+    in >> code;
+    const ustring location = detail::readField(in);
+    const ustring message = detail::readField(in);
+    std::size_t count = 0;
+    in >> count;
+    provider::ExceptionContexts contexts;
+    for (std::size_t i = 0; i < count; ++i) {
+        ustring key = detail::readField(in);
+        contexts.emplace_back(std::move(key), detail::readField(in));
+    }
+    provider::Exception error(static_cast<provider::ErrorCode>(code),
+                              location.empty() ? StorageIRI() : StorageIRI(location), message);
+    error.withExceptionContexts(std::move(contexts));
+    return error;
 }
 
 } // namespace vfs_test

@@ -12,14 +12,14 @@
 
 namespace vfs_test {
 
-// A fresh folder under the system's temporary folder, removed with everything in it when the
-// object goes. Removal first gives every folder back its owner permissions, so a test that made
-// a folder unreadable cannot leave it behind.
+// A fresh folder under the system's temporary folder (or under `parent`), removed with everything in
+// it when the object goes. Removal first gives every folder back its owner permissions, so a test
+// that made a folder unreadable cannot leave it behind.
 class TempDir {
 public:
-    TempDir()
+    explicit TempDir(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vfs-test-XXXXXX").string();
+        std::string pattern = (parent / "vfs-test-XXXXXX").string();
         if (!::mkdtemp(pattern.data()))
             throw std::system_error(errno, std::generic_category(), "mkdtemp " + pattern);
         m_path = pattern;

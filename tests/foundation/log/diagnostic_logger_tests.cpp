@@ -1,5 +1,8 @@
 #include <foundation/log/diagnostic_logger.hpp>
 
+#include <RecordingListener.hpp>
+#include <Threads.hpp>
+
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core/core.hpp>
 #include <boost/log/expressions.hpp>
@@ -18,7 +21,6 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -31,39 +33,8 @@ namespace log_test {
 using namespace foundation::log;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-struct Record {
-    unsigned severity;
-    int indent;
-    std::string text;
-    bool operator==(const Record&) const = default;
-};
-
-void PrintTo(const Record& r, std::ostream* os)
-{
-    *os << "{" << category_name(r.severity) << ", " << r.indent << ", \"" << r.text << "\"}";
-}
-
-// Collects what a listener hands over; usable from several writing threads.
-class Recorder {
-public:
-    diagnostic_listener::line_handler handler()
-    {
-        return [this](unsigned severity, int indent, const std::string& text) {
-            std::lock_guard<std::mutex> guard(m_lock);
-            m_records.push_back({severity, indent, text});
-        };
-    }
-    std::vector<Record> take()
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return std::exchange(m_records, {});
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<Record> m_records;
-};
+using vfs_test::RecordingListener;
+using Record = vfs_test::LogRecord;
 
 void writeEveryCategory(diagnostic_logger& logger)
 {
@@ -75,9 +46,8 @@ TEST(DiagnosticListener, ReceivesOnlyItsCategoriesAndChannel)
 {
     diagnostic_logger first("test.filter.first");
     diagnostic_logger second("test.filter.second");
-    Recorder onFirst, onSecond;
-    diagnostic_listener firstListener(first, category_arguments | category_results, onFirst.handler());
-    diagnostic_listener secondListener(second, category_arguments, onSecond.handler());
+    RecordingListener onFirst(first, category_arguments | category_results);
+    RecordingListener onSecond(second, category_arguments);
 
     EXPECT_TRUE(first.enabled(category_arguments));
     EXPECT_TRUE(first.enabled(category_results));
@@ -98,9 +68,8 @@ TEST(DiagnosticListener, ReceivesOnlyItsCategoriesAndChannel)
 TEST(DiagnosticListener, TwoListenersWithDifferentMasks)
 {
     diagnostic_logger logger("test.two_listeners");
-    Recorder entries, exitsAndErrors;
-    diagnostic_listener a(logger, category_function_entry, entries.handler());
-    diagnostic_listener b(logger, category_function_exit | category_error, exitsAndErrors.handler());
+    RecordingListener entries(logger, category_function_entry);
+    RecordingListener exitsAndErrors(logger, category_function_exit | category_error);
 
     EXPECT_TRUE(logger.enabled(category_function_entry));
     EXPECT_TRUE(logger.enabled(category_function_exit));
@@ -122,10 +91,9 @@ TEST(DiagnosticListener, MaskDropsBackWhenAListenerGoes)
 {
     diagnostic_logger logger("test.mask_drop");
     diagnostic_logger other("test.mask_drop.other");
-    Recorder kept;
     auto goneCalls = std::make_shared<std::atomic<int>>(0);
     {
-        diagnostic_listener keeper(logger, category_arguments | category_results, kept.handler());
+        RecordingListener kept(logger, category_arguments | category_results);
         {
             diagnostic_listener leaver(logger, category_results | category_information,
                                        [goneCalls](unsigned, int, const std::string&) { ++*goneCalls; });
@@ -167,9 +135,8 @@ TEST(DiagnosticListener, StreamListenerWritesOneFormattedLinePerRecord)
 
 TEST(DiagnosticListener, MayOutliveItsLogger)
 {
-    Recorder recorder;
     auto logger = std::make_unique<diagnostic_logger>("test.outlive");
-    diagnostic_listener listener(*logger, category_all, recorder.handler());
+    RecordingListener recorder(*logger, category_all);
     logger->write(category_information, "last words");
     logger.reset();
     EXPECT_THAT(recorder.take(), ElementsAre(Record{category_information, 0, "last words"}));
@@ -223,8 +190,7 @@ TEST(TraceScope, IndentNestsPerLoggerAndPerThread)
 {
     diagnostic_logger logger("test.indent");
     diagnostic_logger other("test.indent.other");
-    Recorder recorder;
-    diagnostic_listener listener(logger, category_all, recorder.handler());
+    RecordingListener recorder(logger, category_all);
 
     EXPECT_EQ(logger.indent(), 0);
     {
@@ -266,12 +232,11 @@ TEST(TraceScope, IndentNestsPerLoggerAndPerThread)
 TEST(TraceScope, IndentIsKeptWhileNobodyListens)
 {
     diagnostic_logger logger("test.indent.silent");
-    Recorder recorder;
     trace_scope outer(logger, "outer");
     {
         trace_scope inner(logger, "inner");
     }
-    diagnostic_listener listener(logger, category_all, recorder.handler());
+    RecordingListener recorder(logger, category_all);
     logger.write(category_information, "inside outer");
     EXPECT_THAT(recorder.take(), ElementsAre(Record{category_information, 1, "inside outer"}));
 }
@@ -288,8 +253,7 @@ struct TracedOnUnwind {
 TEST(TraceScope, ExitIsMarkedOnlyWhenLeftByAnException)
 {
     diagnostic_logger logger("test.throw");
-    Recorder recorder;
-    diagnostic_listener listener(logger, category_function_exit, recorder.handler());
+    RecordingListener recorder(logger, category_function_exit);
 
     try {
         trace_scope scope(logger, "void fails()");
@@ -307,8 +271,7 @@ TEST(TraceScope, ExitIsMarkedOnlyWhenLeftByAnException)
 TEST(TraceScope, WorksInThreadLocalDestructorsAtThreadExit)
 {
     diagnostic_logger logger("test.thread_exit");
-    Recorder recorder;
-    diagnostic_listener listener(logger, category_all, recorder.handler());
+    RecordingListener recorder(logger, category_all);
 
     std::thread([&logger] {
         // Made before the thread's first trace scope, so destroyed after the indent bookkeeping.
@@ -404,17 +367,15 @@ TEST(DiagnosticLogger, ConcurrentWritersWhileListenersComeAndGo)
     diagnostic_logger logger("test.concurrent");
     std::atomic<bool> stop{false};
     std::atomic<int> badIndent{0};
-    std::vector<std::thread> writers;
-    for (int w = 0; w < 3; ++w)
-        writers.emplace_back([&] {
-            while (!stop.load()) {
-                trace_scope scope(logger, "work");
-                if (logger.indent() != 1)
-                    ++badIndent;
-                if (logger.enabled(category_information))
-                    logger.write(category_information, "tick");
-            }
-        });
+    const auto writer = [&] {
+        while (!stop.load()) {
+            trace_scope scope(logger, "work");
+            if (logger.indent() != 1)
+                ++badIndent;
+            if (logger.enabled(category_information))
+                logger.write(category_information, "tick");
+        }
+    };
 
     struct Probe {
         std::atomic<bool> closed{false};
@@ -425,31 +386,33 @@ TEST(DiagnosticLogger, ConcurrentWritersWhileListenersComeAndGo)
     const unsigned masks[] = {category_function_entry | category_function_exit, category_information, category_all};
     constexpr int rounds = 200;
     std::vector<std::shared_ptr<Probe>> probes;
-    for (int round = 0; round < rounds; ++round) {
-        auto probe = std::make_shared<Probe>();
-        const unsigned mask = masks[round % 3];
-        {
-            diagnostic_listener listener(logger, mask, [probe, mask](unsigned severity, int indent, const std::string& text) {
-                if (probe->closed.load())
-                    ++probe->afterClose;
-                const bool wellFormed = (severity & mask) != 0 &&
-                                        ((severity == category_information && indent == 1 && text == "tick") ||
-                                         ((severity == category_function_entry || severity == category_function_exit) &&
-                                          indent == 0 && text == "work"));
-                if (!wellFormed)
-                    ++probe->malformed;
-                ++probe->records;
-            });
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-            while (probe->records.load() < 1 && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::yield();
+    const auto listenersComeAndGo = [&] {
+        for (int round = 0; round < rounds; ++round) {
+            auto probe = std::make_shared<Probe>();
+            const unsigned mask = masks[round % 3];
+            {
+                const auto check = [probe, mask](unsigned severity, int indent, const std::string& text) {
+                    if (probe->closed.load())
+                        ++probe->afterClose;
+                    const bool traced = severity == category_function_entry || severity == category_function_exit;
+                    const bool wellFormed = (severity & mask) != 0 &&
+                                            ((severity == category_information && indent == 1 && text == "tick") ||
+                                             (traced && indent == 0 && text == "work"));
+                    if (!wellFormed)
+                        ++probe->malformed;
+                    ++probe->records;
+                };
+                diagnostic_listener listener(logger, mask, check);
+                const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+                while (probe->records.load() < 1 && std::chrono::steady_clock::now() < deadline)
+                    std::this_thread::yield();
+            }
+            probe->closed = true;
+            probes.push_back(probe);
         }
-        probe->closed = true;
-        probes.push_back(probe);
-    }
-    stop = true;
-    for (auto& writer : writers)
-        writer.join();
+        stop = true;
+    };
+    vfs_test::runTogether({writer, writer, writer, listenersComeAndGo});
     EXPECT_EQ(capture.finish(), "");
     for (std::size_t round = 0; round < probes.size(); ++round) {
         EXPECT_GT(probes[round]->records.load(), 0) << "round " << round;

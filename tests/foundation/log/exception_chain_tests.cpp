@@ -2,6 +2,8 @@
 
 #include <foundation/core/except/Exception.hpp>
 
+#include <ExceptionCapture.hpp>
+
 #include <boost/exception/errinfo_nested_exception.hpp>
 #include <boost/exception/info.hpp>
 #include <boost/exception_ptr.hpp>
@@ -40,26 +42,29 @@ private:
 template <class Throw>
 std::string chainOf(Throw thrower)
 {
-    try {
-        thrower();
-    } catch (...) {
-        return current_exception_chain_as_string();
-    }
-    return "nothing thrown";
+    return vfs_test::whileHandling(thrower, [] { return current_exception_chain_as_string(); });
+}
+
+// Runs `innermost`, which throws, then each of `wrappers` in the handler of what the one before
+// threw, so that each can nest its predecessor.
+template <class Innermost>
+void throwNested(Innermost innermost)
+{
+    innermost();
+}
+
+template <class Innermost, class Wrapper, class... Wrappers>
+void throwNested(Innermost innermost, Wrapper wrapper, Wrappers... wrappers)
+{
+    throwNested([&] { vfs_test::whileHandling(innermost, wrapper); }, wrappers...);
 }
 
 TEST(ExceptionChain, StandardNestingThreeLevels)
 {
     const std::string chain = chainOf([] {
-        try {
-            try {
-                throw std::runtime_error("disk failed");
-            } catch (...) {
-                std::throw_with_nested(std::logic_error("provider failed"));
-            }
-        } catch (...) {
-            std::throw_with_nested(CopyError("copy failed"));
-        }
+        throwNested([] { throw std::runtime_error("disk failed"); },
+                    [] { std::throw_with_nested(std::logic_error("provider failed")); },
+                    [] { std::throw_with_nested(CopyError("copy failed")); });
     });
     EXPECT_EQ(chain, "chain_test::CopyError: copy failed\n"
                      "std::logic_error: provider failed\n"
@@ -69,16 +74,15 @@ TEST(ExceptionChain, StandardNestingThreeLevels)
 TEST(ExceptionChain, BoostNestingThreeLevels)
 {
     const std::string chain = chainOf([] {
-        try {
-            try {
-                boost::throw_exception(std::runtime_error("disk failed"));
-            } catch (...) {
-                boost::throw_exception(BoostError("provider failed")
-                                       << boost::errinfo_nested_exception(boost::current_exception()));
-            }
-        } catch (...) {
-            boost::throw_exception(BoostError("copy failed") << boost::errinfo_nested_exception(boost::current_exception()));
-        }
+        throwNested([] { boost::throw_exception(std::runtime_error("disk failed")); },
+                    [] {
+                        boost::throw_exception(BoostError("provider failed")
+                                               << boost::errinfo_nested_exception(boost::current_exception()));
+                    },
+                    [] {
+                        boost::throw_exception(BoostError("copy failed")
+                                               << boost::errinfo_nested_exception(boost::current_exception()));
+                    });
     });
     EXPECT_EQ(chain, "chain_test::BoostError: copy failed\n"
                      "chain_test::BoostError: provider failed\n"
@@ -88,15 +92,9 @@ TEST(ExceptionChain, BoostNestingThreeLevels)
 TEST(ExceptionChain, MixedNestingAndTypesWithoutMessage)
 {
     const std::string chain = chainOf([] {
-        try {
-            try {
-                throw 42;
-            } catch (...) {
-                throw Note() << boost::errinfo_nested_exception(boost::current_exception());
-            }
-        } catch (...) {
-            std::throw_with_nested(Described());
-        }
+        throwNested([] { throw 42; },
+                    [] { throw Note() << boost::errinfo_nested_exception(boost::current_exception()); },
+                    [] { std::throw_with_nested(Described()); });
     });
     EXPECT_EQ(chain, "chain_test::Described: r\xc3\xa9sum\xc3\xa9 lost\n"
                      "chain_test::Note\n"

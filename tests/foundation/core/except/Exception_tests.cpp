@@ -1,15 +1,16 @@
 #include <foundation/core/except/Exception.hpp>
 
+#include <ExceptionCapture.hpp>
+#include <Threads.hpp>
+
 #include <boost/exception_ptr.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -108,18 +109,8 @@ TEST(Exception, ConcurrentWhatOnOneObjectAgrees)
     for (int round = 0; round < rounds; ++round) {
         const TextException e(u"shared \u00e9v\u00e9nement " + ustring(1, char16_t(u'0' + round % 10)));
         const std::string expected = std::string("shared \xc3\xa9v\xc3\xa9nement ") + char('0' + round % 10);
-        std::atomic<int> ready{0};
         std::vector<const char*> seen(threadCount, nullptr);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < threadCount; ++t)
-            threads.emplace_back([&, t] {
-                ready.fetch_add(1);
-                while (ready.load() < threadCount)
-                    std::this_thread::yield();
-                seen[t] = e.what();
-            });
-        for (auto& thread : threads)
-            thread.join();
+        vfs_test::runOnThreads(threadCount, [&](int t) { seen[static_cast<std::size_t>(t)] = e.what(); });
         for (const char* text : seen) {
             EXPECT_EQ(text, seen.front()) << "every caller gets the text that won the race";
             EXPECT_EQ(std::string(text), expected);
@@ -131,24 +122,12 @@ TEST(AnonymousInternalException, ThrownInternallyIsCaughtThroughEveryInterface)
 {
     const auto thrower = [] { foundation::core::except::throwInternal(std::runtime_error("disk on fire")); };
 
-    try {
-        thrower();
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const IInternalException& e) {
-        EXPECT_EQ(e.ToUstring(), u"disk on fire");
-    }
-    try {
-        thrower();
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "disk on fire");
-    }
-    try {
-        thrower();
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const boost::exception& e) {
-        EXPECT_NE(dynamic_cast<const IException*>(&e), nullptr);
-    }
+    vfs_test::inspectThrown<IInternalException>(
+        thrower, [](const IInternalException& e) { EXPECT_EQ(e.ToUstring(), u"disk on fire"); });
+    vfs_test::inspectThrown<std::runtime_error>(
+        thrower, [](const std::runtime_error& e) { EXPECT_STREQ(e.what(), "disk on fire"); });
+    vfs_test::inspectThrown<boost::exception>(
+        thrower, [](const boost::exception& e) { EXPECT_NE(dynamic_cast<const IException*>(&e), nullptr); });
 }
 
 TEST(AnonymousInternalException, KeepsTheOriginalMessage)
@@ -173,15 +152,10 @@ TEST(AnonymousInternalException, KeepsTheOriginalMessage)
 template <class Throw>
 void expectCloneKeepsTypeAndMessage(Throw thrower)
 {
-    try {
-        thrower();
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const IInternalException& original) {
+    vfs_test::inspectThrown<IInternalException>(thrower, [](const IInternalException& original) {
         const boost::exception_ptr captured = boost::current_exception();
         ASSERT_TRUE(captured);
-        try {
-            boost::rethrow_exception(captured);
-        } catch (const IInternalException& e) {
+        vfs_test::inspectThrown<IInternalException>(vfs_test::rethrowing(captured), [&](const IInternalException& e) {
             EXPECT_EQ(typeid(e), typeid(original));
             EXPECT_NE(dynamic_cast<const void*>(&e), dynamic_cast<const void*>(&original))
                 << "a clone, not the original object";
@@ -189,10 +163,8 @@ void expectCloneKeepsTypeAndMessage(Throw thrower)
             const auto* standard = dynamic_cast<const std::runtime_error*>(&e);
             ASSERT_NE(standard, nullptr);
             EXPECT_STREQ(standard->what(), "lost volume");
-        } catch (...) {
-            ADD_FAILURE() << "the clone lost its type";
-        }
-    }
+        });
+    });
 }
 
 TEST(AnonymousInternalException, BoostCurrentExceptionClonesAndRethrowsIt)

@@ -1,13 +1,14 @@
 // What only the local disk has: links, special files, permissions, the file://localhost form.
 
 #include <ProviderHarness.hpp>
+#include <Unprivileged.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sstream>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -78,23 +79,35 @@ TEST_F(LocalProviderTest, SpecialFilesAreSpecialAndExistAsFiles)
 
 TEST_F(LocalProviderTest, PermissionDeniedCarriesTheFailingCallAndErrno)
 {
-    if (::geteuid() == 0)
-        GTEST_SKIP() << "root bypasses permissions";
-    const auto closed = dir.makeFolder("closed");
-    dir.writeFile("closed/inside.txt");
+    // As root the calls run in a child that has become nobody, which must be able to reach the
+    // closed folder: /tmp is searchable by everyone and so is the folder made there.
+    const TempDir reachable("/tmp");
+    ASSERT_EQ(::chmod(reachable.path().c_str(), 0711), 0);
+    const auto closed = reachable.makeFolder("closed");
+    reachable.writeFile("closed/inside.txt");
     ASSERT_EQ(::chmod(closed.c_str(), 0), 0);
     const StorageIRI inside = at(closed / "inside.txt");
 
+    std::istringstream report(runWithPermissionsEnforced([&] {
+        std::ostringstream out;
+        out << static_cast<int>(local->exists(at(closed))) << ' ';
+        writeProviderError(out, providerError([&] { local->exists(inside); }));
+        writeProviderError(out, providerError([&] { local->existsExtended(inside); }));
+        return out.str();
+    }));
+    int closedExistence = -1;
+    report >> closedExistence;
+    const auto followed = readProviderError(report);
+    const auto extended = readProviderError(report);
+
     // The closed folder itself can still be examined; what is inside cannot.
-    EXPECT_EQ(local->exists(at(closed)), ExistenceType::Folder);
-    const auto followed = providerError([&] { local->exists(inside); });
+    EXPECT_EQ(static_cast<ExistenceType>(closedExistence), ExistenceType::Folder);
     ASSERT_TRUE(followed.has_value());
     EXPECT_EQ(followed->getErrorCode(), ErrorCode::PermissionDenied);
     EXPECT_TRUE(followed->getStorageIRI() == inside);
     EXPECT_THAT(contextKeys(*followed), testing::ElementsAre("stat", "EACCES"));
     EXPECT_FALSE(followed->getMessage().empty());
 
-    const auto extended = providerError([&] { local->existsExtended(inside); });
     ASSERT_TRUE(extended.has_value());
     EXPECT_EQ(extended->getErrorCode(), ErrorCode::PermissionDenied);
     EXPECT_THAT(contextKeys(*extended), testing::ElementsAre("lstat", "EACCES"));

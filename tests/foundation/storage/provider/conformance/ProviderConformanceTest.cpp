@@ -1,13 +1,13 @@
 // The behaviour every provider owes the library, run against each provider in allProviders().
 
 #include <ProviderHarness.hpp>
+#include <Threads.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <optional>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -18,21 +18,7 @@ using provider::ExistenceType;
 using provider::ExistenceTypeExtended;
 using provider::ExtendedFeature;
 
-class ProviderConformance : public testing::TestWithParam<ProviderUnderTest> {
-protected:
-    void SetUp() override
-    {
-        harness = GetParam().make();
-        provider = harness->provider();
-        root = harness->root();
-    }
-
-    StorageIRI below(const ustring& relative) const { return StorageIRI(root, relative); }
-
-    std::unique_ptr<ProviderHarness> harness;
-    std::shared_ptr<provider::IProvider> provider;
-    StorageIRI root;
-};
+class ProviderConformance : public ProviderTest {};
 
 TEST_P(ProviderConformance, ExistsReportsTheRootAsAFolder)
 {
@@ -79,7 +65,7 @@ TEST_P(ProviderConformance, NamesWithSpacesEscapesAndNonAsciiReachTheResource)
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(name));
         const auto file = harness->makeFile(name);
         if (!file)
-        GTEST_SKIP() << "the harness cannot create files for this provider yet";
+            GTEST_SKIP() << "the harness cannot create files for this provider yet";
         EXPECT_EQ(provider->exists(*file), ExistenceType::File);
         EXPECT_EQ(provider->exists(StorageIRI(file->toString())), ExistenceType::File) << text(*file);
         EXPECT_EQ(provider->exists(StorageIRI(file->toAsciiString())), ExistenceType::File) << text(*file);
@@ -117,29 +103,20 @@ TEST_P(ProviderConformance, ExistsServesManyThreadsAtOnce)
     constexpr int rounds = 300;
 
     std::atomic<int> wrong{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&] {
-            while (!go.load())
-                std::this_thread::yield();
-            for (int i = 0; i < rounds; ++i) {
-                try {
-                    if (provider->exists(root) != ExistenceType::Folder)
-                        ++wrong;
-                    if (provider->existsExtended(missing) != ExistenceTypeExtended::NotFound)
-                        ++wrong;
-                    if (file && provider->exists(*file) != ExistenceType::File)
-                        ++wrong;
-                } catch (...) {
+    runOnThreads(threadCount, [&](int) {
+        for (int i = 0; i < rounds; ++i) {
+            try {
+                if (provider->exists(root) != ExistenceType::Folder)
                     ++wrong;
-                }
+                if (provider->existsExtended(missing) != ExistenceTypeExtended::NotFound)
+                    ++wrong;
+                if (file && provider->exists(*file) != ExistenceType::File)
+                    ++wrong;
+            } catch (...) {
+                ++wrong;
             }
-        });
-    }
-    go = true;
-    for (auto& thread : threads)
-        thread.join();
+        }
+    });
     EXPECT_EQ(wrong.load(), 0);
 }
 

@@ -1,12 +1,12 @@
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 
+#include <ProviderHarness.hpp>
 #include <TempDir.hpp>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <optional>
 #include <string>
 
 namespace {
@@ -19,21 +19,10 @@ using foundation::storage::provider::locationsAreEquivalent;
 using foundation::storage::provider::toCanonicalizedStorageIRI;
 using foundation::storage::provider::toStorageIRI;
 using fl::i18n::ustring;
+using vfs_test::providerError;
 namespace fs = std::filesystem;
 
 std::string utf8(const StorageIRI& iri) { return fl::i18n::ustring_to_utf8_lossy(iri.toString()); }
-
-template <class Action>
-std::optional<Exception> providerError(Action&& action)
-{
-    try {
-        action();
-    } catch (const Exception& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no provider exception";
-    return std::nullopt;
-}
 
 TEST(LocalPaths, AbsolutePathsBecomeFileIRIsAndBack)
 {

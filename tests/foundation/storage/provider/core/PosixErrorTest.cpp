@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/PosixError.hpp>
 
+#include <ExceptionCapture.hpp>
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -76,14 +78,11 @@ TEST(PosixErrorTest, PosixErrorCarriesCodeLocationCallErrnoAndMessage)
 TEST(PosixErrorTest, ThrowPosixErrorThrowsTheSameException)
 {
     const StorageIRI location(u"file:///missing");
-    try {
-        throwPosixError(ENOENT, "stat", location);
-        FAIL() << "throwPosixError returned";
-    } catch (const Exception& error) {
+    vfs_test::inspectThrown<Exception>([&] { throwPosixError(ENOENT, "stat", location); }, [&](const Exception& error) {
         EXPECT_EQ(error.getErrorCode(), ErrorCode::ResourceNotFound);
         EXPECT_TRUE(error.getStorageIRI() == location);
         EXPECT_EQ(error.getAllExceptionContexts(), posixError(ENOENT, "stat", location).getAllExceptionContexts());
-    }
+    });
 }
 
 } // namespace

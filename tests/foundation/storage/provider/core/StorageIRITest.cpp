@@ -1,6 +1,9 @@
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 
+#include <ExceptionCapture.hpp>
+#include <Threads.hpp>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,8 +11,8 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -53,17 +56,10 @@ void expectRoundTrip(const StorageIRI& iri)
 template <class Action>
 std::optional<Exception> invalidLocation(Action&& action)
 {
-    try {
-        action();
-    } catch (const Exception& error) {
+    return vfs_test::inspectThrown<Exception>(std::forward<Action>(action), [](const Exception& error) {
         EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation);
-        return error;
-    } catch (const std::exception& other) {
-        ADD_FAILURE() << "unexpected exception: " << other.what();
-        return std::nullopt;
-    }
-    ADD_FAILURE() << "no exception";
-    return std::nullopt;
+        return std::optional<Exception>(error);
+    });
 }
 
 // ---- parsing and printing ----------------------------------------------------------------------
@@ -360,14 +356,10 @@ TEST(StorageIRI, AsciiFormIsComputedOnceAcrossThreads)
     const StorageIRI iri(u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
     const ustring expected = u"file:///%E6%97%A5%E6%9C%AC/a%20%F0%9F%98%80%C3%A9";
     std::vector<const ustring*> seen(4);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < seen.size(); ++i)
-        threads.emplace_back([&, i] {
-            const StorageIRI copy = iri;
-            seen[i] = &copy.toAsciiString();
-        });
-    for (auto& thread : threads)
-        thread.join();
+    vfs_test::runOnThreads(static_cast<int>(seen.size()), [&](int i) {
+        const StorageIRI copy = iri;
+        seen[static_cast<std::size_t>(i)] = &copy.toAsciiString();
+    });
     for (const ustring* text : seen) {
         EXPECT_EQ(text, seen.front());
         EXPECT_EQ(*text, expected);
@@ -689,13 +681,11 @@ TEST(StorageIRI, RandomTextEitherParsesAndRoundTripsOrThrowsInvalidLocation)
     for (int i = 0; i < 20000; ++i) {
         const ustring input = fuzzer.iriText();
         std::optional<StorageIRI> iri;
-        try {
-            iri.emplace(input);
-        } catch (const Exception& error) {
-            ASSERT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation) << utf8(input);
-            ASSERT_FALSE(error.getAllExceptionContexts().empty());
-            EXPECT_EQ(error.getAllExceptionContexts().front().getExceptionContextKey(), u"parse");
-            EXPECT_NE(std::string(error.what()), "");
+        if (const auto error = vfs_test::thrown<Exception>([&] { iri.emplace(input); })) {
+            ASSERT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation) << utf8(input);
+            ASSERT_FALSE(error->getAllExceptionContexts().empty());
+            EXPECT_EQ(error->getAllExceptionContexts().front().getExceptionContextKey(), u"parse");
+            EXPECT_NE(std::string(error->what()), "");
             continue;
         }
         ++accepted;

@@ -12,18 +12,9 @@ using provider::ErrorCode;
 using provider::ExistenceType;
 using provider::ExtendedFeature;
 
-class CallCountingTest : public testing::TestWithParam<ProviderUnderTest> {
+class CallCountingTest : public ProviderTest {
 protected:
-    void SetUp() override
-    {
-        harness = GetParam().make();
-        root = harness->root();
-        counting = std::make_shared<CallCountingProvider>(harness->provider());
-    }
-
-    std::unique_ptr<ProviderHarness> harness;
-    StorageIRI root;
-    std::shared_ptr<CallCountingProvider> counting;
+    const std::shared_ptr<CallCountingProvider> counting = std::make_shared<CallCountingProvider>(provider);
 };
 
 TEST_P(CallCountingTest, CountsPerOperationAndPerLocation)
@@ -57,7 +48,7 @@ TEST_P(CallCountingTest, CallsThatFailBelowAreCountedAndCallsStoppedAboveAreNot)
 {
     // counting sits between two fault injectors: the inner one fails calls counting has passed on,
     // the outer one stops calls before they reach counting.
-    auto inner = std::make_shared<FaultInjectingProvider>(harness->provider());
+    auto inner = std::make_shared<FaultInjectingProvider>(provider);
     auto counted = std::make_shared<CallCountingProvider>(inner);
     FaultInjectingProvider outer(counted);
     const StorageIRI failsBelow(root, u"fails-below");

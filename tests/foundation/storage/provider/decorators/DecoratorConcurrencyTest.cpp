@@ -4,11 +4,12 @@
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
 #include <ProviderHarness.hpp>
+#include <Threads.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
+#include <functional>
 #include <vector>
 
 namespace {
@@ -19,15 +20,13 @@ using provider::ErrorCode;
 using provider::ExistenceType;
 using Trigger = FaultInjectingProvider::Trigger;
 
-class DecoratorConcurrencyTest : public testing::TestWithParam<ProviderUnderTest> {};
+class DecoratorConcurrencyTest : public ProviderTest {};
 
 TEST_P(DecoratorConcurrencyTest, FaultsFireExactlyAsOftenAsTriggeredWhenManyThreadsCall)
 {
-    const auto harness = GetParam().make();
-    const StorageIRI root = harness->root();
     const StorageIRI onceHere(root, u"once");
     const StorageIRI afterHere(root, u"after");
-    auto counting = std::make_shared<CallCountingProvider>(harness->provider());
+    auto counting = std::make_shared<CallCountingProvider>(provider);
     auto faulty = std::make_shared<FaultInjectingProvider>(counting);
     const auto once = faulty->addFault({.operation = ProviderOperation::Exists, .location = onceHere,
                                         .code = ErrorCode::IOError, .trigger = Trigger::Once});
@@ -39,35 +38,26 @@ TEST_P(DecoratorConcurrencyTest, FaultsFireExactlyAsOftenAsTriggeredWhenManyThre
     std::atomic<int> onceFailures{0};
     std::atomic<int> afterFailures{0};
     std::atomic<int> wrong{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&] {
-            while (!go.load())
-                std::this_thread::yield();
-            for (int i = 0; i < rounds; ++i) {
-                if (providerError([&] { faulty->exists(onceHere); }))
-                    ++onceFailures;
-                if (const auto error = providerError([&] { faulty->exists(afterHere); }))
-                    afterFailures += error->getErrorCode() == ErrorCode::ResourceInUse ? 1 : 1000;
-                if (faulty->exists(root) != ExistenceType::Folder)
-                    ++wrong;
-            }
-        });
-    }
+    const auto call = [&] {
+        for (int i = 0; i < rounds; ++i) {
+            if (providerError([&] { faulty->exists(onceHere); }))
+                ++onceFailures;
+            if (const auto error = providerError([&] { faulty->exists(afterHere); }))
+                afterFailures += error->getErrorCode() == ErrorCode::ResourceInUse ? 1 : 1000;
+            if (faulty->exists(root) != ExistenceType::Folder)
+                ++wrong;
+        }
+    };
+    std::vector<std::function<void()>> tasks(threadCount, call);
     // Faults come and go while the calls run; an unrelated fault must not disturb them.
-    threads.emplace_back([&] {
-        while (!go.load())
-            std::this_thread::yield();
+    tasks.emplace_back([&] {
         for (int i = 0; i < rounds; ++i) {
             const auto id = faulty->addFault({.operation = ProviderOperation::HasFeature, .code = ErrorCode::IOError});
             faulty->removeFault(id);
             static_cast<void>(counting->count(ProviderOperation::Exists, root));
         }
     });
-    go = true;
-    for (auto& thread : threads)
-        thread.join();
+    runTogether(tasks);
 
     constexpr int callsPerLocation = threadCount * rounds;
     EXPECT_EQ(onceFailures.load(), 1);

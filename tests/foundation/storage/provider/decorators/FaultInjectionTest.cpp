@@ -17,15 +17,8 @@ using provider::ExistenceTypeExtended;
 using provider::ExtendedFeature;
 using Trigger = FaultInjectingProvider::Trigger;
 
-class FaultInjectionTest : public testing::TestWithParam<ProviderUnderTest> {
+class FaultInjectionTest : public ProviderTest {
 protected:
-    void SetUp() override
-    {
-        harness = GetParam().make();
-        root = harness->root();
-        faulty = std::make_shared<FaultInjectingProvider>(harness->provider());
-    }
-
     // The code of the failure `location` meets, or nullopt when exists() answers.
     std::optional<ErrorCode> existsFailure(const StorageIRI& location) const
     {
@@ -33,9 +26,7 @@ protected:
         return error ? std::optional(error->getErrorCode()) : std::nullopt;
     }
 
-    std::unique_ptr<ProviderHarness> harness;
-    StorageIRI root;
-    std::shared_ptr<FaultInjectingProvider> faulty;
+    const std::shared_ptr<FaultInjectingProvider> faulty = std::make_shared<FaultInjectingProvider>(provider);
 };
 
 TEST_P(FaultInjectionTest, WithoutFaultsEveryCallReachesTheProvider)
@@ -43,7 +34,7 @@ TEST_P(FaultInjectionTest, WithoutFaultsEveryCallReachesTheProvider)
     EXPECT_EQ(faulty->exists(root), ExistenceType::Folder);
     EXPECT_EQ(faulty->existsExtended(StorageIRI(root, u"missing")), ExistenceTypeExtended::NotFound);
     EXPECT_EQ(faulty->hasFeature(root, ExtendedFeature::RecursiveListing),
-              harness->provider()->hasFeature(root, ExtendedFeature::RecursiveListing));
+              provider->hasFeature(root, ExtendedFeature::RecursiveListing));
     // The wrapped provider's own failures pass through unchanged.
     const StorageIRI foreign(u"bogus://volume/a");
     const auto error = providerError([&] { faulty->exists(foreign); });

@@ -2,7 +2,10 @@
 
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
+#include <ExceptionCapture.hpp>
+#include <StorageSystems.hpp>
 #include <TempDir.hpp>
+#include <Threads.hpp>
 
 #include <gtest/gtest.h>
 
@@ -10,9 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -28,20 +29,7 @@ using provider::decorators::ProviderOperation;
 using vfs::AbsoluteIRI;
 using vfs::DefaultStorageSystem;
 using vfs::ErrorCode;
-using vfs::StorageSystem;
-using vfs::StorageSystemReference;
 using Access = vfs::detail::StorageSystemAccess;
-
-template <class Call>
-std::optional<vfs::Exception> failure(Call&& call)
-{
-    try {
-        call();
-    } catch (const vfs::Exception& error) {
-        return error;
-    }
-    return std::nullopt;
-}
 
 const provider::StorageIRI& storageIRI(const AbsoluteIRI& iri) { return vfs::detail::IRIAccess::storageIRI(iri); }
 
@@ -64,8 +52,7 @@ TEST(DefaultStorageSystemTest, ServesLocalDiskAndMemory)
     const vfs_test::TempDir dir;
     dir.writeFile("file.txt", "x");
     dir.makeFolder("folder");
-    auto system = std::make_shared<DefaultStorageSystem>();
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
 
     EXPECT_EQ(vfs::exists(vfs::toAbsoluteIRI(u"", dir / "file.txt"), ref), ExistenceType::File);
     EXPECT_EQ(vfs::exists(vfs::toAbsoluteIRI(u"", dir / "folder"), ref), ExistenceType::Folder);
@@ -85,8 +72,7 @@ TEST(DefaultStorageSystemTest, ServesLocalDiskAndMemory)
 
 TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
 {
-    auto system = std::make_shared<DefaultStorageSystem>();
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
     const std::vector<std::pair<ustring, ustring>> foreign = {
         {u"http://example.com/a", u"http"},
         {u"zip:file:///tmp/a.zip!/x", u"zip"},
@@ -95,13 +81,11 @@ TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
     };
     for (const auto& [text, scheme] : foreign) {
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
-        try {
-            vfs::exists(AbsoluteIRI{text}, ref);
-            ADD_FAILURE() << "no exception";
-        } catch (const vfs::UnsupportedIRISchemeException& error) {
-            EXPECT_EQ(error.getScheme(), scheme);
-            EXPECT_NE(dynamic_cast<const foundation::core::except::IInternalException*>(&error), nullptr);
-        }
+        vfs_test::inspectThrown<vfs::UnsupportedIRISchemeException>(
+            [&] { vfs::exists(AbsoluteIRI{text}, ref); }, [&](const vfs::UnsupportedIRISchemeException& error) {
+                EXPECT_EQ(error.getScheme(), scheme);
+                EXPECT_NE(dynamic_cast<const foundation::core::except::IInternalException*>(&error), nullptr);
+            });
     }
 }
 
@@ -143,8 +127,7 @@ TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
     const vfs_test::TempDir dir;
     dir.writeFile("file.txt");
     Decorations decorations;
-    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>(decorations.options());
     const AbsoluteIRI file = vfs::toAbsoluteIRI(u"", dir / "file.txt");
     const AbsoluteIRI memory{u"mem://v/a"};
 
@@ -165,7 +148,7 @@ TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
     // A fault injected into the decorator reaches the caller translated.
     decorations.faults.at(u"file")->addFault(
         {.operation = ProviderOperation::Exists, .location = storageIRI(file), .code = provider::ErrorCode::ResourceInUse});
-    const auto error = failure([&] { vfs::exists(file, ref); });
+    const auto error = vfs_test::thrown<vfs::Exception>([&] { vfs::exists(file, ref); });
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceInUse);
     EXPECT_EQ(error->getLocation(), file);
@@ -177,7 +160,7 @@ TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
 
     decorations.faults.at(u"mem")->addFault(
         {.operation = ProviderOperation::ExistsExtended, .code = provider::ErrorCode::ReadOnlyProvider});
-    const auto memoryError = failure([&] { vfs::existsExtended(memory, ref); });
+    const auto memoryError = vfs_test::thrown<vfs::Exception>([&] { vfs::existsExtended(memory, ref); });
     ASSERT_TRUE(memoryError.has_value());
     EXPECT_EQ(memoryError->getErrorCode(), ErrorCode::ReadOnlyProvider);
     EXPECT_EQ(memoryError->getExceptionContextsString(), u"fault-injection:existsExtended");
@@ -187,15 +170,14 @@ TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
 TEST(DefaultStorageSystemTest, AfterShutdownOperationsFailWithUnsupportedOperation)
 {
     Decorations decorations;
-    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>(decorations.options());
     EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
 
     ref.shutdown();
     for (const ustring text : {u"mem://v/", u"file:///tmp"}) {
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
         const AbsoluteIRI location{text};
-        const auto error = failure([&] { vfs::exists(location, ref); });
+        const auto error = vfs_test::thrown<vfs::Exception>([&] { vfs::exists(location, ref); });
         ASSERT_TRUE(error.has_value());
         EXPECT_EQ(error->getErrorCode(), ErrorCode::UnsupportedOperation);
         EXPECT_EQ(error->getLocation(), location);
@@ -210,8 +192,7 @@ TEST(DefaultStorageSystemTest, AfterShutdownOperationsFailWithUnsupportedOperati
 
 TEST(DefaultStorageSystemTest, DestroyedSystemIsReportedByItsReferences)
 {
-    auto system = std::make_shared<DefaultStorageSystem>();
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
     EXPECT_EQ(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), ExistenceType::Folder);
     system.reset();
     EXPECT_THROW(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), std::runtime_error);
@@ -224,8 +205,7 @@ TEST(DefaultStorageSystemTest, ConcurrentExistsFromSeveralThreadsSharesOneProvid
     dir.writeFile("file.txt");
     dir.makeFolder("folder");
     Decorations decorations;
-    auto system = std::make_shared<DefaultStorageSystem>(decorations.options());
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>(decorations.options());
 
     struct Probe {
         AbsoluteIRI location;
@@ -242,27 +222,19 @@ TEST(DefaultStorageSystemTest, ConcurrentExistsFromSeveralThreadsSharesOneProvid
     constexpr int rounds = 100;
     std::atomic<int> wrong{0};
     std::atomic<int> failed{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&, t] {
-            // Each thread starts on another probe, so that both schemes are first built concurrently.
-            while (!go.load())
-                std::this_thread::yield();
-            for (int r = 0; r < rounds; ++r)
-                for (std::size_t p = 0; p < probes.size(); ++p) {
-                    const auto& probe = probes[(p + static_cast<std::size_t>(t)) % probes.size()];
-                    try {
-                        if (vfs::exists(probe.location, ref) != probe.expected)
-                            ++wrong;
-                    } catch (...) {
-                        ++failed;
-                    }
+    vfs_test::runOnThreads(threads, [&](int t) {
+        // Each thread starts on another probe, so that both schemes are first built concurrently.
+        for (int r = 0; r < rounds; ++r)
+            for (std::size_t p = 0; p < probes.size(); ++p) {
+                const auto& probe = probes[(p + static_cast<std::size_t>(t)) % probes.size()];
+                try {
+                    if (vfs::exists(probe.location, ref) != probe.expected)
+                        ++wrong;
+                } catch (...) {
+                    ++failed;
                 }
-        });
-    go = true;
-    for (auto& worker : workers)
-        worker.join();
+            }
+    });
 
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(failed, 0);

@@ -4,6 +4,8 @@
 
 #include <foundation/log/diagnostic_logger.hpp>
 
+#include <ExceptionCapture.hpp>
+#include <RecordingListener.hpp>
 #include <TempDir.hpp>
 
 #include <boost/container_hash/hash.hpp>
@@ -14,12 +16,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <type_traits>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -43,29 +45,20 @@ struct InvalidIRI {
 template <class Call>
 std::optional<InvalidIRI> invalidIRIFrom(Call&& call)
 {
-    try {
-        call();
-    } catch (const InvalidIRIException& error) {
+    return vfs_test::inspectThrown<InvalidIRIException>(std::forward<Call>(call), [](const InvalidIRIException& error) {
         const auto* boostPart = dynamic_cast<const boost::exception*>(&error);
         EXPECT_NE(boostPart, nullptr) << "thrown without boost::throw_exception";
         const boost::exception_ptr* nested =
             boostPart ? boost::get_error_info<boost::errinfo_nested_exception>(*boostPart) : nullptr;
-        return InvalidIRI{error.getInvalidIRIString(), nested ? *nested : boost::exception_ptr()};
-    }
-    ADD_FAILURE() << "no InvalidIRIException";
-    return std::nullopt;
+        return std::optional<InvalidIRI>(
+            InvalidIRI{error.getInvalidIRIString(), nested ? *nested : boost::exception_ptr()});
+    });
 }
 
-// The provider error held by `cause`, or nullopt when it holds anything else.
+// The provider error held by `cause`; nullopt when it holds nothing.
 std::optional<provider::Exception> providerCause(const boost::exception_ptr& cause)
 {
-    try {
-        boost::rethrow_exception(cause);
-    } catch (const provider::Exception& error) {
-        return error;
-    } catch (...) {
-    }
-    return std::nullopt;
+    return vfs_test::thrown<provider::Exception>(vfs_test::rethrowing(cause));
 }
 
 ustring utf16(const std::filesystem::path& path) { return fl::i18n::utf8_to_ustring(path.native()); }
@@ -111,26 +104,14 @@ TEST(AbsoluteIRITest, InvalidIRIIsCatchableAsEveryInterfaceItPromises)
     EXPECT_THROW(AbsoluteIRI{u""}, foundation::core::except::IInternalException);
     EXPECT_THROW(AbsoluteIRI{u""}, boost::exception);
     EXPECT_THROW(AbsoluteIRI{u""}, std::exception);
-    try {
-        AbsoluteIRI{u"mem://volume"};
-        FAIL() << "no exception";
-    } catch (const std::exception& error) {
+    vfs_test::inspectThrown<std::exception>([] { AbsoluteIRI{u"mem://volume"}; }, [](const std::exception& error) {
         EXPECT_STREQ(error.what(), "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"mem://volume\"}");
-    }
+    });
     // Captured into an exception_ptr it keeps its type and text.
-    boost::exception_ptr captured;
-    try {
-        AbsoluteIRI{u"x"};
-    } catch (...) {
-        captured = boost::current_exception();
-    }
-    try {
-        boost::rethrow_exception(captured);
-    } catch (const InvalidIRIException& error) {
+    const auto captured = vfs_test::boostCaptured([] { AbsoluteIRI{u"x"}; });
+    vfs_test::inspectThrown<InvalidIRIException>(vfs_test::rethrowing(captured), [](const InvalidIRIException& error) {
         EXPECT_EQ(error.getInvalidIRIString(), u"x");
-    } catch (...) {
-        ADD_FAILURE() << "captured exception lost its type";
-    }
+    });
 }
 
 TEST(AbsoluteIRITest, StringComparisonIsCodeUnitExactInBothArgumentOrders)
@@ -296,14 +277,12 @@ TEST_F(LocalPathsTest, MissingPathIsAnIRIButCannotBeCanonicalised)
         SCOPED_TRACE(missing.string());
         const AbsoluteIRI iri = vfs::toAbsoluteIRI(u"", missing);
         EXPECT_EQ(iri.getPath(), utf16(missing));
-        try {
-            vfs::toCanonicalAbsoluteIRI(u"", missing);
-            ADD_FAILURE() << "no exception";
-        } catch (const vfs::Exception& error) {
-            EXPECT_EQ(error.getErrorCode(), vfs::ErrorCode::ResourceNotFound);
-            EXPECT_EQ(error.getLocation(), iri);
-            EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
-        }
+        vfs_test::inspectThrown<vfs::Exception>(
+            [&] { vfs::toCanonicalAbsoluteIRI(u"", missing); }, [&](const vfs::Exception& error) {
+                EXPECT_EQ(error.getErrorCode(), vfs::ErrorCode::ResourceNotFound);
+                EXPECT_EQ(error.getLocation(), iri);
+                EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
+            });
     }
 }
 
@@ -398,35 +377,26 @@ TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
 
 TEST(HasIRIPrefixTest, LoneSurrogateAnswersFalseAndReportsTheExceptionToTheTrace)
 {
-    std::mutex mutex;
-    std::vector<std::pair<unsigned, std::string>> records;
-    foundation::log::diagnostic_listener listener(
-        vfs::detail::logger(), foundation::log::category_exception,
-        [&](unsigned severity, int, const std::string& text) {
-            std::lock_guard lock(mutex);
-            records.emplace_back(severity, text);
-        });
+    vfs_test::RecordingListener trace(vfs::detail::logger(), foundation::log::category_exception);
 
     // Valid prefixes: the whole text is converted first, so a bad unit anywhere decides.
     for (const ustring& text : {ustring(u"file:///a\xD800"), ustring(u"\xDC00" u"file:///a"), ustring(u"ab:/\xDBFF")}) {
         EXPECT_FALSE(vfs::hasIRIPrefix(text));
     }
-    std::lock_guard lock(mutex);
+    const auto records = trace.take();
     ASSERT_EQ(records.size(), 3u);
-    for (const auto& [severity, text] : records) {
-        EXPECT_EQ(severity, foundation::log::category_exception);
-        EXPECT_THAT(text, StartsWith("Exception caught: fl::i18n::conversion_error"));
+    for (const auto& record : records) {
+        EXPECT_EQ(record.severity, foundation::log::category_exception);
+        EXPECT_THAT(record.text, StartsWith("Exception caught: fl::i18n::conversion_error"));
     }
 }
 
 TEST(HasIRIPrefixTest, WritesNothingWhenNobodyListensForExceptions)
 {
-    std::vector<std::string> records;
-    foundation::log::diagnostic_listener listener(
-        vfs::detail::logger(), foundation::log::category_all & ~foundation::log::category_exception,
-        [&](unsigned, int, const std::string& text) { records.push_back(text); });
+    vfs_test::RecordingListener trace(vfs::detail::logger(),
+                                      foundation::log::category_all & ~foundation::log::category_exception);
     EXPECT_FALSE(vfs::hasIRIPrefix(ustring(u"file:///a\xD800")));
-    EXPECT_TRUE(records.empty());
+    EXPECT_THAT(trace.take(), testing::IsEmpty());
 }
 
 } // namespace

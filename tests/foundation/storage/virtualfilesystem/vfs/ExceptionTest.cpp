@@ -1,5 +1,8 @@
 #include <foundation/storage/vfs/Exception.hpp>
 
+#include <ErrorCodeTable.hpp>
+#include <ExceptionCapture.hpp>
+
 #include <boost/exception/get_error_info.hpp>
 #include <boost/exception_ptr.hpp>
 
@@ -60,16 +63,8 @@ TEST(ErrorCodeTest, StreamsTypeQualifiedNamesAndFlagsUnknownValues)
 
 TEST(ErrorCodeTest, ProviderCodesMapWithTheThreeSwappedRows)
 {
-    const std::vector<std::pair<int, ErrorCode>> table = {
-        {0, ErrorCode::FolderNotEmpty},     {1, ErrorCode::InvalidLocation},
-        {2, ErrorCode::PermissionDenied},   {3, ErrorCode::ResourceAlreadyExists},
-        {4, ErrorCode::ResourceNotFound},   {5, ErrorCode::FileTooLarge},
-        {6, ErrorCode::ResourceInUse},      {7, ErrorCode::ReadOnlyProvider},
-        {8, ErrorCode::NoSpaceLeft},        {9, ErrorCode::IOError},
-        {10, ErrorCode::InternalError},     {11, ErrorCode::UnsupportedOperation},
-        {12, ErrorCode::Unknown},           {13, ErrorCode::Unknown},
-        {99, ErrorCode::Unknown},           {-1, ErrorCode::Unknown},
-    };
+    auto table = vfs_test::libraryCodeOfProviderCode();
+    table.insert(table.end(), {{99, ErrorCode::Unknown}, {-1, ErrorCode::Unknown}});
     for (const auto& [value, expected] : table)
         EXPECT_EQ(vfs::toErrorCode(static_cast<provider::ErrorCode>(value)), expected) << value;
 }
@@ -175,30 +170,18 @@ TEST_F(ExceptionTest, CloneAndRethrowKeepEverything)
     EXPECT_EQ(cloned->getErrorCode(), ErrorCode::ReadOnlyProvider);
     EXPECT_EQ(cloned->getExceptionContextsString(), u"write:EROFS");
 
-    try {
-        cloned->rethrow();
-        FAIL() << "rethrow returned";
-    } catch (const vfs::Exception& error) {
+    vfs_test::inspectThrown<vfs::Exception>([&] { cloned->rethrow(); }, [&](const vfs::Exception& error) {
         EXPECT_EQ(error.getLocation(), location);
         EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
-    }
+    });
 
     // Thrown with a plain throw, boost::current_exception still captures the whole object.
-    boost::exception_ptr captured;
-    try {
-        throw original;
-    } catch (...) {
-        captured = boost::current_exception();
-    }
-    try {
-        boost::rethrow_exception(captured);
-    } catch (const vfs::Exception& error) {
+    const auto captured = vfs_test::boostCaptured([&] { throw original; });
+    vfs_test::inspectThrown<vfs::Exception>(vfs_test::rethrowing(captured), [&](const vfs::Exception& error) {
         EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider);
         EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
         EXPECT_EQ(std::string(error.what()), expectedText("ErrorCode::ReadOnlyProvider", "write:EROFS"));
-    } catch (...) {
-        FAIL() << "captured exception lost its type";
-    }
+    });
 }
 
 TEST_F(ExceptionTest, IsCatchableThroughEveryBase)
@@ -281,15 +264,14 @@ TEST(ValueExceptionTest, UnsupportedIRISchemeMessage)
     EXPECT_STREQ(assigned.what(), error.what());
 
     // Storage systems throw it wrapped, as the library throws InvalidIRIException.
-    try {
-        foundation::core::except::throwInternal(error);
-    } catch (const IInternalException& wrapped) {
-        const auto* original = dynamic_cast<const vfs::UnsupportedIRISchemeException*>(&wrapped);
-        ASSERT_NE(original, nullptr);
-        EXPECT_EQ(original->getScheme(), u"http");
-        EXPECT_NE(dynamic_cast<const boost::exception*>(&wrapped), nullptr);
-        EXPECT_EQ(wrapped.ToUstring(), u"foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
-    }
+    vfs_test::inspectThrown<IInternalException>(
+        [&] { foundation::core::except::throwInternal(error); }, [](const IInternalException& wrapped) {
+            const auto* original = dynamic_cast<const vfs::UnsupportedIRISchemeException*>(&wrapped);
+            ASSERT_NE(original, nullptr);
+            EXPECT_EQ(original->getScheme(), u"http");
+            EXPECT_NE(dynamic_cast<const boost::exception*>(&wrapped), nullptr);
+            EXPECT_EQ(wrapped.ToUstring(), u"foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
+        });
 }
 
 } // namespace

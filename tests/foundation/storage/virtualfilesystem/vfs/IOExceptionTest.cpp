@@ -1,5 +1,7 @@
 #include <foundation/storage/vfs/IOException.hpp>
 
+#include <ExceptionCapture.hpp>
+
 #include <boost/exception_ptr.hpp>
 
 #include <gtest/gtest.h>
@@ -136,12 +138,8 @@ TYPED_TEST(IOExceptionTest, RethrowAndCloneKeepTheLeafType)
     original.setExceptionContexts(contexts({u"read", u"EIO"}));
     const IOException& base = original;
 
-    try {
-        base.rethrow();
-        FAIL() << "rethrow returned";
-    } catch (const E& error) {
-        EXPECT_EQ(error.getExceptionContextsString(), u"read:EIO");
-    }
+    vfs_test::inspectThrown<E>([&] { base.rethrow(); },
+                               [](const E& error) { EXPECT_EQ(error.getExceptionContextsString(), u"read:EIO"); });
 
     const std::unique_ptr<const boost::exception_detail::clone_base> clone(base.clone());
     const auto* cloned = dynamic_cast<const E*>(clone.get());
@@ -150,19 +148,9 @@ TYPED_TEST(IOExceptionTest, RethrowAndCloneKeepTheLeafType)
     EXPECT_STREQ(cloned->what(), "m: iostream stream error");
 
     // A plain throw is captured whole by boost::current_exception.
-    boost::exception_ptr captured;
-    try {
-        throw original;
-    } catch (...) {
-        captured = boost::current_exception();
-    }
-    try {
-        boost::rethrow_exception(captured);
-    } catch (const E& error) {
-        EXPECT_EQ(error.getExceptionContextsString(), u"read:EIO");
-    } catch (...) {
-        FAIL() << "captured exception lost its type";
-    }
+    const auto captured = vfs_test::boostCaptured([&] { throw original; });
+    vfs_test::inspectThrown<E>(vfs_test::rethrowing(captured),
+                               [](const E& error) { EXPECT_EQ(error.getExceptionContextsString(), u"read:EIO"); });
 }
 
 TYPED_TEST(IOExceptionTest, IsCaughtAsAStandardStreamFailure)

@@ -5,6 +5,8 @@
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
+#include <ExceptionCapture.hpp>
+#include <StorageSystems.hpp>
 #include <TempDir.hpp>
 
 #include <boost/shared_ptr.hpp>
@@ -87,17 +89,10 @@ boost::shared_ptr<EventMgr> someEventMgr()
 template <class Call>
 std::string runtimeErrorFrom(Call&& call)
 {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
+    return vfs_test::inspectThrown<std::runtime_error>(std::forward<Call>(call), [](const std::runtime_error& error) {
         EXPECT_NE(dynamic_cast<const IInternalException*>(&error), nullptr);
-        return error.what();
-    } catch (...) {
-        ADD_FAILURE() << "not a std::runtime_error";
-        return {};
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return {};
+        return std::string(error.what());
+    });
 }
 
 const std::string destroyedMessage = "StorageSystem has been destroyed";
@@ -105,9 +100,8 @@ const StorageIRI anywhere{u"mem://v/"};
 
 TEST(StorageSystemReferenceTest, ResolvesTheLiveSystemAndForwards)
 {
-    auto system = std::make_shared<TestSystem>();
+    auto [system, ref] = vfs_test::makeSystem<TestSystem>();
     system->eventMgr = someEventMgr();
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
 
     EXPECT_EQ(ref.lock(), system);
     EXPECT_EQ(Access::buildProvider(ref, anywhere), system->faults);
@@ -120,9 +114,8 @@ TEST(StorageSystemReferenceTest, ResolvesTheLiveSystemAndForwards)
 TEST(StorageSystemReferenceTest, NeverKeepsTheSystemAlive)
 {
     bool destroyed = false;
-    auto system = std::make_shared<TestSystem>();
+    auto [system, ref] = vfs_test::makeSystem<TestSystem>();
     system->destroyed = &destroyed;
-    const StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
     const StorageSystemReference copy = ref;
     system.reset();
     EXPECT_TRUE(destroyed);
@@ -153,8 +146,7 @@ TEST(StorageSystemReferenceTest, DestroyedSystemFailsEveryOperationButShutdownAn
     EXPECT_TRUE(ref == other);
     EXPECT_FALSE(ref != other);
 
-    auto live = std::make_shared<TestSystem>();
-    const StorageSystemReference liveRef{std::weak_ptr<StorageSystem>(live)};
+    const auto [live, liveRef] = vfs_test::makeSystem<TestSystem>();
     EXPECT_FALSE(ref == liveRef);
     EXPECT_TRUE(liveRef != ref);
 }
@@ -186,8 +178,7 @@ TEST(StorageSystemReferenceTest, EqualWhenResolvingToTheSameSystemNow)
 
 TEST(StorageSystemReferenceTest, MovedFromReferenceThrowsBadFunctionCall)
 {
-    auto system = std::make_shared<TestSystem>();
-    StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
+    auto [system, ref] = vfs_test::makeSystem<TestSystem>();
     const StorageSystemReference moved(std::move(ref));
     EXPECT_EQ(moved.lock(), system);
 
@@ -275,8 +266,10 @@ TEST(StorageSystemDecoratorTest, ForwardsButReportsNoEventManager)
 }
 
 // exists() and existsExtended() against the local disk behind a fault-injecting provider.
-class ExistsTest : public testing::Test {
+class ExistsTest : public testing::Test, protected vfs_test::SystemUnderTest<TestSystem> {
 protected:
+    ExistsTest() : SystemUnderTest(vfs_test::makeSystem<TestSystem>(provider::local::makeLocalProvider())) {}
+
     void SetUp() override
     {
         dir.writeFile("file.txt", "x");
@@ -286,21 +279,7 @@ protected:
 
     AbsoluteIRI at(const std::string& relative) const { return vfs::toAbsoluteIRI(u"", dir / relative); }
 
-    // The Exception `call` throws, or nullopt.
-    template <class Call>
-    static std::optional<vfs::Exception> failure(Call&& call)
-    {
-        try {
-            call();
-        } catch (const vfs::Exception& error) {
-            return error;
-        }
-        return std::nullopt;
-    }
-
     vfs_test::TempDir dir;
-    std::shared_ptr<TestSystem> system = std::make_shared<TestSystem>(provider::local::makeLocalProvider());
-    StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
 };
 
 TEST_F(ExistsTest, AnswersWhatIsThere)
@@ -355,7 +334,7 @@ TEST_F(ExistsTest, OtherProviderFailuresAreTranslated)
         SCOPED_TRACE(std::string(provider::decorators::toString(c.operation)) + " " + provider::toString(c.injected));
         system->faults->clearFaults();
         system->faults->addFault({.operation = c.operation, .code = c.injected});
-        const auto error = failure([&] {
+        const auto error = vfs_test::thrown<vfs::Exception>([&] {
             if (c.operation == ProviderOperation::Exists)
                 vfs::exists(file, ref);
             else
@@ -375,7 +354,7 @@ TEST_F(ExistsTest, FailuresWhileBuildingTheProvider)
         provider::throwProviderError(provider::ErrorCode::InvalidLocation, location, {provider::ExceptionContext(u"build")});
     };
     const auto file = at("file.txt");
-    const auto error = failure([&] { vfs::exists(file, ref); });
+    const auto error = vfs_test::thrown<vfs::Exception>([&] { vfs::exists(file, ref); });
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
     EXPECT_EQ(error->getLocation(), file);
@@ -385,12 +364,9 @@ TEST_F(ExistsTest, FailuresWhileBuildingTheProvider)
     system->onBuild = [](const StorageIRI& location) {
         foundation::core::except::throwInternal(vfs::UnsupportedIRISchemeException(location.getScheme()));
     };
-    try {
-        vfs::exists(AbsoluteIRI{u"http://example.com/a"}, ref);
-        FAIL() << "no exception";
-    } catch (const vfs::UnsupportedIRISchemeException& unsupported) {
-        EXPECT_EQ(unsupported.getScheme(), u"http");
-    }
+    vfs_test::inspectThrown<vfs::UnsupportedIRISchemeException>(
+        [&] { vfs::exists(AbsoluteIRI{u"http://example.com/a"}, ref); },
+        [](const vfs::UnsupportedIRISchemeException& unsupported) { EXPECT_EQ(unsupported.getScheme(), u"http"); });
 }
 
 } // namespace

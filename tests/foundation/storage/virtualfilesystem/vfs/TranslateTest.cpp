@@ -5,15 +5,19 @@
 
 #include <foundation/log/diagnostic_logger.hpp>
 
+#include <ErrorCodeTable.hpp>
+#include <ExceptionCapture.hpp>
+#include <RecordingListener.hpp>
+
 #include <boost/exception/errinfo_nested_exception.hpp>
 #include <boost/exception/get_error_info.hpp>
 #include <boost/throw_exception.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
@@ -32,17 +36,8 @@ using vfs::ErrorCode;
 // What translateProviderException() throws for the exception `raise` throws.
 std::exception_ptr translate(const std::function<void()>& raise)
 {
-    try {
-        try {
-            raise();
-        } catch (...) {
-            vfs::detail::translateProviderException();
-        }
-    } catch (...) {
-        return std::current_exception();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return nullptr;
+    return vfs_test::captured(
+        [&] { vfs_test::whileHandling(raise, [] { vfs::detail::translateProviderException(); }); });
 }
 
 const StorageIRI location{u"file:///tmp/\u00e4/x.txt"};
@@ -51,24 +46,13 @@ const provider::ExceptionContexts providerContexts = {ExceptionContext(u"open", 
 
 TEST(TranslateTest, ProviderExceptionBecomesExceptionWithMappedCodeLocationAndAllContexts)
 {
-    const std::vector<std::pair<int, ErrorCode>> table = {
-        {0, ErrorCode::FolderNotEmpty},   {1, ErrorCode::InvalidLocation},
-        {2, ErrorCode::PermissionDenied}, {3, ErrorCode::ResourceAlreadyExists},
-        {4, ErrorCode::ResourceNotFound}, {5, ErrorCode::FileTooLarge},
-        {6, ErrorCode::ResourceInUse},    {7, ErrorCode::ReadOnlyProvider},
-        {8, ErrorCode::NoSpaceLeft},      {9, ErrorCode::IOError},
-        {10, ErrorCode::InternalError},   {11, ErrorCode::UnsupportedOperation},
-        {12, ErrorCode::Unknown},         {13, ErrorCode::Unknown},
-    };
-    for (const auto& [code, expected] : table) {
+    for (const auto& [code, expected] : vfs_test::libraryCodeOfProviderCode()) {
         SCOPED_TRACE(code);
         const auto translated = translate([code = code] {
             boost::throw_exception(provider::Exception(static_cast<provider::ErrorCode>(code), location, u"message")
                                        .withExceptionContexts(providerContexts));
         });
-        try {
-            std::rethrow_exception(translated);
-        } catch (const vfs::Exception& error) {
+        const auto check = [expected = expected](const vfs::Exception& error) {
             EXPECT_EQ(error.getErrorCode(), expected);
             EXPECT_EQ(error.getLocation(), AbsoluteIRI{location.toString()});
             EXPECT_EQ(error.getExceptionContextsString(), u"open:ENOENT:third");
@@ -76,9 +60,8 @@ TEST(TranslateTest, ProviderExceptionBecomesExceptionWithMappedCodeLocationAndAl
             // Nothing else of the provider exception travels along.
             EXPECT_EQ(boost::get_error_info<boost::errinfo_nested_exception>(error), nullptr);
             EXPECT_EQ(std::string(error.what()).find("message"), std::string::npos);
-        } catch (...) {
-            ADD_FAILURE() << "not a vfs::Exception";
-        }
+        };
+        vfs_test::inspectThrown<vfs::Exception>(vfs_test::rethrowing(translated), check);
     }
 }
 
@@ -92,22 +75,13 @@ template <class Library, class Provider>
 void expectChangeEventsTranslation(const Provider& original)
 {
     const auto translated = translate([&] { boost::throw_exception(original); });
-    try {
-        std::rethrow_exception(translated);
-    } catch (const Library& error) {
+    vfs_test::inspectThrown<Library>(vfs_test::rethrowing(translated), [](const Library& error) {
         EXPECT_EQ(error.getLocation(), AbsoluteIRI{location.toString()});
         const auto* nested = boost::get_error_info<boost::errinfo_nested_exception>(error);
         ASSERT_NE(nested, nullptr);
-        try {
-            boost::rethrow_exception(*nested);
-        } catch (const Provider& cause) {
-            EXPECT_EQ(cause.getStorageIRI(), location);
-        } catch (...) {
-            ADD_FAILURE() << "the nested cause is not the provider exception";
-        }
-    } catch (...) {
-        ADD_FAILURE() << "not translated to " << typeid(Library).name();
-    }
+        vfs_test::inspectThrown<Provider>(vfs_test::rethrowing(*nested),
+                                          [](const Provider& cause) { EXPECT_EQ(cause.getStorageIRI(), location); });
+    });
 }
 
 TEST(TranslateTest, ChangeEventsExceptionsKeepTheirNamesAndNestTheCause)
@@ -125,16 +99,12 @@ void expectByteStreamTranslation()
     const auto translated = translate([] {
         boost::throw_exception(Provider("short read at 42", provider::ErrorCode::FileTooLarge, providerContexts));
     });
-    try {
-        std::rethrow_exception(translated);
-    } catch (const Library& error) {
+    vfs_test::inspectThrown<Library>(vfs_test::rethrowing(translated), [](const Library& error) {
         EXPECT_STREQ(error.what(), "short read at 42: iostream stream error");
         EXPECT_EQ(error.getErrorCode(), ErrorCode::FileTooLarge);
         EXPECT_EQ(error.getExceptionContextsString(), u"open:ENOENT:third");
         EXPECT_EQ(*error.topExceptionContext(), providerContexts.front());
-    } catch (...) {
-        ADD_FAILURE() << "not translated to " << typeid(Library).name();
-    }
+    });
 }
 
 TEST(TranslateTest, ByteStreamFailuresBecomeTheMatchingIOException)
@@ -172,17 +142,12 @@ TEST(TranslateTest, EverythingElsePassesAsTheSameObject)
     for (const auto& [name, raise] : raisers) {
         SCOPED_TRACE(name);
         std::exception_ptr original;
-        std::exception_ptr after;
-        try {
-            try {
-                raise();
-            } catch (...) {
+        const auto after = vfs_test::captured([&, &raise = raise] {
+            vfs_test::whileHandling(raise, [&] {
                 original = std::current_exception();
                 vfs::detail::translateProviderException();
-            }
-        } catch (...) {
-            after = std::current_exception();
-        }
+            });
+        });
         ASSERT_TRUE(original);
         EXPECT_EQ(after, original);
     }
@@ -190,19 +155,12 @@ TEST(TranslateTest, EverythingElsePassesAsTheSameObject)
 
 TEST(TranslateTest, InternalAndUnknownProviderErrorsWriteNoTrace)
 {
-    std::mutex mutex;
-    std::vector<std::string> records;
-    foundation::log::diagnostic_listener listener(vfs::detail::logger(), foundation::log::category_all,
-                                                  [&](unsigned, int, const std::string& text) {
-                                                      std::lock_guard lock(mutex);
-                                                      records.push_back(text);
-                                                  });
+    vfs_test::RecordingListener trace(vfs::detail::logger(), foundation::log::category_all);
     for (const auto code : {provider::ErrorCode::InternalError, provider::ErrorCode::Unknown}) {
         const auto translated = translate([code] { provider::throwProviderError(code, location, providerContexts); });
         EXPECT_THROW(std::rethrow_exception(translated), vfs::Exception);
     }
-    std::lock_guard lock(mutex);
-    EXPECT_TRUE(records.empty()) << records.front();
+    EXPECT_THAT(trace.take(), testing::IsEmpty());
 }
 
 TEST(TranslateTest, TranslatedReturnsTheResultOrTranslates)
@@ -211,12 +169,12 @@ TEST(TranslateTest, TranslatedReturnsTheResultOrTranslates)
     int value = 1;
     int& same = vfs::detail::translated([&]() -> int& { return value; });
     EXPECT_EQ(&same, &value);
-    try {
-        vfs::detail::translated([]() -> int { provider::throwProviderError(provider::ErrorCode::ReadOnlyProvider, location); });
-        FAIL() << "no exception";
-    } catch (const vfs::Exception& error) {
-        EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider);
-    }
+    vfs_test::inspectThrown<vfs::Exception>(
+        [] {
+            vfs::detail::translated(
+                []() -> int { provider::throwProviderError(provider::ErrorCode::ReadOnlyProvider, location); });
+        },
+        [](const vfs::Exception& error) { EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider); });
 }
 
 } // namespace

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <fl/export.hpp>
+#include <fl/i18n/ustring.hpp>
+#include <foundation/storage/provider/Enumerations.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+namespace foundation::storage::provider {
+
+using fl::i18n::ustring;
+
+// Times are UTC with microsecond resolution (what boost::posix_time keeps).
+
+class VFS_EXPORT FileAttributes {
+public:
+    FileAttributes(std::uint64_t size, boost::posix_time::ptime lastModified, bool writable, bool symlink = false,
+                   bool hidden = false) noexcept
+        : m_size(size), m_lastModified(lastModified), m_writable(writable), m_symlink(symlink), m_hidden(hidden)
+    {
+    }
+    std::uint64_t getSize() const noexcept { return m_size; }
+    const boost::posix_time::ptime& getLastModified() const noexcept { return m_lastModified; }
+    bool isWritable() const noexcept { return m_writable; }
+    // The location is a symbolic link; the other attributes are those of its target.
+    bool isSymlink() const noexcept { return m_symlink; }
+    // Hidden by the storage's convention (a leading '.' on POSIX).
+    bool isHidden() const noexcept { return m_hidden; }
+    friend bool operator==(const FileAttributes&, const FileAttributes&) = default;
+
+private:
+    std::uint64_t m_size;
+    boost::posix_time::ptime m_lastModified;
+    bool m_writable;
+    bool m_symlink;
+    bool m_hidden;
+};
+
+class VFS_EXPORT FolderAttributes {
+public:
+    FolderAttributes(boost::posix_time::ptime lastModified, bool writable, bool symlink = false,
+                     bool hidden = false) noexcept
+        : m_lastModified(lastModified), m_writable(writable), m_symlink(symlink), m_hidden(hidden)
+    {
+    }
+    const boost::posix_time::ptime& getLastModified() const noexcept { return m_lastModified; }
+    bool isWritable() const noexcept { return m_writable; }
+    bool isSymlink() const noexcept { return m_symlink; }
+    bool isHidden() const noexcept { return m_hidden; }
+    friend bool operator==(const FolderAttributes&, const FolderAttributes&) = default;
+
+private:
+    boost::posix_time::ptime m_lastModified;
+    bool m_writable;
+    bool m_symlink;
+    bool m_hidden;
+};
+
+// What a storage knows beyond the everyday attributes; each field is empty where the storage has
+// no such notion.
+struct ExtendedAttributes {
+    std::optional<boost::posix_time::ptime> lastAccessed;
+    std::optional<boost::posix_time::ptime> statusChanged;
+    std::optional<std::uint32_t> posixMode; // permission and type bits
+    std::optional<std::uint32_t> ownerId;
+    std::optional<std::uint32_t> groupId;
+    std::optional<std::uint64_t> linkCount;
+    std::optional<std::uint64_t> device;
+    std::optional<std::uint64_t> inode;
+    std::optional<std::uint64_t> allocatedBytes;
+    friend bool operator==(const ExtendedAttributes&, const ExtendedAttributes&) = default;
+};
+
+// Space of the storage behind a location. Fields are empty where the storage cannot tell.
+struct ProviderStorageInfo {
+    std::optional<std::uint64_t> capacityBytes;
+    std::optional<std::uint64_t> freeBytes;
+    std::optional<std::uint64_t> availableBytes; // free to an unprivileged caller
+    ustring description;                         // "local disk", "memory volume", ...
+};
+
+// How names compare on a storage.
+enum class FilenameSensitivity : std::int32_t {
+    CaseSensitive = 0,
+    CaseInsensitive = 1,
+};
+
+// How a path comparison treats case: as the storage does, or forced either way.
+enum class CaseModifier : std::int32_t {
+    AsStorage = 0,
+    ForceCaseSensitive = 1,
+    ForceCaseInsensitive = 2,
+};
+
+// Strict weak ordering of two paths (true when `first` orders before `second`) under the storage's
+// name rules as modified by the CaseModifier. Case-insensitive comparison folds ASCII letters only.
+using PathComparatorFunction = std::function<bool(const ustring& first, const ustring& second, CaseModifier)>;
+
+// A copy's options. `progress` (optional) is called after each chunk with the bytes copied so far and
+// the total; returning false cancels the copy, which then leaves no target behind and reports
+// TransactionStatus::NothingDone.
+struct CopyFileOptions {
+    ReplacementPolicy replacementPolicy = ReplacementPolicy::FailIfExists;
+    std::function<bool(std::uint64_t copied, std::uint64_t total)> progress;
+};
+
+} // namespace foundation::storage::provider
