@@ -1,8 +1,8 @@
 #pragma once
 
 // What provider tests need from each provider under test: the provider, a folder of its own to
-// work in, a way to build trees there, and the locations of its scheme it must refuse. A new
-// provider joins every suite built on this by one harness class and one entry in allProviders().
+// work in, and the locations of its scheme it must refuse. A new provider joins every suite built
+// on this by one harness class and one entry in allProviders().
 
 #include "ExceptionCapture.hpp"
 #include "TempDir.hpp"
@@ -17,8 +17,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <istream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -40,12 +42,27 @@ public:
     virtual std::shared_ptr<provider::IProvider> provider() const = 0;
     // An existing, empty folder that belongs to this test alone.
     virtual StorageIRI root() const = 0;
-    // Creates an empty file at `relative` below root() (missing folders on the way too) without
-    // going through the provider, and returns its location; nullopt where the harness cannot build
-    // trees for its provider.
-    virtual std::optional<StorageIRI> makeFile(const ustring& relative) = 0;
     // Locations of the provider's own scheme that it must refuse with InvalidLocation.
     virtual std::vector<StorageIRI> malformedLocations() const = 0;
+
+    // Trees are built through the provider itself, so a provider that cannot create what its
+    // tests need fails here first.
+    StorageIRI makeFolder(const ustring& relative) const
+    {
+        const StorageIRI location(root(), relative);
+        provider()->createFolderRecursive(location);
+        return location;
+    }
+    // A file at `relative` below root() (missing folders on the way too), `size` zero bytes long.
+    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
+    {
+        const StorageIRI location(root(), relative);
+        provider()->createFolderRecursive(location.getParent());
+        provider()->createFile(location);
+        if (size != 0)
+            provider()->truncateToSize(location, size);
+        return location;
+    }
 };
 
 class LocalHarness final : public ProviderHarness {
@@ -54,11 +71,6 @@ public:
 
     std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
     StorageIRI root() const override { return m_root; }
-    std::optional<StorageIRI> makeFile(const ustring& relative) override
-    {
-        m_dir.writeFile(fl::i18n::ustring_to_utf8(relative));
-        return StorageIRI(m_root, relative);
-    }
     std::vector<StorageIRI> malformedLocations() const override
     {
         return {StorageIRI(u"file://remote.example/tmp/a"), StorageIRI(m_root, ustring(u"a\0b", 3))};
@@ -72,13 +84,11 @@ private:
     StorageIRI m_root;
 };
 
-// The memory provider offers no way yet to create anything, so the harness works on the empty root
-// of a volume and builds no trees.
+// Each harness has a provider of its own, so the root of one of its volumes is the test's alone.
 class MemoryHarness final : public ProviderHarness {
 public:
     std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
     StorageIRI root() const override { return m_root; }
-    std::optional<StorageIRI> makeFile(const ustring&) override { return std::nullopt; }
     std::vector<StorageIRI> malformedLocations() const override
     {
         return {StorageIRI(u"mem:///a"), StorageIRI(u"mem://volume"), StorageIRI(m_root, ustring(u"a\0b", 3))};
@@ -121,11 +131,76 @@ std::optional<provider::Exception> providerError(Call&& call)
     return thrown<provider::Exception>(std::forward<Call>(call));
 }
 
+// Whether `call` fails with a provider Exception of `code` concerning one of `locations`, with
+// `context` among its context keys when one is given.
+inline testing::AssertionResult failsWith(const std::function<void()>& call, provider::ErrorCode code,
+                                          const std::vector<StorageIRI>& locations, const char* context = nullptr)
+{
+    std::optional<provider::Exception> error;
+    try {
+        call();
+    } catch (const provider::Exception& thrownError) {
+        error = thrownError;
+    } catch (...) {
+        return testing::AssertionFailure() << "threw " << describeCurrentException();
+    }
+    if (!error)
+        return testing::AssertionFailure() << "nothing was thrown, expected " << toString(code);
+    const std::string where = fl::i18n::ustring_to_utf8(error->getStorageIRI().toString());
+    const std::string contexts = fl::i18n::ustring_to_utf8(provider::joinContextKeys(error->getAllExceptionContexts()));
+    const auto describe = [&] { return std::string(toString(error->getErrorCode())) + " at " + where + " [" + contexts + "]"; };
+    if (error->getErrorCode() != code)
+        return testing::AssertionFailure() << "threw " << describe() << ", expected " << toString(code);
+    bool atLocation = false;
+    for (const auto& location : locations)
+        atLocation = atLocation || error->getStorageIRI() == location;
+    if (!atLocation)
+        return testing::AssertionFailure() << "threw " << describe() << " at an unexpected location";
+    if (context) {
+        bool found = false;
+        for (const auto& each : error->getAllExceptionContexts())
+            found = found || fl::i18n::ustring_to_utf8(each.getExceptionContextKey()) == context;
+        if (!found)
+            return testing::AssertionFailure() << "threw " << describe() << " without the context " << context;
+    }
+    return testing::AssertionSuccess();
+}
+
+inline testing::AssertionResult failsWith(const std::function<void()>& call, provider::ErrorCode code,
+                                          const StorageIRI& location, const char* context = nullptr)
+{
+    return failsWith(call, code, std::vector<StorageIRI>{location}, context);
+}
+
+// The entries below `folder`: relative path -> size for a file, nullopt for a folder. Walks with
+// names-only flat listings, so it works whatever the provider's optional features.
+inline std::map<ustring, std::optional<std::uint64_t>> treeOf(const provider::IProvider& storage,
+                                                                const StorageIRI& folder, const ustring& prefix = {})
+{
+    std::map<ustring, std::optional<std::uint64_t>> tree;
+    for (auto it = storage.list(folder, provider::ListOptions{}); it->hasNext();) {
+        it->next();
+        const provider::FolderEntry entry = it->current();
+        const StorageIRI location(folder, entry.getName());
+        if (entry.isFile()) {
+            tree[prefix + entry.getName()] = storage.getFileAttributes(location).getSize();
+        } else {
+            tree[prefix + entry.getName()] = std::nullopt;
+            tree.merge(treeOf(storage, location, prefix + entry.getName() + u"/"));
+        }
+    }
+    return tree;
+}
+
 // A fixture run once for each provider of allProviders(): its harness, the provider, and the
 // harness's root folder.
 class ProviderTest : public testing::TestWithParam<ProviderUnderTest> {
 protected:
     StorageIRI below(const ustring& relative) const { return StorageIRI(root, relative); }
+    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const { return harness->makeFile(relative, size); }
+    StorageIRI makeFolder(const ustring& relative) const { return harness->makeFolder(relative); }
+    std::map<ustring, std::optional<std::uint64_t>> tree() const { return treeOf(*provider, root); }
+    bool hasFeature(provider::ExtendedFeature feature) const { return provider->hasFeature(root, feature); }
 
     const std::unique_ptr<ProviderHarness> harness = GetParam().make();
     const std::shared_ptr<provider::IProvider> provider = harness->provider();

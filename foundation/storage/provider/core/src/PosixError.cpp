@@ -153,6 +153,7 @@ ErrorCode errorCodeFromErrno(int error) noexcept
     switch (error) {
     case ENOENT:
     case ENOTDIR:
+    case EISDIR: // a folder where a file was asked for: the file is not there
         return ErrorCode::ResourceNotFound;
     case EACCES:
     case EPERM:
@@ -178,6 +179,7 @@ ErrorCode errorCodeFromErrno(int error) noexcept
     case ELOOP:
         return ErrorCode::InvalidLocation;
     case ENOSYS:
+    case EXDEV: // a rename or link across file systems: the caller copies instead
     case EOPNOTSUPP:
 #if ENOTSUP != EOPNOTSUPP
     case ENOTSUP:

@@ -44,6 +44,9 @@ StorageIRI childLocation(const StorageIRI& folder, const ustring& name)
 }
 
 IProvider::~IProvider() = default;
+IFolderEntryIterator::~IFolderEntryIterator() = default;
+extensions::IInvalidatable::~IInvalidatable() = default;
+extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)
     : m_provider(std::move(provider)), m_location(std::move(location))

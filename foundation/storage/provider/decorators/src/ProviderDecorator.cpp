@@ -16,6 +16,56 @@ const char* toString(ProviderOperation operation) noexcept
         return "existsExtended";
     case ProviderOperation::HasFeature:
         return "hasFeature";
+    case ProviderOperation::FileExists:
+        return "fileExists";
+    case ProviderOperation::FolderExists:
+        return "folderExists";
+    case ProviderOperation::GetCanonicalLocation:
+        return "getCanonicalLocation";
+    case ProviderOperation::GetFileAttributes:
+        return "getFileAttributes";
+    case ProviderOperation::GetFolderAttributes:
+        return "getFolderAttributes";
+    case ProviderOperation::GetExtendedAttributes:
+        return "getExtendedAttributes";
+    case ProviderOperation::SetLastModified:
+        return "setLastModified";
+    case ProviderOperation::SetWritable:
+        return "setWritable";
+    case ProviderOperation::TruncateToSize:
+        return "truncateToSize";
+    case ProviderOperation::CreateFile:
+        return "createFile";
+    case ProviderOperation::RemoveFile:
+        return "removeFile";
+    case ProviderOperation::CreateFolder:
+        return "createFolder";
+    case ProviderOperation::CreateFolderRecursive:
+        return "createFolderRecursive";
+    case ProviderOperation::RemoveFolder:
+        return "removeFolder";
+    case ProviderOperation::RemoveFolderRecursively:
+        return "removeFolderRecursively";
+    case ProviderOperation::MoveFile:
+        return "moveFile";
+    case ProviderOperation::MoveFolder:
+        return "moveFolder";
+    case ProviderOperation::CopyFile:
+        return "copyFile";
+    case ProviderOperation::List:
+        return "list";
+    case ProviderOperation::FlushFilesystem:
+        return "flushFilesystem";
+    case ProviderOperation::GetFilenameSensitivity:
+        return "getFilenameSensitivity";
+    case ProviderOperation::GetPathComparator:
+        return "getPathComparator";
+    case ProviderOperation::GetProviderStorageInfo:
+        return "getProviderStorageInfo";
+    case ProviderOperation::Configure:
+        return "configure";
+    case ProviderOperation::Shutdown:
+        return "shutdown";
     case ProviderOperation::Count_:
         break;
     }
@@ -51,6 +101,161 @@ bool ProviderDecorator::hasFeature(const StorageIRI& location, ExtendedFeature f
 {
     before(ProviderOperation::HasFeature, location);
     return m_wrapped->hasFeature(location, feature);
+}
+
+bool ProviderDecorator::fileExists(const StorageIRI& location) const
+{
+    before(ProviderOperation::FileExists, location);
+    return m_wrapped->fileExists(location);
+}
+
+bool ProviderDecorator::folderExists(const StorageIRI& location) const
+{
+    before(ProviderOperation::FolderExists, location);
+    return m_wrapped->folderExists(location);
+}
+
+StorageIRI ProviderDecorator::getCanonicalLocation(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetCanonicalLocation, location);
+    return m_wrapped->getCanonicalLocation(location);
+}
+
+FileAttributes ProviderDecorator::getFileAttributes(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetFileAttributes, location);
+    return m_wrapped->getFileAttributes(location);
+}
+
+FolderAttributes ProviderDecorator::getFolderAttributes(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetFolderAttributes, location);
+    return m_wrapped->getFolderAttributes(location);
+}
+
+ExtendedAttributes ProviderDecorator::getExtendedAttributes(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetExtendedAttributes, location);
+    return m_wrapped->getExtendedAttributes(location);
+}
+
+void ProviderDecorator::setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const
+{
+    before(ProviderOperation::SetLastModified, location);
+    m_wrapped->setLastModified(location, time);
+}
+
+void ProviderDecorator::setWritable(const StorageIRI& location, bool writable) const
+{
+    before(ProviderOperation::SetWritable, location);
+    m_wrapped->setWritable(location, writable);
+}
+
+void ProviderDecorator::truncateToSize(const StorageIRI& location, std::uint64_t size) const
+{
+    before(ProviderOperation::TruncateToSize, location);
+    m_wrapped->truncateToSize(location, size);
+}
+
+void ProviderDecorator::createFile(const StorageIRI& location) const
+{
+    before(ProviderOperation::CreateFile, location);
+    m_wrapped->createFile(location);
+}
+
+void ProviderDecorator::removeFile(const StorageIRI& location) const
+{
+    before(ProviderOperation::RemoveFile, location);
+    m_wrapped->removeFile(location);
+}
+
+void ProviderDecorator::createFolder(const StorageIRI& location) const
+{
+    before(ProviderOperation::CreateFolder, location);
+    m_wrapped->createFolder(location);
+}
+
+void ProviderDecorator::createFolderRecursive(const StorageIRI& location) const
+{
+    before(ProviderOperation::CreateFolderRecursive, location);
+    m_wrapped->createFolderRecursive(location);
+}
+
+void ProviderDecorator::removeFolder(const StorageIRI& location) const
+{
+    before(ProviderOperation::RemoveFolder, location);
+    m_wrapped->removeFolder(location);
+}
+
+void ProviderDecorator::removeFolderRecursively(const StorageIRI& location) const
+{
+    before(ProviderOperation::RemoveFolderRecursively, location);
+    m_wrapped->removeFolderRecursively(location);
+}
+
+void ProviderDecorator::moveFile(const StorageIRI& location, const StorageIRI& destination,
+                                 ReplacementPolicy policy) const
+{
+    before(ProviderOperation::MoveFile, location);
+    m_wrapped->moveFile(location, destination, policy);
+}
+
+void ProviderDecorator::moveFolder(const StorageIRI& location, const StorageIRI& destination,
+                                   ReplacementPolicy policy) const
+{
+    before(ProviderOperation::MoveFolder, location);
+    m_wrapped->moveFolder(location, destination, policy);
+}
+
+TransactionStatus ProviderDecorator::copyFile(const StorageIRI& location, const IProvider& destinationProvider,
+                                              const StorageIRI& destination, const CopyFileOptions& options) const
+{
+    before(ProviderOperation::CopyFile, location);
+    const IProvider& target = &destinationProvider == this ? *m_wrapped : destinationProvider;
+    return m_wrapped->copyFile(location, target, destination, options);
+}
+
+std::unique_ptr<IFolderEntryIterator> ProviderDecorator::list(const StorageIRI& location,
+                                                             const ListOptions& options) const
+{
+    before(ProviderOperation::List, location);
+    return m_wrapped->list(location, options);
+}
+
+void ProviderDecorator::flushFilesystem(const StorageIRI& location) const
+{
+    before(ProviderOperation::FlushFilesystem, location);
+    m_wrapped->flushFilesystem(location);
+}
+
+FilenameSensitivity ProviderDecorator::getFilenameSensitivity(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetFilenameSensitivity, location);
+    return m_wrapped->getFilenameSensitivity(location);
+}
+
+PathComparatorFunction ProviderDecorator::getPathComparator(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetPathComparator, location);
+    return m_wrapped->getPathComparator(location);
+}
+
+ProviderStorageInfo ProviderDecorator::getProviderStorageInfo(const StorageIRI& location) const
+{
+    before(ProviderOperation::GetProviderStorageInfo, location);
+    return m_wrapped->getProviderStorageInfo(location);
+}
+
+void ProviderDecorator::configure(const boost::property_tree::ptree& settings) const
+{
+    before(ProviderOperation::Configure, StorageIRI());
+    m_wrapped->configure(settings);
+}
+
+void ProviderDecorator::shutdown() const
+{
+    before(ProviderOperation::Shutdown, StorageIRI());
+    m_wrapped->shutdown();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -144,6 +349,29 @@ bool FeatureMaskingProvider::hasFeature(const StorageIRI& location, ExtendedFeat
     if (m_hidden.contains(feature))
         return false;
     return ProviderDecorator::hasFeature(location, feature);
+}
+
+void FeatureMaskingProvider::removeFolderRecursively(const StorageIRI& location) const
+{
+    if (m_hidden.contains(ExtendedFeature::RecursiveRemoval))
+        throwProviderError(ErrorCode::UnsupportedOperation, location,
+                           {ExceptionContext(u"feature-masked"), ExceptionContext(u"removeFolderRecursively")});
+    ProviderDecorator::removeFolderRecursively(location);
+}
+
+std::unique_ptr<IFolderEntryIterator> FeatureMaskingProvider::list(const StorageIRI& location,
+                                                                  const ListOptions& options) const
+{
+    if (options.recursive && m_hidden.contains(ExtendedFeature::RecursiveListing))
+        throwProviderError(ErrorCode::UnsupportedOperation, location,
+                           {ExceptionContext(u"feature-masked"), ExceptionContext(u"list")});
+    const ExtendedFeature wildcards =
+        options.recursive ? ExtendedFeature::RecursiveWildcardListing : ExtendedFeature::FlatWildcardListing;
+    if (options.pattern.empty() || !m_hidden.contains(wildcards))
+        return ProviderDecorator::list(location, options);
+    ListOptions unfiltered = options;
+    unfiltered.pattern.clear();
+    return ProviderDecorator::list(location, unfiltered);
 }
 
 // ---------------------------------------------------------------------------------------------

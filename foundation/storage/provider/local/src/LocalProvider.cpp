@@ -1,13 +1,32 @@
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 
+#include "Native.hpp"
+
 #include <foundation/storage/provider/PosixError.hpp>
 
+#include <boost/property_tree/ptree.hpp>
+
 #include <cerrno>
-#include <sys/stat.h>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 namespace foundation::storage::provider::local {
 
 namespace {
+
+using detail::fail;
+using detail::failAs;
+using detail::failKind;
+using detail::FileDescriptor;
+using detail::nativePath;
 
 bool isNotFound(int error) noexcept
 {
@@ -15,10 +34,124 @@ bool isNotFound(int error) noexcept
     return error == ENOENT || error == ENOTDIR;
 }
 
+struct stat statOf(const fl::filesystem::path& path, const StorageIRI& location)
+{
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0)
+        fail(errno, "stat", location);
+    return info;
+}
+
+// The path of a destination of a move: another scheme (or a nested IRI) is another provider's.
+fl::filesystem::path destinationPath(const StorageIRI& destination)
+{
+    if (destination.getScheme() != u"file" || destination.hasInnerIRI())
+        throwProviderError(ErrorCode::UnsupportedOperation, destination, {ExceptionContext(u"cross-provider-move")});
+    return nativePath(destination);
+}
+
+// A move's failure, reported for the location it concerns: what is wrong at the target (it exists,
+// its folder is missing) for the destination, everything else for the source.
+[[noreturn]] void failMove(int error, const char* call, const StorageIRI& location, const StorageIRI& destination)
+{
+    const bool aboutTarget = error == EEXIST || error == ENOTEMPTY || error == ENOENT || error == ENOTDIR;
+    fail(error, call, aboutTarget ? destination : location);
+}
+
+// rename without replacing anything; 0 or the errno. File systems without RENAME_NOREPLACE get a
+// check followed by a rename, which may replace a target that appears in between.
+int renameNoReplace(const char* from, const char* to) noexcept
+{
+    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    struct stat info {};
+    if (::lstat(to, &info) == 0)
+        return EEXIST;
+    return ::rename(from, to) == 0 ? 0 : errno;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Recursive removal: a walk over descriptors (openat/unlinkat) that never follows a link, so
+// nothing outside the folder is touched even when links or concurrent renames point elsewhere.
+
+class TreeRemoval {
+public:
+    explicit TreeRemoval(StorageIRI root) : m_root(std::move(root)) {}
+
+    // Empties the open folder at `relative` (below the root; empty for the root itself).
+    void empty(int folder, const std::string& relative)
+    {
+        std::vector<std::pair<std::string, unsigned char>> children;
+        {
+            // Gone before the walk goes deeper, so that a deep tree holds one buffer, not one a level.
+            detail::DirectoryReader reader;
+            for (;;) {
+                const ssize_t got = reader.fill(folder);
+                if (got < 0)
+                    fail(errno, "getdents64", at(relative));
+                if (got == 0)
+                    break;
+                reader.forEach([&](const char* name, unsigned char type) { children.emplace_back(name, type); });
+            }
+        }
+        for (const auto& [name, type] : children)
+            remove(folder, relative.empty() ? name : relative + '/' + name, name, type);
+    }
+
+private:
+    void remove(int folder, const std::string& relative, const std::string& name, unsigned char type)
+    {
+        if (type == DT_UNKNOWN) {
+            struct stat info {};
+            if (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (errno == ENOENT)
+                    return;
+                fail(errno, "fstatat", at(relative));
+            }
+            type = S_ISDIR(info.st_mode) ? DT_DIR : DT_REG;
+        }
+        if (type != DT_DIR) {
+            if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT)
+                return;
+            if (errno != EISDIR)
+                fail(errno, "unlinkat", at(relative));
+            // Replaced by a folder since it was read: remove that instead.
+        }
+        FileDescriptor child(::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!child) {
+            if (errno == ENOENT)
+                return;
+            if (errno != ENOTDIR && errno != ELOOP)
+                fail(errno, "openat", at(relative));
+            // Replaced by a file or a link since it was read: that goes as a file.
+            if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT)
+                return;
+            fail(errno, "unlinkat", at(relative));
+        }
+        empty(child.get(), relative);
+        child.reset();
+        if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+            fail(errno, "unlinkat", at(relative));
+    }
+
+    StorageIRI at(const std::string& relative) const
+    {
+        return relative.empty() ? m_root : StorageIRI(m_root, fl::i18n::utf8_to_ustring_lossy(relative));
+    }
+
+    StorageIRI m_root;
+};
+
+// ---------------------------------------------------------------------------------------------
+
 // The provider keeps no state: every operation converts the IRI and asks the kernel, so any number
 // of threads may call it at once.
-class LocalProvider final : public IProvider {
+class LocalProvider final : public IProvider, public extensions::IFlushableFilesystem {
 public:
+    // ---- existence and kind --------------------------------------------------------------------
+
     ExistenceType exists(const StorageIRI& location) const override
     {
         const fl::filesystem::path path = nativePath(location);
@@ -60,22 +193,333 @@ public:
         return ExistenceTypeExtended::Special;
     }
 
-    // No optional feature is implemented natively yet; the location is still checked, so that a
-    // foreign IRI is refused the same way by every operation.
-    bool hasFeature(const StorageIRI& location, ExtendedFeature) const override
+    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override
     {
         static_cast<void>(nativePath(location));
-        return false;
+        return feature == ExtendedFeature::RecursiveRemoval || feature == ExtendedFeature::FlatWildcardListing;
     }
 
-private:
-    // The one way from an IRI to a local path. fromStorageIRI refuses other schemes, remote
-    // authorities and NUL; an IRI without a path ("file:") names nothing on disk.
-    static fl::filesystem::path nativePath(const StorageIRI& location)
+    bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
+    bool folderExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::Folder; }
+
+    StorageIRI getCanonicalLocation(const StorageIRI& location) const override
     {
-        if (!location.hasPath())
-            throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(u"no-path")});
-        return fromStorageIRI(location);
+        return toCanonicalizedStorageIRI(u"", nativePath(location));
+    }
+
+    // ---- attributes ----------------------------------------------------------------------------
+
+    FileAttributes getFileAttributes(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        bool symlink = false;
+        const struct stat info = followedStat(path, location, symlink);
+        if (S_ISDIR(info.st_mode))
+            failKind(location, u"not-a-file");
+        const bool writable = detail::writableAt(AT_FDCWD, path.c_str(), info.st_mode);
+        return detail::fileAttributes(info, writable, symlink, location.getName());
+    }
+
+    FolderAttributes getFolderAttributes(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        bool symlink = false;
+        const struct stat info = followedStat(path, location, symlink);
+        if (!S_ISDIR(info.st_mode))
+            failKind(location, u"not-a-folder");
+        const bool writable = detail::writableAt(AT_FDCWD, path.c_str(), info.st_mode);
+        return detail::folderAttributes(info, writable, symlink, location.getName());
+    }
+
+    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override
+    {
+        const struct stat info = statOf(nativePath(location), location);
+        ExtendedAttributes attributes;
+        attributes.lastAccessed = detail::toPtime(info.st_atim);
+        attributes.statusChanged = detail::toPtime(info.st_ctim);
+        attributes.posixMode = static_cast<std::uint32_t>(info.st_mode);
+        attributes.ownerId = static_cast<std::uint32_t>(info.st_uid);
+        attributes.groupId = static_cast<std::uint32_t>(info.st_gid);
+        attributes.linkCount = static_cast<std::uint64_t>(info.st_nlink);
+        attributes.device = static_cast<std::uint64_t>(info.st_dev);
+        attributes.inode = static_cast<std::uint64_t>(info.st_ino);
+        // st_blocks counts 512-byte units whatever the file system's block size.
+        attributes.allocatedBytes = static_cast<std::uint64_t>(info.st_blocks) * 512;
+        return attributes;
+    }
+
+    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        struct timespec times[2];
+        times[0].tv_sec = 0;
+        times[0].tv_nsec = UTIME_OMIT;
+        times[1] = detail::toTimespec(time, location);
+        if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+            fail(errno, "utimensat", location);
+    }
+
+    // Writable: every class that may read may also write; not writable: nobody may write.
+    void setWritable(const StorageIRI& location, bool writable) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        const mode_t mode = statOf(path, location).st_mode & 07777;
+        mode_t changed = mode & ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
+        if (writable)
+            changed |= (mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 1;
+        if (changed != mode && ::chmod(path.c_str(), changed) != 0)
+            fail(errno, "chmod", location);
+    }
+
+    void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()))
+            fail(EFBIG, "truncate", location);
+        if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0)
+            fail(errno, "truncate", location);
+    }
+
+    // ---- creation and removal ------------------------------------------------------------------
+
+    void createFile(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY | O_CLOEXEC, 0666));
+        if (!file)
+            fail(errno, "open", location);
+        if (const int error = file.close())
+            fail(error, "close", location);
+    }
+
+    void removeFile(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        if (::unlink(path.c_str()) != 0)
+            fail(errno, "unlink", location);
+    }
+
+    void createFolder(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        if (::mkdir(path.c_str(), 0777) != 0)
+            fail(errno, "mkdir", location);
+    }
+
+    void createFolderRecursive(const StorageIRI& location) const override
+    {
+        std::string path = nativePath(location).native();
+        while (path.size() > 1 && path.back() == '/')
+            path.pop_back();
+        // Up from the location until a folder exists or is made, then down again.
+        std::vector<std::string> missing;
+        for (std::string current = path;;) {
+            if (makeFolderUnlessPresent(current, location))
+                break;
+            missing.push_back(current);
+            const std::size_t slash = current.find_last_of('/');
+            if (slash == std::string::npos)
+                fail(ENOENT, "mkdir", location);
+            current.erase(slash == 0 ? 1 : slash);
+        }
+        for (auto folder = missing.rbegin(); folder != missing.rend(); ++folder)
+            if (!makeFolderUnlessPresent(*folder, location))
+                fail(ENOENT, "mkdir", location);
+    }
+
+    void removeFolder(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        if (::rmdir(path.c_str()) == 0)
+            return;
+        const int error = errno;
+        if (error == EEXIST) // what some file systems say for ENOTEMPTY
+            failAs(ErrorCode::FolderNotEmpty, error, "rmdir", location);
+        struct stat info {};
+        if (error == ENOTDIR && ::lstat(path.c_str(), &info) == 0)
+            failKind(location, u"not-a-folder");
+        fail(error, "rmdir", location);
+    }
+
+    void removeFolderRecursively(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        if (!location.hasParent())
+            throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(u"root")},
+                               u"refusing to remove the root folder");
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0)
+            fail(errno, "lstat", location);
+        if (S_ISLNK(info.st_mode)) {
+            // A link to a folder is removed itself; the folder it leads to stays.
+            if (!S_ISDIR(statOf(path, location).st_mode))
+                failKind(location, u"not-a-folder");
+            if (::unlink(path.c_str()) != 0)
+                fail(errno, "unlink", location);
+            return;
+        }
+        if (!S_ISDIR(info.st_mode))
+            failKind(location, u"not-a-folder");
+        FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder)
+            fail(errno, "open", location);
+        TreeRemoval(location).empty(folder.get(), {});
+        folder.reset();
+        if (::rmdir(path.c_str()) != 0 && errno != ENOENT)
+            fail(errno, "rmdir", location);
+    }
+
+    // ---- moving and copying --------------------------------------------------------------------
+
+    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        const fl::filesystem::path source = nativePath(location);
+        const fl::filesystem::path target = destinationPath(destination);
+        const struct stat sourceInfo = statOf(source, location);
+        if (S_ISDIR(sourceInfo.st_mode))
+            failKind(location, u"not-a-file");
+
+        if (policy == ReplacementPolicy::FailIfExists) {
+            if (const int error = renameNoReplace(source.c_str(), target.c_str()))
+                failMove(error, "renameat2", location, destination);
+            return;
+        }
+        struct stat targetInfo {};
+        if (::lstat(target.c_str(), &targetInfo) == 0) {
+            if (S_ISDIR(targetInfo.st_mode))
+                throwProviderError(ErrorCode::ResourceAlreadyExists, destination, {ExceptionContext(u"not-a-file")});
+            if (policy == ReplacementPolicy::ReplaceIfNewer && ::stat(target.c_str(), &targetInfo) == 0 &&
+                !detail::newer(sourceInfo.st_mtim, targetInfo.st_mtim))
+                return;
+        }
+        if (::rename(source.c_str(), target.c_str()) != 0) {
+            // EISDIR: a folder took the target's place since it was looked at.
+            if (errno == EISDIR)
+                failAs(ErrorCode::ResourceAlreadyExists, EISDIR, "rename", destination, u"not-a-file");
+            failMove(errno, "rename", location, destination);
+        }
+    }
+
+    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        const fl::filesystem::path source = nativePath(location);
+        const fl::filesystem::path target = destinationPath(destination);
+        if (!S_ISDIR(statOf(source, location).st_mode))
+            failKind(location, u"not-a-folder");
+
+        if (policy != ReplacementPolicy::Replace) {
+            // The merging policies (and keeping the newer) are the library's business: a folder in
+            // the way is reported, and the library merges.
+            if (const int error = renameNoReplace(source.c_str(), target.c_str()))
+                failMove(error, "renameat2", location, destination);
+            return;
+        }
+        struct stat targetInfo {};
+        if (::lstat(target.c_str(), &targetInfo) == 0 && !S_ISDIR(targetInfo.st_mode))
+            throwProviderError(ErrorCode::ResourceAlreadyExists, destination, {ExceptionContext(u"not-a-folder")});
+        if (::rename(source.c_str(), target.c_str()) != 0) {
+            const int error = errno;
+            if (error == ENOTEMPTY || error == EEXIST)
+                failAs(ErrorCode::FolderNotEmpty, error, "rename", destination);
+            failMove(error, "rename", location, destination);
+        }
+    }
+
+    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
+                               const StorageIRI& destination, const CopyFileOptions& options) const override
+    {
+        // Any instance of this provider reaches the same disk.
+        if (!dynamic_cast<const LocalProvider*>(&destinationProvider))
+            throwProviderError(ErrorCode::UnsupportedOperation, destination,
+                               {ExceptionContext(u"cross-provider-copy")});
+        return detail::copyFile(location, destination, options);
+    }
+
+    // ---- listing -------------------------------------------------------------------------------
+
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const override
+    {
+        return detail::listFolder(location, options);
+    }
+
+    // ---- the storage as a whole ----------------------------------------------------------------
+
+    void flushFilesystem(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        FileDescriptor any(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (!any)
+            fail(errno, "open", location);
+        if (::syncfs(any.get()) != 0)
+            fail(errno, "syncfs", location);
+    }
+
+    void flushFilesystem() override { ::sync(); }
+
+    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override
+    {
+        static_cast<void>(nativePath(location));
+        return FilenameSensitivity::CaseSensitive;
+    }
+
+    PathComparatorFunction getPathComparator(const StorageIRI& location) const override
+    {
+        static_cast<void>(nativePath(location));
+        return makePathComparator(FilenameSensitivity::CaseSensitive);
+    }
+
+    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override
+    {
+        const fl::filesystem::path path = nativePath(location);
+        struct statvfs info {};
+        if (::statvfs(path.c_str(), &info) != 0)
+            fail(errno, "statvfs", location);
+        const auto unit = static_cast<std::uint64_t>(info.f_frsize);
+        ProviderStorageInfo result;
+        result.capacityBytes = static_cast<std::uint64_t>(info.f_blocks) * unit;
+        result.freeBytes = static_cast<std::uint64_t>(info.f_bfree) * unit;
+        result.availableBytes = static_cast<std::uint64_t>(info.f_bavail) * unit;
+        result.description = u"local disk";
+        return result;
+    }
+
+    void configure(const boost::property_tree::ptree& settings) const override
+    {
+        if (settings.empty())
+            return;
+        const ustring key = fl::i18n::utf8_to_ustring_lossy(settings.begin()->first);
+        throwProviderError(ErrorCode::InvalidLocation, StorageIRI(), {ExceptionContext(u"configure", key)},
+                           u"the local provider has no setting \"" + key + u"\"");
+    }
+
+    void shutdown() const override {}
+
+private:
+    // stat of the location with links followed; `symlink` tells whether the location itself is one.
+    static struct stat followedStat(const fl::filesystem::path& path, const StorageIRI& location, bool& symlink)
+    {
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0)
+            fail(errno, "lstat", location);
+        symlink = S_ISLNK(info.st_mode);
+        return symlink ? statOf(path, location) : info;
+    }
+
+    // Makes the folder at `path`; true when it was made or a folder (links followed) is already
+    // there, false when its parent is missing. A file in the way is ResourceAlreadyExists.
+    static bool makeFolderUnlessPresent(const std::string& path, const StorageIRI& location)
+    {
+        if (::mkdir(path.c_str(), 0777) == 0)
+            return true;
+        const int error = errno;
+        if (error == ENOENT)
+            return false;
+        struct stat info {};
+        if (error == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+            return true;
+        if (error == EEXIST || error == ENOTDIR)
+            failAs(ErrorCode::ResourceAlreadyExists, error, "mkdir", location, u"not-a-folder");
+        fail(error, "mkdir", location);
     }
 };
 

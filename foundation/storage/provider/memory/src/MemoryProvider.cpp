@@ -1,46 +1,167 @@
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
-#include <chrono>
+#include "Tree.hpp"
+
+#include <foundation/storage/provider/PosixError.hpp>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
 #include <cstddef>
-#include <functional>
-#include <map>
+#include <limits>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <shared_mutex>
+#include <string>
 #include <string_view>
-#include <variant>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace foundation::storage::provider::memory {
 
 namespace {
 
-using Clock = std::chrono::system_clock;
+using namespace detail;
 
-// One file or folder. Folders own their children; a file owns its bytes. Times and writability
-// belong to both kinds, as on disk.
-struct Node {
-    struct Folder {
-        // std::less<> so that path segments (string views) look children up without a copy.
-        std::map<ustring, std::unique_ptr<Node>, std::less<>> children;
-    };
-    struct File {
-        std::vector<std::byte> bytes;
-    };
+constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
+// Copies report their progress in steps of this many bytes.
+constexpr std::uint64_t progressStep = std::uint64_t(1) << 20;
 
-    std::variant<Folder, File> content;
-    Clock::time_point lastModified = Clock::now();
-    bool writable = true;
-
-    const Folder* asFolder() const noexcept { return std::get_if<Folder>(&content); }
-};
+ustring ascii(std::string_view text)
+{
+    return ustring(text.begin(), text.end());
+}
 
 [[noreturn]] void refuse(const StorageIRI& location, std::u16string_view reason, ustring detail = {})
 {
     throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(ustring(reason), std::move(detail))});
 }
 
-// Volumes are keyed by the IRI's authority. Every operation takes m_mutex: shared to read the tree,
-// exclusive to change it; nothing calls out of the provider while holding it.
+// Failures that a POSIX file system would report with an errno carry the same code and contexts
+// (operation, errno name) as the local provider's, through the one translation.
+[[noreturn]] void fail(int error, const char* operation, const StorageIRI& location)
+{
+    throwPosixError(error, operation, location);
+}
+
+[[noreturn]] void wrongKind(const char* operation, const StorageIRI& location, bool fileWanted)
+{
+    throwProviderError(ErrorCode::ResourceNotFound, location,
+                       {ExceptionContext(ascii(operation)), ExceptionContext(fileWanted ? u"not-a-file" : u"not-a-folder")});
+}
+
+[[noreturn]] void badArgument(const char* operation, const StorageIRI& location, std::u16string_view what)
+{
+    throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(ascii(operation)), ExceptionContext(ustring(what))});
+}
+
+void checkPolicy(const char* operation, const StorageIRI& location, ReplacementPolicy policy)
+{
+    const auto value = static_cast<std::int32_t>(policy);
+    if (value < static_cast<std::int32_t>(ReplacementPolicy::FailIfExists) ||
+        value > static_cast<std::int32_t>(ReplacementPolicy::ReplaceIfNewer))
+        badArgument(operation, location, u"unknown-policy");
+}
+
+// No single file grows beyond the machine's memory: the allocation would not fail cleanly but
+// bring the process down when the zero bytes are written.
+std::uint64_t largestFile()
+{
+    static const std::uint64_t largest = [] {
+        const long pages = ::sysconf(_SC_PHYS_PAGES);
+        const long pageSize = ::sysconf(_SC_PAGESIZE);
+        return pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : std::uint64_t(1) << 32;
+    }();
+    return largest;
+}
+
+// A location's node and the folder holding it, as found in a tree of const or mutable nodes.
+template <class N>
+struct Place {
+    N* parent; // null for a volume's root
+    N* node;   // null when nothing is there
+};
+
+// Follows the first `depth` segments of `location` from `root`: the node reached, or the errno that
+// says why there is none (ENOENT, or ENOTDIR when the path continues below a file).
+template <class N>
+std::pair<N*, int> walk(N& root, const StorageIRI& location, std::size_t depth)
+{
+    N* node = &root;
+    const PathView path = location.getPathView();
+    auto segment = path.begin();
+    for (std::size_t i = 0; i < depth; ++i, ++segment) {
+        const auto* folder = node->asFolder();
+        if (!folder)
+            return {nullptr, ENOTDIR};
+        const auto child = folder->children.find(*segment);
+        if (child == folder->children.end())
+            return {nullptr, ENOENT};
+        node = child->second.get();
+    }
+    return {node, 0};
+}
+
+template <class N>
+N& existingIn(N& root, const char* operation, const StorageIRI& location)
+{
+    const auto [node, error] = walk(root, location, location.getPathView().size());
+    if (!node)
+        fail(error, operation, location);
+    return *node;
+}
+
+// The place of `location`, whose parent folder must exist (ResourceNotFound otherwise).
+template <class N>
+Place<N> placeIn(N& root, const char* operation, const StorageIRI& location)
+{
+    const std::size_t depth = location.getPathView().size();
+    if (depth == 0)
+        return {nullptr, &root};
+    const auto [parent, error] = walk(root, location, depth - 1);
+    if (!parent)
+        fail(error, operation, location);
+    const auto* folder = parent->asFolder();
+    if (!folder)
+        fail(ENOTDIR, operation, location);
+    const auto child = folder->children.find(location.getName());
+    return {parent, child == folder->children.end() ? nullptr : child->second.get()};
+}
+
+// Adds (or replaces) the child `name` of `parent`, which changes the parent's time as on disk.
+Node& putChild(Node& parent, const ustring& name, std::unique_ptr<Node> child)
+{
+    Node& added = *child;
+    parent.asFolder()->children.insert_or_assign(name, std::move(child));
+    parent.lastModified = now();
+    return added;
+}
+
+std::unique_ptr<Node> takeChild(Node& parent, const ustring& name)
+{
+    auto handle = parent.asFolder()->children.extract(name);
+    parent.lastModified = now();
+    return std::move(handle.mapped());
+}
+
+std::unique_ptr<Node> newFolder()
+{
+    return std::make_unique<Node>(Node::Folder{}, now());
+}
+
+std::unique_ptr<Node> newFile(std::vector<std::byte> bytes = {}, bool writable = true)
+{
+    return std::make_unique<Node>(Node::File{std::move(bytes)}, now(), writable);
+}
+
+// Volumes are keyed by the IRI's authority and come into being when first changed; until then a
+// volume reads as an empty root folder. One shared mutex guards the whole state: shared to read,
+// exclusive to change. No callback runs while it is held.
 class MemoryProvider final : public IProvider {
 public:
     explicit MemoryProvider(MemoryProviderOptions options) : m_options(options) {}
@@ -49,7 +170,7 @@ public:
     {
         checkLocation(location);
         std::shared_lock lock(m_mutex);
-        const Node* node = find(location);
+        const Node* node = walk(rootOf(location), location, location.getPathView().size()).first;
         if (!node)
             return ExistenceType::NotFound;
         return node->asFolder() ? ExistenceType::Folder : ExistenceType::File;
@@ -69,10 +190,432 @@ public:
         return ExistenceTypeExtended::NotFound;
     }
 
-    bool hasFeature(const StorageIRI& location, ExtendedFeature) const override
+    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override
     {
         checkLocation(location);
+        switch (feature) {
+        case ExtendedFeature::RecursiveRemoval:
+        case ExtendedFeature::RecursiveListing:
+        case ExtendedFeature::FlatWildcardListing:
+        case ExtendedFeature::RecursiveWildcardListing:
+            return true;
+        case ExtendedFeature::RecursiveWatching:
+            break;
+        }
         return false;
+    }
+
+    bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
+    bool folderExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::Folder; }
+
+    // Memory has no links, no case folding and no unresolved segments: an existing location is
+    // already canonical.
+    StorageIRI getCanonicalLocation(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        existingIn(rootOf(location), "getCanonicalLocation", location);
+        return location;
+    }
+
+    FileAttributes getFileAttributes(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        const Node& node = existingIn(rootOf(location), "getFileAttributes", location);
+        if (!node.asFile())
+            wrongKind("getFileAttributes", location, true);
+        return fileAttributes(node, location.getName());
+    }
+
+    FolderAttributes getFolderAttributes(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        const Node& node = existingIn(rootOf(location), "getFolderAttributes", location);
+        if (!node.asFolder())
+            wrongKind("getFolderAttributes", location, false);
+        return folderAttributes(node, location.getName());
+    }
+
+    // Memory knows only how many bytes a file holds; a folder holds none of its own.
+    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        ExtendedAttributes attributes;
+        attributes.allocatedBytes = existingIn(rootOf(location), "getExtendedAttributes", location).size();
+        return attributes;
+    }
+
+    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
+    {
+        checkLocation(location);
+        if (time.is_special())
+            badArgument("setLastModified", location, u"not-a-time");
+        std::unique_lock lock(m_mutex);
+        checkChangeable("setLastModified", location);
+        existingIn(rootForChange(location), "setLastModified", location).lastModified = time;
+    }
+
+    void setWritable(const StorageIRI& location, bool writable) const override
+    {
+        checkLocation(location);
+        std::unique_lock lock(m_mutex);
+        checkChangeable("setWritable", location);
+        existingIn(rootForChange(location), "setWritable", location).writable = writable;
+    }
+
+    void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
+    {
+        constexpr const char* operation = "truncateToSize";
+        checkLocation(location);
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        Node& node = existingIn(rootForChange(location), operation, location);
+        Node::File* file = node.asFile();
+        if (!file)
+            wrongKind(operation, location, true);
+        if (!node.writable)
+            fail(EACCES, operation, location);
+        const std::uint64_t old = file->bytes.size();
+        if (size == old)
+            return;
+        if (size > old) {
+            if (size > largestFile())
+                fail(EFBIG, operation, location);
+            checkQuota(operation, location, old, size);
+        }
+        try {
+            file->bytes.resize(size);
+            if (size < old)
+                file->bytes.shrink_to_fit();
+        } catch (const std::bad_alloc&) {
+            fail(ENOSPC, operation, location);
+        }
+        m_usedBytes = m_usedBytes - old + size;
+        node.lastModified = now();
+    }
+
+    void createFile(const StorageIRI& location) const override { create("createFile", location, false); }
+
+    void removeFile(const StorageIRI& location) const override
+    {
+        constexpr const char* operation = "removeFile";
+        checkLocation(location);
+        std::unique_ptr<Node> removed; // destroyed after the lock is released
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> place = placeIn(rootForChange(location), operation, location);
+        if (!place.node)
+            fail(ENOENT, operation, location);
+        if (!place.node->asFile())
+            wrongKind(operation, location, true);
+        if (!place.parent->writable)
+            fail(EACCES, operation, location);
+        m_usedBytes -= place.node->size();
+        removed = takeChild(*place.parent, location.getName());
+    }
+
+    void createFolder(const StorageIRI& location) const override { create("createFolder", location, true); }
+
+    void createFolderRecursive(const StorageIRI& location) const override
+    {
+        constexpr const char* operation = "createFolderRecursive";
+        checkLocation(location);
+        std::unique_lock lock(m_mutex);
+        Node* node = &rootForChange(location);
+        const PathView path = location.getPathView();
+        auto segment = path.begin();
+        for (; segment != path.end(); ++segment) {
+            const auto* folder = node->asFolder();
+            if (!folder)
+                fail(EEXIST, operation, location);
+            const auto child = folder->children.find(*segment);
+            if (child == folder->children.end())
+                break;
+            node = child->second.get();
+        }
+        if (segment == path.end()) {
+            if (!node->asFolder())
+                fail(EEXIST, operation, location);
+            return;
+        }
+        // Everything is checked before the first folder is made, so a failure leaves nothing behind.
+        checkChangeable(operation, location);
+        if (!node->writable)
+            fail(EACCES, operation, location);
+        for (; segment != path.end(); ++segment)
+            node = &putChild(*node, ustring(*segment), newFolder());
+    }
+
+    void removeFolder(const StorageIRI& location) const override
+    {
+        constexpr const char* operation = "removeFolder";
+        checkLocation(location);
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> place = placeIn(rootForChange(location), operation, location);
+        checkRemovableFolder(operation, location, place);
+        if (!place.node->asFolder()->children.empty())
+            fail(ENOTEMPTY, operation, location);
+        takeChild(*place.parent, location.getName());
+    }
+
+    // All or nothing: every folder that would have to give up a child is checked before anything goes.
+    void removeFolderRecursively(const StorageIRI& location) const override
+    {
+        constexpr const char* operation = "removeFolderRecursively";
+        checkLocation(location);
+        std::unique_ptr<Node> removed; // a whole subtree: destroyed after the lock is released
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> place = placeIn(rootForChange(location), operation, location);
+        checkRemovableFolder(operation, location, place);
+        const auto holdsLockedContent = [](const Node& node) {
+            const Node::Folder* folder = node.asFolder();
+            return folder && !folder->children.empty() && !node.writable;
+        };
+        std::optional<ustring> locked;
+        if (holdsLockedContent(*place.node))
+            locked.emplace();
+        std::uint64_t bytes = 0;
+        forEachBelow(*place.node, [&](std::u16string_view path, const Node& node) {
+            bytes += node.size();
+            if (!locked && holdsLockedContent(node))
+                locked = ustring(path);
+        });
+        if (locked)
+            fail(EACCES, operation, locked->empty() ? location : StorageIRI(location, *locked));
+        m_usedBytes -= bytes;
+        removed = takeChild(*place.parent, location.getName());
+    }
+
+    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        constexpr const char* operation = "moveFile";
+        checkLocation(location);
+        checkDestination(operation, destination);
+        checkPolicy(operation, location, policy);
+        std::unique_ptr<Node> replaced; // destroyed after the lock is released
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> from = placeIn(rootForChange(location), operation, location);
+        if (!from.node)
+            fail(ENOENT, operation, location);
+        if (!from.node->asFile())
+            wrongKind(operation, location, true);
+        const Place<Node> to = placeIn(rootForChange(destination), operation, destination);
+        if (from.node == to.node) {
+            if (policy == ReplacementPolicy::FailIfExists)
+                fail(EEXIST, operation, destination);
+            return;
+        }
+        if (!admitFile(operation, destination, to, policy, from.node->lastModified, 0))
+            return;
+        if (!from.parent->writable)
+            fail(EACCES, operation, location);
+        if (to.node) {
+            m_usedBytes -= to.node->size();
+            replaced = takeChild(*to.parent, destination.getName());
+        }
+        putChild(*to.parent, destination.getName(), takeChild(*from.parent, location.getName()));
+    }
+
+    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        constexpr const char* operation = "moveFolder";
+        checkLocation(location);
+        checkDestination(operation, destination);
+        checkPolicy(operation, location, policy);
+        if (location.isAncestorOf(destination))
+            badArgument(operation, destination, u"into-itself");
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> from = placeIn(rootForChange(location), operation, location);
+        if (!from.node)
+            fail(ENOENT, operation, location);
+        if (!from.node->asFolder())
+            wrongKind(operation, location, false);
+        if (!from.parent)
+            fail(EBUSY, operation, location);
+        const Place<Node> to = placeIn(rootForChange(destination), operation, destination);
+        // The merging policies are the library's: over an existing folder they behave as Replace, which
+        // reports what the library falls back on.
+        if (to.node) {
+            if (policy == ReplacementPolicy::FailIfExists)
+                fail(EEXIST, operation, destination);
+            if (!to.node->asFolder())
+                wrongKind(operation, destination, false);
+            if (to.node != from.node && !to.node->asFolder()->children.empty())
+                fail(ENOTEMPTY, operation, destination);
+            if (!to.parent)
+                fail(EBUSY, operation, destination);
+        }
+        if (!from.parent->writable)
+            fail(EACCES, operation, location);
+        if (!to.parent->writable)
+            fail(EACCES, operation, destination);
+        if (from.node == to.node)
+            return;
+        std::unique_ptr<Node> moving = takeChild(*from.parent, location.getName());
+        putChild(*to.parent, destination.getName(), std::move(moving));
+    }
+
+    // The bytes are taken under a shared lock, progress is reported with no lock held, and the
+    // target is put in place under the exclusive lock after everything has been checked again
+    // (the tree may have changed meanwhile). A cancelled or failed copy leaves nothing behind.
+    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
+                               const StorageIRI& destination, const CopyFileOptions& options) const override
+    {
+        constexpr const char* operation = "copyFile";
+        checkLocation(location);
+        if (&destinationProvider != this)
+            throwProviderError(ErrorCode::UnsupportedOperation, destination,
+                               {ExceptionContext(ascii(operation)), ExceptionContext(u"cross-provider-copy")});
+        checkDestination(operation, destination);
+        const ReplacementPolicy policy = options.replacementPolicy;
+        checkPolicy(operation, location, policy);
+
+        std::vector<std::byte> bytes;
+        bool writable = true;
+        boost::posix_time::ptime sourceTime;
+        {
+            std::shared_lock lock(m_mutex);
+            checkChangeable(operation, destination);
+            const Node& source = existingIn(rootOf(location), operation, location);
+            if (!source.asFile())
+                wrongKind(operation, location, true);
+            const Place<const Node> to = placeIn(rootOf(destination), operation, destination);
+            if (!admitFile(operation, destination, to, policy, source.lastModified, source.size()))
+                return TransactionStatus::NothingDone;
+            try {
+                bytes = source.asFile()->bytes;
+            } catch (const std::bad_alloc&) {
+                fail(ENOSPC, operation, destination);
+            }
+            writable = source.writable;
+            sourceTime = source.lastModified;
+        }
+
+        if (options.progress) {
+            const std::uint64_t total = bytes.size();
+            std::uint64_t copied = 0;
+            do {
+                copied += std::min(progressStep, total - copied);
+                if (!options.progress(copied, total))
+                    return TransactionStatus::NothingDone;
+            } while (copied < total);
+        }
+
+        std::unique_ptr<Node> replaced; // destroyed after the lock is released
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, destination);
+        const Place<Node> to = placeIn(rootForChange(destination), operation, destination);
+        if (!admitFile(operation, destination, to, policy, sourceTime, bytes.size()))
+            return TransactionStatus::NothingDone;
+        if (to.node) {
+            m_usedBytes -= to.node->size();
+            replaced = takeChild(*to.parent, destination.getName());
+        }
+        m_usedBytes += bytes.size();
+        putChild(*to.parent, destination.getName(), newFile(std::move(bytes), writable));
+        return TransactionStatus::Completed;
+    }
+
+    // The entries are taken under the shared lock; the iterator then holds no lock and its clones
+    // share the same entries.
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const override
+    {
+        constexpr const char* operation = "list";
+        checkLocation(location);
+        if (options.kind != ListKind::All && options.kind != ListKind::Files && options.kind != ListKind::Folders)
+            badArgument(operation, location, u"unknown-list-kind");
+        std::shared_ptr<const std::vector<FolderEntry>> entries;
+        {
+            std::shared_lock lock(m_mutex);
+            const Node& folder = existingIn(rootOf(location), operation, location);
+            if (!folder.asFolder())
+                wrongKind(operation, location, false);
+            entries = std::make_shared<const std::vector<FolderEntry>>(collectEntries(folder, options));
+        }
+        return makeSnapshotIterator(location, std::move(entries));
+    }
+
+    // Nothing to flush: memory is as durable as it gets.
+    void flushFilesystem(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        existingIn(rootOf(location), "flushFilesystem", location);
+    }
+
+    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        return FilenameSensitivity::CaseSensitive;
+    }
+
+    PathComparatorFunction getPathComparator(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        return makePathComparator(FilenameSensitivity::CaseSensitive);
+    }
+
+    // The quota is shared by every volume; without one, the space is not known.
+    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        existingIn(rootOf(location), "getProviderStorageInfo", location);
+        ProviderStorageInfo info;
+        info.description = u"memory volume";
+        if (m_options.quotaBytes != unlimited) {
+            info.capacityBytes = m_options.quotaBytes;
+            info.freeBytes = m_options.quotaBytes > m_usedBytes ? m_options.quotaBytes - m_usedBytes : 0;
+            info.availableBytes = info.freeBytes;
+        }
+        return info;
+    }
+
+    // A quota below what is already stored is accepted: nothing is lost, and only growth is refused.
+    void configure(const boost::property_tree::ptree& settings) const override
+    {
+        std::optional<std::uint64_t> quota;
+        std::optional<bool> readOnly;
+        for (const auto& [key, value] : settings) {
+            const std::string& text = value.data();
+            if (key == "quotaBytes") {
+                std::uint64_t parsed = 0;
+                const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+                if (!value.empty() || text.empty() || error != std::errc() || end != text.data() + text.size())
+                    badSetting(key, text, "a decimal number of bytes");
+                quota = parsed;
+            } else if (key == "readOnly") {
+                if (!value.empty() || (text != "true" && text != "false"))
+                    badSetting(key, text, "\"true\" or \"false\"");
+                readOnly = text == "true";
+            } else {
+                throwProviderError(ErrorCode::InvalidLocation, StorageIRI(),
+                                   {ExceptionContext(u"configure"), ExceptionContext(fl::i18n::utf8_to_ustring_lossy(key), u"unknown-setting")},
+                                   fl::i18n::utf8_to_ustring_lossy("the memory provider has no setting \"" + key + "\""));
+            }
+        }
+        std::unique_lock lock(m_mutex);
+        if (quota)
+            m_options.quotaBytes = *quota;
+        if (readOnly)
+            m_options.readOnly = *readOnly;
+    }
+
+    // The settings stay; every volume reads as new and empty again.
+    void shutdown() const override
+    {
+        decltype(m_volumes) dropped; // destroyed after the lock is released
+        std::unique_lock lock(m_mutex);
+        dropped.swap(m_volumes);
+        m_usedBytes = 0;
+        m_newVolume.lastModified = now();
     }
 
 private:
@@ -91,29 +634,110 @@ private:
             refuse(location, u"nul-in-name");
     }
 
-    // The node at `location`, or null. A path that continues below a file finds nothing. Caller
-    // holds m_mutex.
-    const Node* find(const StorageIRI& location) const
+    // A destination on other storage is one this provider cannot reach (as a rename across file
+    // systems); a malformed memory location is refused as any other.
+    static void checkDestination(const char* operation, const StorageIRI& destination)
     {
-        const auto volume = m_volumes.find(location.getAuthority());
-        // A volume nobody has written to yet is an empty root folder.
-        const Node* node = volume == m_volumes.end() ? &m_unusedVolumeRoot : volume->second.get();
-        for (std::u16string_view segment : location.getPathView()) {
-            const Node::Folder* folder = node->asFolder();
-            if (!folder)
-                return nullptr;
-            const auto child = folder->children.find(segment);
-            if (child == folder->children.end())
-                return nullptr;
-            node = child->second.get();
-        }
-        return node;
+        if (destination.getScheme() != u"mem" || destination.hasInnerIRI())
+            fail(EXDEV, operation, destination);
+        checkLocation(destination);
     }
 
-    MemoryProviderOptions m_options;
+    [[noreturn]] static void badSetting(const std::string& key, const std::string& value, const char* expected)
+    {
+        throwProviderError(ErrorCode::InvalidLocation, StorageIRI(),
+                           {ExceptionContext(u"configure"), ExceptionContext(ascii(key), u"bad-value")},
+                           fl::i18n::utf8_to_ustring_lossy("the memory provider's setting \"" + key + "\" takes " +
+                                                           expected + ", not \"" + value + "\""));
+    }
+
+    // Callers hold m_mutex from here on.
+
+    void checkChangeable(const char* operation, const StorageIRI& location) const
+    {
+        if (m_options.readOnly)
+            fail(EROFS, operation, location);
+    }
+
+    void checkQuota(const char* operation, const StorageIRI& location, std::uint64_t released, std::uint64_t added) const
+    {
+        const std::uint64_t kept = m_usedBytes - released;
+        if (added > m_options.quotaBytes || kept > m_options.quotaBytes - added)
+            fail(ENOSPC, operation, location);
+    }
+
+    void create(const char* operation, const StorageIRI& location, bool folder) const
+    {
+        checkLocation(location);
+        std::unique_lock lock(m_mutex);
+        checkChangeable(operation, location);
+        const Place<Node> place = placeIn(rootForChange(location), operation, location);
+        if (place.node)
+            fail(EEXIST, operation, location);
+        if (!place.parent->writable)
+            fail(EACCES, operation, location);
+        putChild(*place.parent, location.getName(), folder ? newFolder() : newFile());
+    }
+
+    static void checkRemovableFolder(const char* operation, const StorageIRI& location, const Place<Node>& place)
+    {
+        if (!place.node)
+            fail(ENOENT, operation, location);
+        if (!place.node->asFolder())
+            wrongKind(operation, location, false);
+        if (!place.parent)
+            fail(EBUSY, operation, location);
+        if (!place.parent->writable)
+            fail(EACCES, operation, location);
+    }
+
+    // Whether a file of `size` bytes, last modified at `sourceTime`, may be put at `target` under
+    // `policy`: throws what forbids it, answers false when ReplaceIfNewer keeps the target.
+    template <class N>
+    bool admitFile(const char* operation, const StorageIRI& destination, const Place<N>& target, ReplacementPolicy policy,
+                   const boost::posix_time::ptime& sourceTime, std::uint64_t size) const
+    {
+        std::uint64_t released = 0;
+        if (target.node) {
+            if (policy == ReplacementPolicy::FailIfExists)
+                fail(EEXIST, operation, destination);
+            if (!target.node->asFile())
+                wrongKind(operation, destination, true);
+            if (policy == ReplacementPolicy::ReplaceIfNewer && !(sourceTime > target.node->lastModified))
+                return false;
+            if (!target.node->writable)
+                fail(EACCES, operation, destination);
+            released = target.node->size();
+        }
+        if (!target.parent->writable)
+            fail(EACCES, operation, destination);
+        if (size > released)
+            checkQuota(operation, destination, released, size);
+        return true;
+    }
+
+    const Node& rootOf(const StorageIRI& location) const
+    {
+        const auto volume = m_volumes.find(location.getAuthority());
+        return volume == m_volumes.end() ? m_newVolume : *volume->second;
+    }
+
+    // Brings the volume into being with the root it has been reading as.
+    Node& rootForChange(const StorageIRI& location) const
+    {
+        auto volume = m_volumes.find(location.getAuthority());
+        if (volume == m_volumes.end())
+            volume = m_volumes.emplace(location.getAuthority(), std::make_unique<Node>(Node::Folder{}, m_newVolume.lastModified)).first;
+        return *volume->second;
+    }
+
+    // IProvider's operations are const; the state they change is guarded by m_mutex.
     mutable std::shared_mutex m_mutex;
-    std::map<ustring, std::unique_ptr<Node>, std::less<>> m_volumes;
-    const Node m_unusedVolumeRoot{Node::Folder{}};
+    mutable MemoryProviderOptions m_options;
+    mutable std::map<ustring, std::unique_ptr<Node>, std::less<>> m_volumes;
+    mutable std::uint64_t m_usedBytes = 0; // file content of every volume
+    // What a volume nobody has changed reads as; a volume brought into being starts as its copy.
+    mutable Node m_newVolume{Node::Folder{}, now()};
 };
 
 } // namespace

@@ -1,25 +1,110 @@
-// What only the local disk has: links, special files, permissions, the file://localhost form.
+// What only the local disk has: links, special files, names that are not UTF-8, permissions, big
+// folders read in several batches, atomic copies, the file://localhost form.
 
 #include <ProviderHarness.hpp>
+#include <Threads.hpp>
 #include <Unprivileged.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <sstream>
+#include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace {
 
 using namespace vfs_test;
+using provider::CopyFileOptions;
 using provider::ErrorCode;
 using provider::ExistenceType;
 using provider::ExistenceTypeExtended;
+using provider::FolderEntry;
+using provider::ListKind;
+using provider::ListOptions;
+using provider::ReplacementPolicy;
+using provider::TransactionStatus;
+namespace pt = boost::posix_time;
+
+std::vector<FolderEntry> drain(provider::IFolderEntryIterator& it)
+{
+    std::vector<FolderEntry> entries;
+    while (it.hasNext()) {
+        it.next();
+        entries.push_back(it.current());
+    }
+    return entries;
+}
+
+std::vector<std::string> namesOf(const std::vector<FolderEntry>& entries)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : entries)
+        names.push_back(fl::i18n::ustring_to_utf8(entry.getName()));
+    return names;
+}
+
+// Name -> whether the entry is a file.
+std::map<std::string, bool> kindsOf(const std::vector<FolderEntry>& entries)
+{
+    std::map<std::string, bool> kinds;
+    for (const auto& entry : entries)
+        kinds[fl::i18n::ustring_to_utf8(entry.getName())] = entry.isFile();
+    return kinds;
+}
+
+ListOptions options(ListKind kind, bool withAttributes, ustring pattern = {})
+{
+    ListOptions result;
+    result.kind = kind;
+    result.withAttributes = withAttributes;
+    result.pattern = std::move(pattern);
+    return result;
+}
+
+std::string contentOf(std::istream& in)
+{
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string contentOf(const std::filesystem::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return contentOf(in);
+}
+
+std::set<std::string> namesOnDisk(const std::filesystem::path& folder)
+{
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.insert(entry.path().filename().string());
+    return names;
+}
 
 class LocalProviderTest : public testing::Test {
 protected:
     StorageIRI at(const std::filesystem::path& path) const { return provider::toStorageIRI(u"", path); }
+    std::vector<FolderEntry> listed(const std::filesystem::path& folder, const ListOptions& listOptions) const
+    {
+        return drain(*local->list(at(folder), listOptions));
+    }
 
     TempDir dir;
     std::shared_ptr<provider::IProvider> local = provider::local::makeLocalProvider();
@@ -111,6 +196,362 @@ TEST_F(LocalProviderTest, PermissionDeniedCarriesTheFailingCallAndErrno)
     ASSERT_TRUE(extended.has_value());
     EXPECT_EQ(extended->getErrorCode(), ErrorCode::PermissionDenied);
     EXPECT_THAT(contextKeys(*extended), testing::ElementsAre("lstat", "EACCES"));
+}
+
+TEST_F(LocalProviderTest, ListingsFollowLinksForTheKindAndMarkThemInTheAttributes)
+{
+    dir.writeFile("listed/file.txt", "12345");
+    const auto folder = dir.makeFolder("listed/folder");
+    const auto listedFolder = dir / "listed";
+    std::filesystem::create_symlink("file.txt", listedFolder / "to-file");
+    std::filesystem::create_directory_symlink("folder", listedFolder / "to-folder");
+    std::filesystem::create_symlink("nowhere", listedFolder / "dangling");
+    std::filesystem::create_symlink("loop-b", listedFolder / "loop-a");
+    std::filesystem::create_symlink("loop-a", listedFolder / "loop-b");
+    ASSERT_EQ(::mkfifo((listedFolder / "fifo").c_str(), 0600), 0);
+
+    // Links count as what they lead to; links leading nowhere, and special files, as files.
+    const std::map<std::string, bool> all = {{"file.txt", true}, {"folder", false}, {"to-file", true},
+                                             {"to-folder", false}, {"dangling", true}, {"loop-a", true},
+                                             {"loop-b", true}, {"fifo", true}};
+    for (const bool withAttributes : {false, true}) {
+        SCOPED_TRACE(withAttributes ? "with attributes" : "names only");
+        EXPECT_EQ(kindsOf(listed(listedFolder, options(ListKind::All, withAttributes))), all);
+        EXPECT_THAT(namesOf(listed(listedFolder, options(ListKind::Folders, withAttributes))),
+                    testing::UnorderedElementsAre("folder", "to-folder"));
+        EXPECT_EQ(listed(listedFolder, options(ListKind::Files, withAttributes)).size(), 6u);
+    }
+
+    std::map<std::string, FolderEntry> byName;
+    for (auto& entry : listed(listedFolder, options(ListKind::All, true)))
+        byName.emplace(fl::i18n::ustring_to_utf8(entry.getName()), entry);
+    // A link's attributes are its target's, marked as a link, and agree with getFileAttributes.
+    ASSERT_TRUE(byName.at("to-file").getFileAttributes().has_value());
+    EXPECT_EQ(byName.at("to-file").getFileAttributes()->getSize(), 5u);
+    EXPECT_TRUE(byName.at("to-file").getFileAttributes()->isSymlink());
+    EXPECT_FALSE(byName.at("file.txt").getFileAttributes()->isSymlink());
+    EXPECT_TRUE(*byName.at("to-file").getFileAttributes() == local->getFileAttributes(at(listedFolder / "to-file")));
+    ASSERT_TRUE(byName.at("to-folder").getFolderAttributes().has_value());
+    EXPECT_TRUE(byName.at("to-folder").getFolderAttributes()->isSymlink());
+    EXPECT_TRUE(*byName.at("to-folder").getFolderAttributes() ==
+                local->getFolderAttributes(at(listedFolder / "to-folder")));
+    EXPECT_TRUE(local->getFolderAttributes(at(folder)) == *byName.at("folder").getFolderAttributes());
+    // What a link leads nowhere has no attributes to give; a FIFO has a file's.
+    for (const char* nowhere : {"dangling", "loop-a", "loop-b"}) {
+        EXPECT_FALSE(byName.at(nowhere).getFileAttributes().has_value()) << nowhere;
+        EXPECT_FALSE(byName.at(nowhere).getFolderAttributes().has_value()) << nowhere;
+    }
+    ASSERT_TRUE(byName.at("fifo").getFileAttributes().has_value());
+    EXPECT_EQ(byName.at("fifo").getFileAttributes()->getSize(), 0u);
+    EXPECT_FALSE(byName.at("fifo").getFileAttributes()->isSymlink());
+}
+
+TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreLeftOutOfListingsAndRemovedWithTheirFolder)
+{
+    const auto folder = dir.makeFolder("mixed");
+    for (const char* raw : {"bad-\xff\xfe.txt", "truncated-\xc3", "lone-surrogate-\xed\xa0\x80"}) {
+        const int fd = ::open((folder / raw).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+        ASSERT_GE(fd, 0) << raw;
+        ::close(fd);
+    }
+    ASSERT_EQ(::mkdir((folder / "folder-\x80").c_str(), 0755), 0);
+    dir.writeFile("mixed/folder-\x80/inside.txt", "x");
+    dir.writeFile("mixed/caf\xc3\xa9.txt", "ok"); // valid UTF-8 stays
+    dir.writeFile("mixed/plain.txt");
+
+    for (const bool withAttributes : {false, true}) {
+        SCOPED_TRACE(withAttributes ? "with attributes" : "names only");
+        EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, withAttributes))),
+                    testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"));
+        EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, withAttributes, u"*"))),
+                    testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"));
+        EXPECT_TRUE(listed(folder, options(ListKind::Folders, withAttributes)).empty());
+    }
+    // Removal works on the bytes on disk, so it takes what listings leave out as well.
+    local->removeFolderRecursively(at(folder));
+    EXPECT_FALSE(std::filesystem::exists(folder));
+}
+
+TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndependentlyOnOtherThreads)
+{
+    // Names near the longest allowed, so that few entries fill several getdents64 batches.
+    constexpr int count = 1200;
+    const auto folder = dir.makeFolder("big");
+    std::set<std::string> expected;
+    for (int i = 0; i < count; ++i) {
+        const std::string name = "entry-" + std::to_string(i) + "-" + std::string(230, 'x');
+        if (i % 10 == 0)
+            std::filesystem::create_directory(folder / name);
+        else
+            std::ofstream(folder / name).put('x');
+        expected.insert(name);
+    }
+
+    for (const bool withAttributes : {false, true}) {
+        SCOPED_TRACE(withAttributes ? "with attributes" : "names only");
+        const auto original = local->list(at(folder), options(ListKind::All, withAttributes));
+        std::vector<std::unique_ptr<provider::IFolderEntryIterator>> clones;
+        std::vector<std::size_t> clonedAt;
+        std::vector<std::string> order;
+        clones.push_back(original->clone());
+        clonedAt.push_back(0);
+        while (original->hasNext()) {
+            original->next();
+            order.push_back(fl::i18n::ustring_to_utf8(original->current().getName()));
+            if (order.size() == 400 || order.size() == 1000) {
+                clones.push_back(original->clone());
+                clonedAt.push_back(order.size());
+            }
+        }
+        EXPECT_EQ(order.size(), expected.size()) << "no name twice";
+        EXPECT_EQ(std::set<std::string>(order.begin(), order.end()), expected);
+
+        std::vector<std::vector<std::string>> rests(clones.size());
+        runOnThreads(static_cast<int>(clones.size()), [&](int index) { rests[index] = namesOf(drain(*clones[index])); });
+        for (std::size_t i = 0; i < clones.size(); ++i)
+            EXPECT_EQ(rests[i], std::vector<std::string>(order.begin() + static_cast<std::ptrdiff_t>(clonedAt[i]), order.end()))
+                << "clone made after " << clonedAt[i] << " entries";
+    }
+    // A pattern that matches one late name: batches without a match are read past.
+    EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, false, u"entry-1199-*"))),
+                testing::ElementsAre("entry-1199-" + std::string(230, 'x')));
+    EXPECT_TRUE(listed(folder, options(ListKind::Folders, true, u"entry-1199-*")).empty());
+}
+
+TEST_F(LocalProviderTest, RecursiveRemovalRemovesLinksButNeverWhatTheyLeadTo)
+{
+    const auto outside = dir.writeFile("outside/keep.txt", "kept");
+    const auto doomed = dir.makeFolder("doomed");
+    dir.writeFile("doomed/a.txt", "a");
+    dir.writeFile("doomed/sub/deeper/b.txt", "b");
+    std::filesystem::create_directory_symlink(outside.parent_path(), doomed / "to-outside");
+    std::filesystem::create_symlink(outside, doomed / "sub" / "to-kept-file");
+    std::filesystem::create_symlink("nowhere", doomed / "sub" / "dangling");
+    ASSERT_EQ(::mkfifo((doomed / "sub" / "fifo").c_str(), 0600), 0);
+
+    local->removeFolderRecursively(at(doomed));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(doomed)));
+    EXPECT_EQ(contentOf(outside), "kept");
+
+    // A link named as the folder goes itself; the folder it leads to stays whole.
+    const auto link = dir / "link-to-outside";
+    std::filesystem::create_directory_symlink(outside.parent_path(), link);
+    local->removeFolderRecursively(at(link));
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
+    EXPECT_EQ(contentOf(outside), "kept");
+    // A link to a file is no folder.
+    std::filesystem::create_symlink(outside, dir / "link-to-file");
+    const auto error = providerError([&] { local->removeFolderRecursively(at(dir / "link-to-file")); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceNotFound);
+    EXPECT_THAT(contextKeys(*error), testing::Contains("not-a-folder"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "link-to-file"));
+}
+
+TEST_F(LocalProviderTest, PermissionFailuresOfChangesAndListingsCarryTheCallAndErrno)
+{
+    const TempDir reachable("/tmp");
+    ASSERT_EQ(::chmod(reachable.path().c_str(), 0711), 0);
+    const auto closed = reachable.makeFolder("closed");
+    const auto readOnly = reachable.makeFolder("read-only");
+    const auto source = reachable.writeFile("source.txt", "content");
+    const auto mine = reachable.writeFile("everyones.txt");
+    const auto tree = reachable.makeFolder("tree");
+    reachable.writeFile("tree/free.txt");
+    reachable.writeFile("tree/locked/inside.txt");
+    const auto unsearchable = reachable.makeFolder("unsearchable");
+    reachable.writeFile("unsearchable/inside.txt");
+    ASSERT_EQ(::chmod(closed.c_str(), 0), 0);
+    ASSERT_EQ(::chmod(unsearchable.c_str(), 0444), 0);
+    ASSERT_EQ(::chmod(readOnly.c_str(), 0555), 0);
+    ASSERT_EQ(::chmod(source.c_str(), 0644), 0);
+    ASSERT_EQ(::chmod(mine.c_str(), 0666), 0);
+    ASSERT_EQ(::chmod(tree.c_str(), 0777), 0);
+    ASSERT_EQ(::chmod((tree / "locked").c_str(), 0555), 0);
+
+    std::istringstream report(runWithPermissionsEnforced([&] {
+        std::ostringstream out;
+        writeProviderError(out, providerError([&] { local->list(at(closed), ListOptions{}); }));
+        // Names can be read where nothing can be examined; the attributes' failure stays.
+        out << namesOf(drain(*local->list(at(unsearchable), ListOptions{}))).size() << ' ';
+        const auto withAttributes = local->list(at(unsearchable), options(ListKind::All, true));
+        writeProviderError(out, providerError([&] { withAttributes->hasNext(); }));
+        writeProviderError(out, providerError([&] { withAttributes->hasNext(); }));
+        writeProviderError(out, providerError([&] { local->createFile(at(readOnly / "new.txt")); }));
+        writeProviderError(out, providerError([&] {
+            local->copyFile(at(source), *local, at(readOnly / "copy.txt"), CopyFileOptions{});
+        }));
+        writeProviderError(out, providerError([&] { local->removeFolderRecursively(at(tree)); }));
+        // Mode bits that grant writing are not enough: the caller must be let in.
+        out << local->getFileAttributes(at(source)).isWritable() << ' '
+            << local->getFileAttributes(at(mine)).isWritable() << ' ';
+        return out.str();
+    }));
+    const auto listing = readProviderError(report);
+    std::size_t namesOnly = 0;
+    report >> namesOnly;
+    const auto attributes = readProviderError(report);
+    const auto attributesAgain = readProviderError(report);
+    const auto creation = readProviderError(report);
+    const auto copy = readProviderError(report);
+    const auto removal = readProviderError(report);
+    bool sourceWritable = true, mineWritable = false;
+    report >> sourceWritable >> mineWritable;
+
+    ASSERT_TRUE(listing.has_value());
+    EXPECT_EQ(listing->getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_THAT(contextKeys(*listing), testing::ElementsAre("open", "EACCES"));
+    EXPECT_EQ(namesOnly, 1u);
+    ASSERT_TRUE(attributes.has_value());
+    EXPECT_EQ(attributes->getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_TRUE(attributes->getStorageIRI() == at(unsearchable / "inside.txt")) << text(attributes->getStorageIRI());
+    EXPECT_THAT(contextKeys(*attributes), testing::ElementsAre("fstatat", "EACCES"));
+    ASSERT_TRUE(attributesAgain.has_value()) << "a listing that broke off stays broken";
+    EXPECT_EQ(attributesAgain->getErrorCode(), ErrorCode::PermissionDenied);
+    ASSERT_TRUE(creation.has_value());
+    EXPECT_EQ(creation->getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_TRUE(creation->getStorageIRI() == at(readOnly / "new.txt"));
+    ASSERT_TRUE(copy.has_value());
+    EXPECT_EQ(copy->getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_TRUE(copy->getStorageIRI() == at(readOnly / "copy.txt"));
+    EXPECT_TRUE(namesOnDisk(readOnly).empty());
+    // The walk stops at what it may not remove, naming it; what it could remove is gone.
+    ASSERT_TRUE(removal.has_value());
+    EXPECT_EQ(removal->getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_TRUE(removal->getStorageIRI() == at(tree / "locked" / "inside.txt")) << text(removal->getStorageIRI());
+    EXPECT_THAT(contextKeys(*removal), testing::ElementsAre("unlinkat", "EACCES"));
+    EXPECT_TRUE(std::filesystem::exists(tree / "locked" / "inside.txt"));
+    if (::geteuid() == 0) {
+        // Only for root is the source somebody else's (the checks ran as nobody).
+        EXPECT_FALSE(sourceWritable);
+    }
+    EXPECT_TRUE(mineWritable);
+}
+
+TEST_F(LocalProviderTest, ACopyReplacesTheTargetWholeAndACancelledOrFailedOneLeavesNoTrace)
+{
+    // Over two progress chunks, each page numbered, so that a page lost or misplaced shows.
+    std::string content(9 << 20, 'x');
+    for (std::size_t page = 0; page < content.size() / 4096; ++page)
+        content.replace(page * 4096, 12, std::to_string(1000000000000 + page));
+    const auto source = dir.writeFile("copies/source.bin", content);
+    const auto target = dir.writeFile("copies/target.bin", "old");
+    ASSERT_EQ(::chmod(source.c_str(), 0640), 0);
+    const auto folder = source.parent_path();
+    const std::set<std::string> bothFiles = {"source.bin", "target.bin"};
+
+    CopyFileOptions cancelling;
+    cancelling.replacementPolicy = ReplacementPolicy::Replace;
+    int calls = 0;
+    cancelling.progress = [&](std::uint64_t, std::uint64_t) { return ++calls < 2; };
+    EXPECT_EQ(local->copyFile(at(source), *local, at(target), cancelling), TransactionStatus::NothingDone);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(contentOf(target), "old");
+    EXPECT_EQ(namesOnDisk(folder), bothFiles) << "no temporary file is left";
+
+    CopyFileOptions throwing;
+    throwing.replacementPolicy = ReplacementPolicy::Replace;
+    throwing.progress = [](std::uint64_t, std::uint64_t) -> bool { throw std::runtime_error("stop"); };
+    EXPECT_THROW(local->copyFile(at(source), *local, at(target), throwing), std::runtime_error);
+    EXPECT_EQ(contentOf(target), "old");
+    EXPECT_EQ(namesOnDisk(folder), bothFiles);
+
+    // A reader of the old target keeps reading the old content: the new one is another file that
+    // took the name, never the old one rewritten in place.
+    std::ifstream oldReader(target, std::ios::binary);
+    CopyFileOptions replacing;
+    replacing.replacementPolicy = ReplacementPolicy::Replace;
+    EXPECT_EQ(local->copyFile(at(source), *local, at(target), replacing), TransactionStatus::Completed);
+    EXPECT_EQ(contentOf(oldReader), "old");
+    EXPECT_TRUE(contentOf(target) == content);
+    EXPECT_EQ(std::filesystem::status(target).permissions(), std::filesystem::status(source).permissions());
+    EXPECT_EQ(namesOnDisk(folder), bothFiles);
+}
+
+TEST_F(LocalProviderTest, CopyRefusesSpecialFilesAndWorksBetweenInstances)
+{
+    const auto fifo = dir / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // Refused at once: opening the FIFO must not wait for a writer.
+    const auto error = providerError([&] { local->copyFile(at(fifo), *local, at(dir / "copy"), CopyFileOptions{}); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::UnsupportedOperation);
+    EXPECT_THAT(contextKeys(*error), testing::ElementsAre("not-a-regular-file"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "copy"));
+
+    // Every instance serves the same disk.
+    const auto source = dir.writeFile("source.txt", "shared disk");
+    const auto another = provider::local::makeLocalProvider();
+    EXPECT_EQ(local->copyFile(at(source), *another, at(dir / "copy.txt"), CopyFileOptions{}), TransactionStatus::Completed);
+    EXPECT_EQ(contentOf(dir / "copy.txt"), "shared disk");
+}
+
+TEST_F(LocalProviderTest, TimesBeyondWhatAttributesHoldAreClampedAndSpecialTimesRefused)
+{
+    // ext4 keeps times between 1901 and 2446 only; tmpfs keeps any.
+    struct statfs memory {};
+    if (::statfs("/dev/shm", &memory) != 0 || memory.f_type != TMPFS_MAGIC)
+        GTEST_SKIP() << "no tmpfs at /dev/shm";
+    const TempDir wide("/dev/shm");
+    const auto file = wide.writeFile("file.txt");
+    const pt::ptime epoch(boost::gregorian::date(1970, 1, 1));
+    struct Case {
+        time_t seconds;
+        pt::ptime expected;
+    };
+    for (const Case& c : {Case{(pt::ptime(boost::gregorian::date(9999, 12, 31)) - epoch).total_seconds() + 86400 * 400,
+                               pt::ptime(boost::gregorian::date(9999, 12, 31), pt::hours(24) - pt::microseconds(1))},
+                          Case{(pt::ptime(boost::gregorian::date(1400, 1, 1)) - epoch).total_seconds() - 86400,
+                               pt::ptime(boost::gregorian::date(1400, 1, 1))}}) {
+        struct timespec times[2] = {{0, UTIME_OMIT}, {c.seconds, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+        EXPECT_EQ(local->getFileAttributes(at(file)).getLastModified(), c.expected);
+    }
+
+    for (const pt::ptime special : {pt::ptime(pt::not_a_date_time), pt::ptime(pt::pos_infin), pt::ptime(pt::neg_infin)}) {
+        const auto refusal = providerError([&] { local->setLastModified(at(file), special); });
+        ASSERT_TRUE(refusal.has_value());
+        EXPECT_EQ(refusal->getErrorCode(), ErrorCode::InvalidLocation);
+        EXPECT_THAT(contextKeys(*refusal), testing::ElementsAre("invalid-time"));
+    }
+}
+
+TEST_F(LocalProviderTest, StorageWideAnswersComeFromTheDiskAndNoSettingIsAccepted)
+{
+    const auto file = dir.writeFile("file.txt", "abc");
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    const auto extended = local->getExtendedAttributes(at(file));
+    EXPECT_EQ(extended.inode, static_cast<std::uint64_t>(info.st_ino));
+    EXPECT_EQ(extended.device, static_cast<std::uint64_t>(info.st_dev));
+    EXPECT_EQ(extended.posixMode, static_cast<std::uint32_t>(info.st_mode));
+    EXPECT_EQ(extended.linkCount, 1u);
+    ASSERT_EQ(::link(file.c_str(), (dir / "hard-link").c_str()), 0);
+    EXPECT_EQ(local->getExtendedAttributes(at(file)).linkCount, 2u);
+
+    struct statvfs space {};
+    ASSERT_EQ(::statvfs(dir.path().c_str(), &space), 0);
+    const auto storage = local->getProviderStorageInfo(at(dir.path()));
+    EXPECT_EQ(storage.capacityBytes, static_cast<std::uint64_t>(space.f_blocks) * space.f_frsize);
+    ASSERT_TRUE(storage.availableBytes.has_value() && storage.freeBytes.has_value());
+    EXPECT_LE(*storage.availableBytes, *storage.freeBytes);
+
+    auto* flushable = dynamic_cast<provider::extensions::IFlushableFilesystem*>(local.get());
+    ASSERT_NE(flushable, nullptr);
+    EXPECT_NO_THROW(flushable->flushFilesystem());
+    EXPECT_NO_THROW(local->flushFilesystem(at(file)));
+    const auto missing = providerError([&] { local->flushFilesystem(at(dir / "missing")); });
+    ASSERT_TRUE(missing.has_value());
+    EXPECT_EQ(missing->getErrorCode(), ErrorCode::ResourceNotFound);
+
+    EXPECT_NO_THROW(local->configure(boost::property_tree::ptree()));
+    boost::property_tree::ptree settings;
+    settings.put("quotaBytes", "100");
+    const auto refusal = providerError([&] { local->configure(settings); });
+    ASSERT_TRUE(refusal.has_value());
+    EXPECT_EQ(refusal->getErrorCode(), ErrorCode::InvalidLocation);
+    ASSERT_EQ(refusal->getAllExceptionContexts().size(), 1u);
+    EXPECT_EQ(refusal->getAllExceptionContexts()[0].getDetail(), u"quotaBytes");
 }
 
 TEST_F(LocalProviderTest, LocalhostAuthorityNamesTheLocalDisk)

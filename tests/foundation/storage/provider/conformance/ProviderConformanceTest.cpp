@@ -1,22 +1,29 @@
-// The behaviour every provider owes the library, run against each provider in allProviders().
+// The behaviour every provider owes the library, run against each provider in allProviders():
+// existence, refusal of locations it does not serve, thread safety and the storage-wide operations.
+// Files and folders, moves and copies, and listings have suites of their own beside this one.
 
 #include <ProviderHarness.hpp>
 #include <Threads.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
-#include <optional>
+#include <string>
 #include <vector>
 
 namespace {
 
 using namespace vfs_test;
+using provider::CaseModifier;
 using provider::ErrorCode;
 using provider::ExistenceType;
 using provider::ExistenceTypeExtended;
 using provider::ExtendedFeature;
+using provider::FilenameSensitivity;
 
 class ProviderConformance : public ProviderTest {};
 
@@ -24,6 +31,8 @@ TEST_P(ProviderConformance, ExistsReportsTheRootAsAFolder)
 {
     EXPECT_EQ(provider->exists(root), ExistenceType::Folder);
     EXPECT_EQ(provider->existsExtended(root), ExistenceTypeExtended::Folder);
+    EXPECT_TRUE(provider->folderExists(root));
+    EXPECT_FALSE(provider->fileExists(root));
 }
 
 TEST_P(ProviderConformance, ExistsReportsAMissingChildAsNotFound)
@@ -32,29 +41,34 @@ TEST_P(ProviderConformance, ExistsReportsAMissingChildAsNotFound)
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(relative));
         EXPECT_EQ(provider->exists(below(relative)), ExistenceType::NotFound);
         EXPECT_EQ(provider->existsExtended(below(relative)), ExistenceTypeExtended::NotFound);
+        EXPECT_FALSE(provider->fileExists(below(relative)));
+        EXPECT_FALSE(provider->folderExists(below(relative)));
     }
 }
 
-TEST_P(ProviderConformance, ExistsReportsAFileAsAFile)
+TEST_P(ProviderConformance, ExistsReportsEachKindAsItIs)
 {
-    const auto file = harness->makeFile(u"plain.txt");
-    if (!file)
-        GTEST_SKIP() << "the harness cannot create files for this provider yet";
-    EXPECT_EQ(provider->exists(*file), ExistenceType::File);
-    EXPECT_EQ(provider->existsExtended(*file), ExistenceTypeExtended::File);
-    EXPECT_EQ(provider->exists(below(u"plain.tx")), ExistenceType::NotFound);
+    const StorageIRI file = makeFile(u"folder/plain.txt");
+    const StorageIRI folder = below(u"folder");
+    EXPECT_EQ(provider->exists(file), ExistenceType::File);
+    EXPECT_EQ(provider->existsExtended(file), ExistenceTypeExtended::File);
+    EXPECT_TRUE(provider->fileExists(file));
+    EXPECT_FALSE(provider->folderExists(file));
+    EXPECT_EQ(provider->exists(folder), ExistenceType::Folder);
+    EXPECT_TRUE(provider->folderExists(folder));
+    EXPECT_FALSE(provider->fileExists(folder));
+    EXPECT_EQ(provider->exists(below(u"folder/plain.tx")), ExistenceType::NotFound);
 }
 
 TEST_P(ProviderConformance, ExistsReportsALocationBelowAFileAsNotFound)
 {
-    const auto file = harness->makeFile(u"folder/file.txt");
-    if (!file)
-        GTEST_SKIP() << "the harness cannot create files for this provider yet";
-    EXPECT_EQ(provider->exists(below(u"folder")), ExistenceType::Folder);
+    const StorageIRI file = makeFile(u"folder/file.txt");
     for (const ustring relative : {u"child", u"child/grandchild"}) {
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(relative));
-        EXPECT_EQ(provider->exists(StorageIRI(*file, relative)), ExistenceType::NotFound);
-        EXPECT_EQ(provider->existsExtended(StorageIRI(*file, relative)), ExistenceTypeExtended::NotFound);
+        EXPECT_EQ(provider->exists(StorageIRI(file, relative)), ExistenceType::NotFound);
+        EXPECT_EQ(provider->existsExtended(StorageIRI(file, relative)), ExistenceTypeExtended::NotFound);
+        EXPECT_FALSE(provider->fileExists(StorageIRI(file, relative)));
+        EXPECT_FALSE(provider->folderExists(StorageIRI(file, relative)));
     }
 }
 
@@ -63,29 +77,54 @@ TEST_P(ProviderConformance, NamesWithSpacesEscapesAndNonAsciiReachTheResource)
     // The provider must use the decoded path, not the IRI text, to find the resource.
     for (const ustring name : {u"with space.txt", u"per%cent 100%.txt", u"hash#and?query!.txt", u"caf\u00e9 \u65e5\u672c.txt"}) {
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(name));
-        const auto file = harness->makeFile(name);
-        if (!file)
-            GTEST_SKIP() << "the harness cannot create files for this provider yet";
-        EXPECT_EQ(provider->exists(*file), ExistenceType::File);
-        EXPECT_EQ(provider->exists(StorageIRI(file->toString())), ExistenceType::File) << text(*file);
-        EXPECT_EQ(provider->exists(StorageIRI(file->toAsciiString())), ExistenceType::File) << text(*file);
+        const StorageIRI file = makeFile(name);
+        EXPECT_EQ(provider->exists(file), ExistenceType::File);
+        EXPECT_EQ(provider->exists(StorageIRI(file.toString())), ExistenceType::File) << text(file);
+        EXPECT_EQ(provider->exists(StorageIRI(file.toAsciiString())), ExistenceType::File) << text(file);
     }
 }
 
-TEST_P(ProviderConformance, InvalidLocationsAreRefusedWithInvalidLocation)
+TEST_P(ProviderConformance, EveryOperationRefusesLocationsItDoesNotServeWithInvalidLocation)
 {
     auto locations = foreignLocations(root);
     for (auto& location : harness->malformedLocations())
         locations.push_back(location);
+    const StorageIRI target = below(u"target");
+    const bool recursiveRemoval = hasFeature(ExtendedFeature::RecursiveRemoval);
 
     for (const auto& location : locations) {
         SCOPED_TRACE(text(location));
-        const auto calls = {
-            std::function<void()>([&] { provider->exists(location); }),
-            std::function<void()>([&] { provider->existsExtended(location); }),
-            std::function<void()>([&] { provider->hasFeature(location, ExtendedFeature::RecursiveListing); }),
+        std::vector<std::pair<const char*, std::function<void()>>> calls = {
+            {"exists", [&] { provider->exists(location); }},
+            {"existsExtended", [&] { provider->existsExtended(location); }},
+            {"hasFeature", [&] { provider->hasFeature(location, ExtendedFeature::RecursiveListing); }},
+            {"fileExists", [&] { provider->fileExists(location); }},
+            {"folderExists", [&] { provider->folderExists(location); }},
+            {"getCanonicalLocation", [&] { provider->getCanonicalLocation(location); }},
+            {"getFileAttributes", [&] { provider->getFileAttributes(location); }},
+            {"getFolderAttributes", [&] { provider->getFolderAttributes(location); }},
+            {"getExtendedAttributes", [&] { provider->getExtendedAttributes(location); }},
+            {"setLastModified", [&] { provider->setLastModified(location, boost::posix_time::from_time_t(0)); }},
+            {"setWritable", [&] { provider->setWritable(location, false); }},
+            {"truncateToSize", [&] { provider->truncateToSize(location, 1); }},
+            {"createFile", [&] { provider->createFile(location); }},
+            {"removeFile", [&] { provider->removeFile(location); }},
+            {"createFolder", [&] { provider->createFolder(location); }},
+            {"createFolderRecursive", [&] { provider->createFolderRecursive(location); }},
+            {"removeFolder", [&] { provider->removeFolder(location); }},
+            {"moveFile", [&] { provider->moveFile(location, target, provider::ReplacementPolicy::Replace); }},
+            {"moveFolder", [&] { provider->moveFolder(location, target, provider::ReplacementPolicy::Replace); }},
+            {"copyFile", [&] { provider->copyFile(location, *provider, target, {}); }},
+            {"list", [&] { provider->list(location, {}); }},
+            {"flushFilesystem", [&] { provider->flushFilesystem(location); }},
+            {"getFilenameSensitivity", [&] { provider->getFilenameSensitivity(location); }},
+            {"getPathComparator", [&] { provider->getPathComparator(location); }},
+            {"getProviderStorageInfo", [&] { provider->getProviderStorageInfo(location); }},
         };
-        for (const auto& call : calls) {
+        if (recursiveRemoval)
+            calls.emplace_back("removeFolderRecursively", [&] { provider->removeFolderRecursively(location); });
+        for (const auto& [name, call] : calls) {
+            SCOPED_TRACE(name);
             const auto error = providerError(call);
             ASSERT_TRUE(error.has_value());
             EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
@@ -93,11 +132,12 @@ TEST_P(ProviderConformance, InvalidLocationsAreRefusedWithInvalidLocation)
             EXPECT_FALSE(error->getAllExceptionContexts().empty()) << "the refusal must say why";
         }
     }
+    EXPECT_TRUE(tree().empty());
 }
 
 TEST_P(ProviderConformance, ExistsServesManyThreadsAtOnce)
 {
-    const std::optional<StorageIRI> file = harness->makeFile(u"shared.txt");
+    const StorageIRI file = makeFile(u"shared.txt");
     const StorageIRI missing = below(u"missing");
     constexpr int threadCount = 8;
     constexpr int rounds = 300;
@@ -110,7 +150,7 @@ TEST_P(ProviderConformance, ExistsServesManyThreadsAtOnce)
                     ++wrong;
                 if (provider->existsExtended(missing) != ExistenceTypeExtended::NotFound)
                     ++wrong;
-                if (file && provider->exists(*file) != ExistenceType::File)
+                if (provider->exists(file) != ExistenceType::File)
                     ++wrong;
             } catch (...) {
                 ++wrong;
@@ -118,6 +158,138 @@ TEST_P(ProviderConformance, ExistsServesManyThreadsAtOnce)
         }
     });
     EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST_P(ProviderConformance, ConcurrentCreationsOfOneNameHaveExactlyOneWinner)
+{
+    constexpr int threadCount = 4;
+    constexpr int names = 40;
+    std::atomic<int> created[names] = {};
+    std::atomic<int> unexpected{0};
+    runOnThreads(threadCount, [&](int thread) {
+        for (int i = 0; i < names; ++i) {
+            const StorageIRI location = below(u"n" + fl::i18n::utf8_to_ustring(std::to_string(i)));
+            try {
+                // Half the threads race for a file, half for a folder, under the same name.
+                if (thread % 2 == 0)
+                    provider->createFile(location);
+                else
+                    provider->createFolder(location);
+                ++created[i];
+            } catch (const provider::Exception& error) {
+                if (error.getErrorCode() != ErrorCode::ResourceAlreadyExists || !(error.getStorageIRI() == location))
+                    ++unexpected;
+            } catch (...) {
+                ++unexpected;
+            }
+        }
+    });
+    EXPECT_EQ(unexpected.load(), 0);
+    for (int i = 0; i < names; ++i)
+        EXPECT_EQ(created[i].load(), 1) << "name " << i;
+    EXPECT_EQ(tree().size(), std::size_t(names));
+}
+
+TEST_P(ProviderConformance, GetCanonicalLocationNamesAnExistingLocationStably)
+{
+    const StorageIRI canonicalRoot = provider->getCanonicalLocation(root);
+    EXPECT_EQ(provider->exists(canonicalRoot), ExistenceType::Folder);
+    EXPECT_TRUE(provider->getCanonicalLocation(canonicalRoot) == canonicalRoot);
+
+    const StorageIRI file = makeFile(u"folder/file.txt");
+    EXPECT_TRUE(provider->getCanonicalLocation(file) == StorageIRI(canonicalRoot, u"folder/file.txt"))
+        << text(provider->getCanonicalLocation(file));
+    EXPECT_TRUE(provider->getCanonicalLocation(below(u"folder")) == StorageIRI(canonicalRoot, u"folder"));
+
+    for (const StorageIRI& missing : {below(u"missing"), StorageIRI(file, u"below")}) {
+        SCOPED_TRACE(text(missing));
+        EXPECT_TRUE(failsWith([&] { provider->getCanonicalLocation(missing); }, ErrorCode::ResourceNotFound, missing));
+    }
+}
+
+TEST_P(ProviderConformance, CreationHonoursTheReportedFilenameSensitivity)
+{
+    makeFile(u"Name.txt");
+    if (provider->getFilenameSensitivity(root) == FilenameSensitivity::CaseSensitive) {
+        provider->createFile(below(u"name.txt"));
+        EXPECT_EQ(tree().size(), 2u);
+    } else {
+        EXPECT_TRUE(failsWith([&] { provider->createFile(below(u"name.txt")); }, ErrorCode::ResourceAlreadyExists,
+                              below(u"name.txt")));
+        EXPECT_EQ(provider->exists(below(u"NAME.TXT")), ExistenceType::File);
+    }
+}
+
+TEST_P(ProviderConformance, PathComparatorOrdersByCodeUnitsFoldingAsciiCaseOnlyWhenAsked)
+{
+    const auto less = provider->getPathComparator(root);
+    ASSERT_TRUE(less);
+    const bool storageInsensitive = provider->getFilenameSensitivity(root) == FilenameSensitivity::CaseInsensitive;
+
+    struct Case {
+        const char16_t* first;
+        const char16_t* second;
+        bool sensitiveLess;   // first orders before second, case kept
+        bool insensitiveLess; // first orders before second, ASCII case folded
+    };
+    const Case cases[] = {
+        {u"/a", u"/b", true, true},
+        {u"/a", u"/a", false, false},
+        {u"/a", u"/a/b", true, true},
+        {u"/B", u"/a", true, false},
+        {u"/a", u"/B", false, true},
+        {u"/ABC", u"/abc", true, false},
+        {u"/abc", u"/ABC", false, false},
+        {u"/Z/x", u"/a/x", true, false},
+        {u"/\u00c9", u"/\u00e9", true, true},                   // only ASCII letters fold
+        {u"/\U0001F600", u"/\uFF21", true, true},               // code units, not code points
+        {u"/a/b", u"/a-b", false, false},                       // '/' (0x2F) after '-' (0x2D)
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(ustring(c.first) + u" < " + c.second));
+        EXPECT_EQ(less(c.first, c.second, CaseModifier::ForceCaseSensitive), c.sensitiveLess);
+        EXPECT_EQ(less(c.first, c.second, CaseModifier::ForceCaseInsensitive), c.insensitiveLess);
+        EXPECT_EQ(less(c.first, c.second, CaseModifier::AsStorage),
+                  storageInsensitive ? c.insensitiveLess : c.sensitiveLess);
+    }
+}
+
+TEST_P(ProviderConformance, StorageInfoIsConsistent)
+{
+    const auto info = provider->getProviderStorageInfo(root);
+    EXPECT_FALSE(info.description.empty());
+    if (info.capacityBytes && info.freeBytes) {
+        EXPECT_LE(*info.freeBytes, *info.capacityBytes);
+    }
+    if (info.freeBytes && info.availableBytes) {
+        EXPECT_LE(*info.availableBytes, *info.freeBytes);
+    }
+    const StorageIRI file = makeFile(u"file.txt");
+    EXPECT_NO_THROW(provider->getProviderStorageInfo(file));
+}
+
+TEST_P(ProviderConformance, ConfigureRefusesAnUnknownKeyNamingIt)
+{
+    boost::property_tree::ptree settings;
+    settings.put("noSuchSetting", "1");
+    const auto error = providerError([&] { provider->configure(settings); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+    bool named = error->getMessage().find(u"noSuchSetting") != ustring::npos;
+    for (const auto& context : error->getAllExceptionContexts())
+        named = named || context.getExceptionContextKey().find(u"noSuchSetting") != ustring::npos ||
+                context.getDetail().find(u"noSuchSetting") != ustring::npos;
+    EXPECT_TRUE(named) << error->what();
+    EXPECT_NO_THROW(provider->configure(boost::property_tree::ptree{})) << "an empty configuration changes nothing";
+}
+
+TEST_P(ProviderConformance, FlushFilesystemAcceptsAnExistingFolderAndRefusesAMissingOne)
+{
+    makeFile(u"folder/file.txt", 10);
+    EXPECT_NO_THROW(provider->flushFilesystem(root));
+    EXPECT_NO_THROW(provider->flushFilesystem(below(u"folder")));
+    EXPECT_TRUE(failsWith([&] { provider->flushFilesystem(below(u"missing")); }, ErrorCode::ResourceNotFound,
+                          below(u"missing")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, ProviderConformance, testing::ValuesIn(allProviders()), providerName);

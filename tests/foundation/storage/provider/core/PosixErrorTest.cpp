@@ -20,6 +20,7 @@ TEST(PosixErrorTest, ErrnoValuesTranslateToTheirProviderCode)
     };
     for (const Case& c : {
              Case{ENOENT, ErrorCode::ResourceNotFound},      Case{ENOTDIR, ErrorCode::ResourceNotFound},
+             Case{EISDIR, ErrorCode::ResourceNotFound},      Case{EXDEV, ErrorCode::UnsupportedOperation},
              Case{EACCES, ErrorCode::PermissionDenied},      Case{EPERM, ErrorCode::PermissionDenied},
              Case{EEXIST, ErrorCode::ResourceAlreadyExists}, Case{ENOTEMPTY, ErrorCode::FolderNotEmpty},
              Case{ENOSPC, ErrorCode::NoSpaceLeft},           Case{EDQUOT, ErrorCode::NoSpaceLeft},
@@ -30,7 +31,6 @@ TEST(PosixErrorTest, ErrnoValuesTranslateToTheirProviderCode)
              Case{ENOSYS, ErrorCode::UnsupportedOperation},  Case{EOPNOTSUPP, ErrorCode::UnsupportedOperation},
              Case{ENOTSUP, ErrorCode::UnsupportedOperation}, Case{ENOMEM, ErrorCode::InternalError},
              // Everything else is Unknown, never a guess.
-             Case{EISDIR, ErrorCode::Unknown},               Case{EXDEV, ErrorCode::Unknown},
              Case{EMFILE, ErrorCode::Unknown},               Case{EBADF, ErrorCode::Unknown},
              Case{EINTR, ErrorCode::Unknown},                Case{EAGAIN, ErrorCode::Unknown},
              Case{0, ErrorCode::Unknown},                    Case{-1, ErrorCode::Unknown},

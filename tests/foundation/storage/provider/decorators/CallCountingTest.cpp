@@ -1,8 +1,13 @@
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
+#include "EveryOperation.hpp"
+
 #include <ProviderHarness.hpp>
 
 #include <gtest/gtest.h>
+
+#include <set>
+#include <string>
 
 namespace {
 
@@ -63,6 +68,43 @@ TEST_P(CallCountingTest, CallsThatFailBelowAreCountedAndCallsStoppedAboveAreNot)
     EXPECT_EQ(counted->count(ProviderOperation::Exists, failsBelow), 1u);
     EXPECT_EQ(counted->count(ProviderOperation::Exists, stoppedAbove), 0u);
     EXPECT_EQ(counted->count(ProviderOperation::Exists), 2u);
+}
+
+TEST_P(CallCountingTest, EveryOperationIsForwardedAndCountedOnceUnderItsOwnName)
+{
+    makeFile(u"file.txt", 3);
+    makeFolder(u"folder");
+    makeFile(u"doomed/inside.txt");
+    const bool recursiveRemoval = hasFeature(ExtendedFeature::RecursiveRemoval);
+
+    std::set<ProviderOperation> seen;
+    for (const OperationCall& c : everyOperation(root)) {
+        SCOPED_TRACE(toString(c.operation));
+        EXPECT_TRUE(seen.insert(c.operation).second) << "the table names an operation twice";
+        counting->reset();
+        if (c.operation == ProviderOperation::RemoveFolderRecursively && !recursiveRemoval) {
+            EXPECT_TRUE(providerError([&] { c.call(*counting); }).has_value());
+        } else {
+            // Through the decorator every call works as on the provider itself, a copy that names the
+            // decorator as its destination included.
+            EXPECT_NO_THROW(c.call(*counting));
+        }
+        EXPECT_EQ(counting->count(c.operation), 1u);
+        EXPECT_EQ(counting->count(c.operation, c.subject), 1u);
+        EXPECT_EQ(counting->total(), 1u) << "one call, counted once";
+    }
+    EXPECT_EQ(seen.size(), providerOperationCount);
+}
+
+TEST(ProviderOperationTest, EveryOperationHasItsOwnName)
+{
+    std::set<std::string> names;
+    for (std::size_t i = 0; i < providerOperationCount; ++i) {
+        const std::string name = toString(static_cast<ProviderOperation>(i));
+        EXPECT_NE(name, "Unhandled ProviderOperation") << i;
+        EXPECT_TRUE(names.insert(name).second) << name;
+    }
+    EXPECT_STREQ(toString(ProviderOperation::Count_), "Unhandled ProviderOperation");
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, CallCountingTest, testing::ValuesIn(allProviders()), providerName);

@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
+#include "EveryOperation.hpp"
+
 #include <ProviderHarness.hpp>
 
 #include <gmock/gmock.h>
@@ -150,6 +152,50 @@ TEST_P(FaultInjectionTest, InjectedFailuresCarryLocationCodeAndContexts)
         EXPECT_TRUE(error->getStorageIRI() == location) << text(error->getStorageIRI());
         EXPECT_THAT(contextKeys(*error), testing::ElementsAre("fault-injection", c.operation));
     }
+}
+
+TEST_P(FaultInjectionTest, EveryOperationFailsByItsOwnFaultBeforeReachingTheProvider)
+{
+    makeFile(u"file.txt", 3);
+    makeFolder(u"folder");
+    makeFile(u"doomed/inside.txt");
+    const auto before = tree();
+    auto counted = std::make_shared<CallCountingProvider>(provider);
+    FaultInjectingProvider stack(counted);
+
+    for (const OperationCall& c : everyOperation(root)) {
+        SCOPED_TRACE(toString(c.operation));
+        const auto id = stack.addFault({.operation = c.operation, .code = ErrorCode::ResourceInUse});
+        const auto error = providerError([&] { c.call(stack); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceInUse);
+        EXPECT_TRUE(error->getStorageIRI() == c.subject) << text(error->getStorageIRI());
+        EXPECT_THAT(contextKeys(*error), testing::ElementsAre("fault-injection", toString(c.operation)));
+        EXPECT_EQ(stack.failuresInjected(id), 1u);
+        stack.removeFault(id);
+    }
+    EXPECT_EQ(counted->total(), 0u);
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(FaultInjectionTest, AFaultAtAFolderStopsListingsAndCopiesBelowIt)
+{
+    const StorageIRI source = makeFile(u"guarded/source.txt", 4);
+    makeFile(u"open/other.txt", 1);
+    faulty->addFault({.operation = ProviderOperation::List, .location = below(u"guarded"), .code = ErrorCode::IOError,
+                      .includeDescendants = true});
+    faulty->addFault({.operation = ProviderOperation::CopyFile, .location = below(u"guarded"),
+                      .code = ErrorCode::PermissionDenied, .includeDescendants = true});
+
+    EXPECT_TRUE(failsWith([&] { faulty->list(below(u"guarded"), {}); }, ErrorCode::IOError, below(u"guarded")));
+    EXPECT_TRUE(faulty->list(below(u"open"), {})->hasNext());
+    const StorageIRI target = below(u"open/copy.txt");
+    EXPECT_TRUE(failsWith([&] { faulty->copyFile(source, *faulty, target, {}); }, ErrorCode::PermissionDenied, source));
+    EXPECT_EQ(provider->exists(target), ExistenceType::NotFound);
+    // A copy out of an unguarded folder goes through, into the guarded one too.
+    EXPECT_EQ(faulty->copyFile(below(u"open/other.txt"), *faulty, below(u"guarded/copy.txt"), {}),
+              provider::TransactionStatus::Completed);
+    EXPECT_EQ(provider->getFileAttributes(below(u"guarded/copy.txt")).getSize(), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, FaultInjectionTest, testing::ValuesIn(allProviders()), providerName);

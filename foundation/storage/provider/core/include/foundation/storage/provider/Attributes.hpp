@@ -6,6 +6,7 @@
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -99,6 +100,23 @@ enum class CaseModifier : std::int32_t {
 // Strict weak ordering of two paths (true when `first` orders before `second`) under the storage's
 // name rules as modified by the CaseModifier. Case-insensitive comparison folds ASCII letters only.
 using PathComparatorFunction = std::function<bool(const ustring& first, const ustring& second, CaseModifier)>;
+
+// The comparator of a storage whose names compare as `storage` says: code units in order, ASCII
+// letters folded when the storage or the modifier makes the comparison case-insensitive. Every
+// provider answers getPathComparator() with this.
+inline PathComparatorFunction makePathComparator(FilenameSensitivity storage)
+{
+    return [storage](const ustring& first, const ustring& second, CaseModifier modifier) {
+        const bool fold = modifier == CaseModifier::ForceCaseInsensitive ||
+                          (modifier == CaseModifier::AsStorage && storage == FilenameSensitivity::CaseInsensitive);
+        if (!fold)
+            return first < second;
+        return std::lexicographical_compare(first.begin(), first.end(), second.begin(), second.end(),
+                                            [](char16_t a, char16_t b) {
+                                                return fl::i18n::tolower_ascii(a) < fl::i18n::tolower_ascii(b);
+                                            });
+    };
+}
 
 // A copy's options. `progress` (optional) is called after each chunk with the bytes copied so far and
 // the total; returning false cancels the copy, which then leaves no target behind and reports

@@ -7,11 +7,11 @@ namespace foundation::storage::provider {
 // The one translation of POSIX errors into provider errors, shared by everything that calls the
 // operating system (the local provider, canonicalisation of local paths).
 
-// The provider code for an errno value (ENOENT and ENOTDIR -> ResourceNotFound, EACCES and EPERM ->
-// PermissionDenied, EEXIST -> ResourceAlreadyExists, ENOTEMPTY -> FolderNotEmpty, ENOSPC and EDQUOT
-// -> NoSpaceLeft, EROFS -> ReadOnlyProvider, EFBIG -> FileTooLarge, EBUSY and ETXTBSY ->
-// ResourceInUse, EIO -> IOError, ENAMETOOLONG, EINVAL and ELOOP -> InvalidLocation, ENOSYS and
-// EOPNOTSUPP -> UnsupportedOperation, ENOMEM -> InternalError, anything else -> Unknown).
+// The provider code for an errno value (ENOENT, ENOTDIR and EISDIR -> ResourceNotFound, EACCES and
+// EPERM -> PermissionDenied, EEXIST -> ResourceAlreadyExists, ENOTEMPTY -> FolderNotEmpty, ENOSPC and
+// EDQUOT -> NoSpaceLeft, EROFS -> ReadOnlyProvider, EFBIG -> FileTooLarge, EBUSY and ETXTBSY ->
+// ResourceInUse, EIO -> IOError, ENAMETOOLONG, EINVAL and ELOOP -> InvalidLocation, ENOSYS, EXDEV
+// and EOPNOTSUPP -> UnsupportedOperation, ENOMEM -> InternalError, anything else -> Unknown).
 VFS_EXPORT ErrorCode errorCodeFromErrno(int error) noexcept;
 // The symbolic name of an errno value ("ENOENT"); "E<number>" for one without a name.
 VFS_EXPORT const char* errnoName(int error) noexcept;

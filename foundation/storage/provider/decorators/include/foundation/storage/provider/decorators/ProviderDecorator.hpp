@@ -21,6 +21,31 @@ enum class ProviderOperation : std::int32_t {
     Exists = 0,
     ExistsExtended,
     HasFeature,
+    FileExists,
+    FolderExists,
+    GetCanonicalLocation,
+    GetFileAttributes,
+    GetFolderAttributes,
+    GetExtendedAttributes,
+    SetLastModified,
+    SetWritable,
+    TruncateToSize,
+    CreateFile,
+    RemoveFile,
+    CreateFolder,
+    CreateFolderRecursive,
+    RemoveFolder,
+    RemoveFolderRecursively,
+    MoveFile,
+    MoveFolder,
+    CopyFile,
+    List,
+    FlushFilesystem,
+    GetFilenameSensitivity,
+    GetPathComparator,
+    GetProviderStorageInfo,
+    Configure,
+    Shutdown,
     Count_ // number of operations; not an operation
 };
 inline constexpr std::size_t providerOperationCount = static_cast<std::size_t>(ProviderOperation::Count_);
@@ -34,6 +59,12 @@ inline std::ostream& operator<<(std::ostream& out, ProviderOperation operation)
 // Forwards every operation to the wrapped provider. A decorator overrides what it changes and
 // calls the base for the rest; before() is called ahead of every forwarded operation, which is
 // where cross-cutting concerns (faults, counting) hook in without overriding each operation.
+//
+// before() sees the operation's subject: the source of a move or copy, the listed folder, and the
+// empty IRI for configure() and shutdown(). A copy whose destination provider is this decorator
+// itself reaches the wrapped provider with the wrapped provider as destination, so that a provider
+// recognises a copy within itself through any stack of decorators. Listings are checked when they
+// are made; their iterators come from the wrapped provider unchanged.
 class VFS_EXPORT ProviderDecorator : public IProvider {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
@@ -45,6 +76,38 @@ public:
     ExistenceType exists(const StorageIRI& location) const override;
     ExistenceTypeExtended existsExtended(const StorageIRI& location) const override;
     bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override;
+    bool fileExists(const StorageIRI& location) const override;
+    bool folderExists(const StorageIRI& location) const override;
+    StorageIRI getCanonicalLocation(const StorageIRI& location) const override;
+
+    FileAttributes getFileAttributes(const StorageIRI& location) const override;
+    FolderAttributes getFolderAttributes(const StorageIRI& location) const override;
+    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override;
+    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override;
+    void setWritable(const StorageIRI& location, bool writable) const override;
+    void truncateToSize(const StorageIRI& location, std::uint64_t size) const override;
+
+    void createFile(const StorageIRI& location) const override;
+    void removeFile(const StorageIRI& location) const override;
+    void createFolder(const StorageIRI& location) const override;
+    void createFolderRecursive(const StorageIRI& location) const override;
+    void removeFolder(const StorageIRI& location) const override;
+    void removeFolderRecursively(const StorageIRI& location) const override;
+
+    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override;
+    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override;
+    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
+                               const StorageIRI& destination, const CopyFileOptions& options) const override;
+
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location,
+                                               const ListOptions& options) const override;
+
+    void flushFilesystem(const StorageIRI& location) const override;
+    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override;
+    PathComparatorFunction getPathComparator(const StorageIRI& location) const override;
+    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override;
+    void configure(const boost::property_tree::ptree& settings) const override;
+    void shutdown() const override;
 
 protected:
     // Called before each operation is forwarded; may throw to make the operation fail.
@@ -103,11 +166,18 @@ private:
 };
 
 // Hides chosen extended features, so that the library's own fallback paths run against real
-// storage: hasFeature() answers false for a masked feature and forwards otherwise.
+// storage: hasFeature() answers false for a masked feature and forwards otherwise. The masked
+// provider behaves as one without the feature: with RecursiveRemoval hidden, removeFolderRecursively
+// fails with UnsupportedOperation; with RecursiveListing hidden, so does a recursive list(); with
+// FlatWildcardListing (RecursiveWildcardListing) hidden, a flat (recursive) list() ignores the
+// pattern, as the contract lets such a provider do.
 class VFS_EXPORT FeatureMaskingProvider : public ProviderDecorator {
 public:
     FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden);
     bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override;
+    void removeFolderRecursively(const StorageIRI& location) const override;
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location,
+                                               const ListOptions& options) const override;
     const std::set<ExtendedFeature>& hiddenFeatures() const noexcept { return m_hidden; }
 
 private:

@@ -1,0 +1,134 @@
+#pragma once
+
+// What the local provider's sources share: descriptors, paths, times, attributes, error raising and
+// the raw directory reader. Internal; not installed.
+
+#include <foundation/storage/provider/IProvider.hpp>
+
+#include <fl/filesystem/path.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
+
+namespace foundation::log {
+template <class CharT>
+class basic_diagnostic_logger;
+}
+
+namespace foundation::storage::provider::local::detail {
+
+foundation::log::basic_diagnostic_logger<char>& logger() noexcept;
+
+// Owns one file descriptor; closing errors are ignored (callers that care close explicitly).
+class FileDescriptor {
+public:
+    FileDescriptor() noexcept = default;
+    explicit FileDescriptor(int fd) noexcept : m_fd(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : m_fd(other.release()) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { reset(); }
+
+    int get() const noexcept { return m_fd; }
+    explicit operator bool() const noexcept { return m_fd >= 0; }
+    int release() noexcept
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
+    void reset() noexcept;
+    // Closes now and reports the close's errno (0 when it succeeded or nothing was open).
+    int close() noexcept;
+
+private:
+    int m_fd = -1;
+};
+
+// The one way from an IRI to a local path. Refuses with InvalidLocation what fromStorageIRI refuses
+// (other schemes, remote authorities, NUL) and an IRI without a path.
+fl::filesystem::path nativePath(const StorageIRI& location);
+
+// The provider exception for a failed call, as throwPosixError builds it; a folder met where a file
+// was asked for (EISDIR) also carries "not-a-file".
+[[noreturn]] void fail(int error, const char* call, const StorageIRI& location);
+// As fail(), under `code` where the call's errno means something else here (rmdir's EEXIST is a
+// folder that is not empty); `extra` is appended to the contexts when given.
+[[noreturn]] void failAs(ErrorCode code, int error, const char* call, const StorageIRI& location,
+                         const char16_t* extra = nullptr);
+// ResourceNotFound for a location of the other kind; `mismatch` is "not-a-file" or "not-a-folder".
+[[noreturn]] void failKind(const StorageIRI& location, const char16_t* mismatch);
+
+// Times on disk and in attributes. A time outside what boost::posix_time can hold (before 1400 or
+// after 9999) is clamped to the nearest one it can.
+boost::posix_time::ptime toPtime(const struct timespec& time) noexcept;
+// Throws InvalidLocation ("invalid-time") for a special value (not_a_date_time, infinities).
+struct timespec toTimespec(const boost::posix_time::ptime& time, const StorageIRI& location);
+inline bool newer(const struct timespec& a, const struct timespec& b) noexcept
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+// Whether `name` (relative to `folder`, or AT_FDCWD; links followed) may be written: its mode grants
+// some write permission, and the kernel lets the caller write it (ACLs, read-only mounts). The mode
+// counts even for root, who may write anything: a file made read-only is reported so.
+bool writableAt(int folder, const char* name, mode_t mode) noexcept;
+
+FileAttributes fileAttributes(const struct stat& target, bool writable, bool symlink, std::u16string_view name);
+FolderAttributes folderAttributes(const struct stat& target, bool writable, bool symlink, std::u16string_view name);
+
+// Reads a directory's entries through getdents64, one large batch per call, skipping "." and "..".
+// Not synchronised.
+class DirectoryReader {
+public:
+    DirectoryReader();
+    ~DirectoryReader();
+    DirectoryReader(const DirectoryReader&) = delete;
+    DirectoryReader& operator=(const DirectoryReader&) = delete;
+
+    // Reads the next batch of `folder`; false at the end. Failures are thrown for `location`.
+    bool read(int folder, const StorageIRI& location);
+    // As read(): the bytes read, 0 at the end, -1 with errno set on failure.
+    ssize_t fill(int folder) noexcept;
+    // Calls each(name, d_type) for every entry of the last batch; `name` is NUL-terminated.
+    template <class Each>
+    void forEach(Each&& each) const
+    {
+        for (std::size_t offset = 0; offset < m_filled;) {
+            const Record record = at(offset);
+            offset += record.length;
+            if (!isDotOrDotDot(record.name))
+                each(record.name, record.type);
+        }
+    }
+
+private:
+    struct Record {
+        const char* name;
+        unsigned char type;
+        std::size_t length;
+    };
+    Record at(std::size_t offset) const noexcept;
+    static bool isDotOrDotDot(const char* name) noexcept
+    {
+        return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+    }
+
+    std::unique_ptr<std::byte[]> m_buffer;
+    std::size_t m_filled = 0;
+};
+
+// The children of the folder at `location` (see IProvider::list).
+std::unique_ptr<IFolderEntryIterator> listFolder(const StorageIRI& location, const ListOptions& options);
+
+// Copies the file at `from` to `to`, both on the local disk (see IProvider::copyFile).
+TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options);
+
+} // namespace foundation::storage::provider::local::detail

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <foundation/storage/provider/StorageItem.hpp>
+#include <foundation/storage/vfs/AbsoluteIRI.hpp>
+#include <foundation/storage/vfs/StorageSystem.hpp>
+
+#include <boost/date_time/posix_time/ptime.hpp>
+
+#include <cstdint>
+#include <ostream>
+
+namespace foundation::storage::vfs {
+
+class Folder;
+namespace detail {
+struct HandleAccess;
+}
+
+// A file location bound to the provider that serves it. A cheap value: constructing one never
+// touches the storage, so a File may name a file that does not exist yet (that is how files are
+// created); a missing file, or a folder at the location, fails in the first operation that needs
+// a file.
+//
+// Every provider failure reaches the caller as Exception (location, ErrorCode, the provider's
+// contexts). A File is not synchronised; copies may be used from different threads.
+class VFS_EXPORT File : public Resource {
+public:
+    // Binds `location` to the provider `system` builds for it. A storage system that has gone throws
+    // std::runtime_error "StorageSystem has been destroyed"; an unserved scheme throws
+    // UnsupportedIRISchemeException.
+    File(const AbsoluteIRI& location, StorageSystemReference system);
+    // As above; the location is taken as canonical, so getCanonicalLocation() never asks the provider.
+    File(const CanonicalAbsoluteIRI& location, StorageSystemReference system);
+    // The file `name` inside `parent`, with the parent's provider and storage system. A name that is
+    // empty, absolute, holds NUL or climbs above the folder throws Exception (InvalidLocation).
+    File(const Folder& parent, const ustring& name);
+
+    File(const File&) = default;
+    File(File&&) = default;
+    File& operator=(const File&) = default;
+    File& operator=(File&&) = default;
+    ~File() override;
+
+    AbsoluteIRI getLocation() const override;
+    // The location with links and relative segments resolved by the provider (which may consult the
+    // storage, and then needs the file to exist).
+    CanonicalAbsoluteIRI getCanonicalLocation() const;
+    // The last segment of the location; these four never reach the storage.
+    ustring getName() const;
+    // The name without its last extension; a name whose only dot leads it is its own stem.
+    ustring getStem() const;
+    // The last extension with its dot ("" without one); ".profile" is its own extension.
+    ustring getExtension() const;
+    Folder getParent() const;
+    StorageSystemReference getStorageSystem() const;
+
+    // False when nothing, or a folder, is at the location; other failures throw.
+    bool fileExists() const;
+    provider::FileAttributes getAttributes() const;
+    provider::ExtendedAttributes getExtendedAttributes() const;
+
+    // These change the storage, never the handle.
+    void createFile() const;
+    void removeFile() const;
+    void setLastModified(const boost::posix_time::ptime& time) const;
+    void setWritable(bool writable) const;
+    void truncateToSize(std::uint64_t size) const;
+    // Within one scheme a native move; across schemes a copy followed by removing this file, which
+    // stays in place when the copy fails. MergeCollectingFailures acts as Replace.
+    void moveFile(const File& destination, const provider::ReplacementPolicy& policy) const;
+    // The target receives this file's content and, within one scheme, its modification time.
+    // MergeCollectingFailures acts as Replace.
+    void copyFile(const File& destination, const provider::ReplacementPolicy& policy) const;
+    // As above, with a progress callback; NothingDone when the copy was skipped (ReplaceIfNewer) or
+    // cancelled, and then the target is left as it was.
+    provider::TransactionStatus copyFile(const File& destination, const provider::CopyFileOptions& options) const;
+
+    // Exchanges the locations only: each File keeps its storage system and canonical flag. For that
+    // reason there is no free swap(File&, File&): algorithms that swap elements (std::sort) use
+    // std::swap, which moves whole values.
+    void swap(File& other) noexcept;
+
+    // By location alone: equal locations in different storage systems are equal.
+    bool operator==(const File& other) const noexcept;
+    bool operator!=(const File& other) const noexcept;
+    bool operator<(const File& other) const noexcept;
+
+private:
+    friend class Folder;
+    friend struct detail::HandleAccess;
+
+    File(provider::StorageItem item, StorageSystemReference system);
+
+    provider::TransactionStatus doCopyFile(const File& destination, const provider::CopyFileOptions& options) const;
+    void doMoveFile(const File& destination, const provider::ReplacementPolicy& policy) const;
+
+    provider::StorageItem m_item;
+    StorageSystemReference m_storageSystem;
+    bool m_canonical = false;
+};
+
+// Writes the location.
+VFS_EXPORT std::ostream& operator<<(std::ostream& out, const File& file);
+
+} // namespace foundation::storage::vfs

@@ -1,0 +1,173 @@
+#pragma once
+
+#include <foundation/storage/provider/StorageItem.hpp>
+#include <foundation/storage/vfs/AbsoluteIRI.hpp>
+#include <foundation/storage/vfs/File.hpp>
+#include <foundation/storage/vfs/StorageSystem.hpp>
+
+#include <boost/date_time/posix_time/ptime.hpp>
+#include <boost/variant/variant_fwd.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+
+namespace foundation::storage::vfs {
+
+class FileEntry;
+class FolderEntry;
+class ListEntry;
+template <class T>
+class FolderListing;
+
+enum class FolderRemovalPolicy : std::int32_t {
+    NonRecursive = 0, // an empty folder only; the provider reports anything else
+    Recursive = 1,    // the folder and everything below it; links inside are removed, not followed
+};
+
+// "FolderRemovalPolicy::Recursive"; a value outside the enumeration writes nothing.
+VFS_EXPORT std::ostream& operator<<(std::ostream& out, const FolderRemovalPolicy& policy);
+
+// A storage's ordering of paths, as its provider defines it: true when `first` orders before
+// `second` under the name rules the CaseModifier selects. Calling an empty comparator (a
+// moved-from one included) throws std::bad_function_call.
+class VFS_EXPORT PathComparator {
+public:
+    explicit PathComparator(provider::PathComparatorFunction comparator);
+    PathComparator(const PathComparator&) = default;
+    // Leaves `other` empty.
+    PathComparator(PathComparator&& other) noexcept;
+    PathComparator& operator=(const PathComparator&) = default;
+    PathComparator& operator=(PathComparator&& other) noexcept;
+    ~PathComparator();
+
+    bool operator()(const ustring& first, const ustring& second, provider::CaseModifier modifier) const;
+
+private:
+    provider::PathComparatorFunction m_comparator;
+};
+
+// A folder location bound to the provider that serves it: the twin of File. Constructing one never
+// touches the storage; the handle names its location for life, whatever is later created, removed or
+// moved there. Every provider failure reaches the caller as Exception. Not synchronised; copies may
+// be used from different threads.
+class VFS_EXPORT Folder {
+public:
+    // Binds `location` to the provider `system` builds for it. A storage system that has gone throws
+    // std::runtime_error "StorageSystem has been destroyed"; an unserved scheme throws
+    // UnsupportedIRISchemeException.
+    Folder(const AbsoluteIRI& location, StorageSystemReference system);
+    // As above; the location is taken as canonical, so getCanonicalLocation() never asks the provider.
+    Folder(const CanonicalAbsoluteIRI& location, StorageSystemReference system);
+    // The folder `name` inside `parent`, with the parent's provider and storage system (not taken as
+    // canonical). A name that is empty, absolute, holds NUL or climbs above the folder throws
+    // Exception (InvalidLocation).
+    Folder(const Folder& parent, const ustring& name);
+
+    Folder(const Folder& other);
+    Folder(Folder&& other) noexcept;
+    // Strong guarantee: a failing copy leaves this folder as it was.
+    Folder& operator=(const Folder& other);
+    Folder& operator=(Folder&& other) noexcept;
+    ~Folder();
+
+    // The last segment of the location; never reaches the storage.
+    ustring getName() const;
+    bool hasParent() const noexcept;
+    // The root's parent is the root.
+    Folder getParent() const;
+    AbsoluteIRI getLocation() const;
+    CanonicalAbsoluteIRI getCanonicalLocation() const;
+    StorageSystemReference getStorageSystem() const;
+
+    // False when nothing, or a file, is at the location; other failures throw.
+    bool folderExists() const;
+    void createFolder() const;
+    // Creates the missing ancestors too; succeeds when the folder exists.
+    void createFolderRecursive() const;
+    // Recursive removal uses the provider's own when it has one; otherwise the library deletes the
+    // tree entry by entry (files, then each folder after its contents). Nothing is rolled back when a
+    // removal fails part way.
+    void removeFolder(const FolderRemovalPolicy& policy) const;
+    // A native move where the provider can; otherwise (another scheme, a provider that cannot move
+    // there, or a merging policy over an existing target) a copy under `policy` followed by a
+    // recursive removal of this folder. A failing copy removes nothing; a failing removal leaves the
+    // copy in place.
+    void moveFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const;
+
+    provider::FolderAttributes getAttributes() const;
+    provider::ExtendedAttributes getExtendedAttributes() const;
+    void setLastModified(const boost::posix_time::ptime& time) const;
+    void setWritable(bool writable) const;
+    // Makes everything written below this folder durable.
+    void flushFilesystem();
+    provider::FilenameSensitivity getFilenameSensitivity() const;
+    PathComparator getPathComparator() const;
+
+    // Listings of the direct children, evaluated lazily and re-iterable. A non-empty `pattern`
+    // ('*' and '?') keeps only the names that match it.
+    FolderListing<ListEntry> listAll(ustring pattern) const;
+    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntries(ustring pattern) const;
+    FolderListing<File> listFiles(ustring pattern) const;
+    FolderListing<FileEntry> listFileEntries(ustring pattern) const;
+    FolderListing<Folder> listFolders(ustring pattern) const;
+    FolderListing<FolderEntry> listFolderEntries(ustring pattern) const;
+
+    // Exchanges the locations only: each Folder keeps its storage system and canonical flag. For that
+    // reason there is no free swap(Folder&, Folder&): algorithms that swap elements use std::swap,
+    // which moves whole values.
+    void swap(Folder& other) noexcept;
+
+    // By location alone: the storage systems play no part.
+    bool operator==(const Folder& other) const noexcept;
+    bool operator!=(const Folder& other) const noexcept;
+    bool operator<(const Folder& other) const noexcept;
+
+private:
+    friend class File;
+    friend struct detail::HandleAccess;
+
+    Folder(provider::StorageItem item, StorageSystemReference system);
+
+    // The provider's iterators behind the listings; the pattern is handed on unchanged.
+    std::unique_ptr<provider::IFolderEntryIterator> doListAll(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListAllEntries(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListFiles(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListFileEntries(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListFolders(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListFolderEntries(ustring pattern) const;
+    bool providerSupportsFlatWildcardListing() const;
+
+    // The library's recursive removal, for providers without their own.
+    void removeTreeEntryByEntry() const;
+    // The copy behind moveFolder's fallback: `destination` becomes a copy of this folder's tree.
+    void copyTreeForMove(const Folder& destination, provider::ReplacementPolicy policy) const;
+
+    provider::StorageItem m_item;
+    StorageSystemReference m_storageSystem;
+    bool m_canonical = false;
+};
+
+// Writes the location.
+VFS_EXPORT std::ostream& operator<<(std::ostream& out, const Folder& folder);
+
+namespace detail {
+
+// The library's access to the provider item inside a handle, and its way to make handles from items
+// (listings, entries, the provider extensions).
+struct HandleAccess {
+    static const provider::StorageItem& item(const File& file) noexcept { return file.m_item; }
+    static const provider::StorageItem& item(const Folder& folder) noexcept { return folder.m_item; }
+    static File makeFile(provider::StorageItem item, StorageSystemReference system)
+    {
+        return File(std::move(item), std::move(system));
+    }
+    static Folder makeFolder(provider::StorageItem item, StorageSystemReference system)
+    {
+        return Folder(std::move(item), std::move(system));
+    }
+};
+
+} // namespace detail
+
+} // namespace foundation::storage::vfs

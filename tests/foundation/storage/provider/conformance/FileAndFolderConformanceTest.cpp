@@ -1,0 +1,246 @@
+// Creating, removing and describing files and folders, as every provider must.
+
+#include <ProviderHarness.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace vfs_test;
+using provider::ErrorCode;
+using provider::ExistenceType;
+using provider::ExtendedFeature;
+namespace pt = boost::posix_time;
+
+class FileAndFolderConformance : public ProviderTest {};
+
+pt::ptime utc(int year, int month, int day, int hour, int minute, int second, int microsecond)
+{
+    return pt::ptime(boost::gregorian::date(year, month, day),
+                     pt::hours(hour) + pt::minutes(minute) + pt::seconds(second) + pt::microseconds(microsecond));
+}
+
+TEST_P(FileAndFolderConformance, CreateFileMakesAnEmptyFileThatRemoveFileTakesAway)
+{
+    const StorageIRI file = below(u"new.txt");
+    provider->createFile(file);
+    EXPECT_EQ(provider->exists(file), ExistenceType::File);
+    EXPECT_EQ(provider->getFileAttributes(file).getSize(), 0u);
+    EXPECT_TRUE(provider->getFileAttributes(file).isWritable());
+
+    provider->removeFile(file);
+    EXPECT_EQ(provider->exists(file), ExistenceType::NotFound);
+    EXPECT_EQ(provider->exists(root), ExistenceType::Folder);
+    EXPECT_TRUE(tree().empty());
+}
+
+TEST_P(FileAndFolderConformance, CreateFolderMakesAnEmptyFolderThatRemoveFolderTakesAway)
+{
+    const StorageIRI folder = below(u"new");
+    provider->createFolder(folder);
+    EXPECT_EQ(provider->exists(folder), ExistenceType::Folder);
+    EXPECT_TRUE(provider->getFolderAttributes(folder).isWritable());
+    EXPECT_FALSE(provider->list(folder, {})->hasNext());
+
+    provider->removeFolder(folder);
+    EXPECT_EQ(provider->exists(folder), ExistenceType::NotFound);
+    EXPECT_TRUE(tree().empty());
+}
+
+TEST_P(FileAndFolderConformance, CreateFolderRecursiveCreatesMissingAncestorsAndAcceptsAnExistingFolder)
+{
+    makeFile(u"a/kept.txt", 4);
+    provider->createFolderRecursive(below(u"a/b/c/d"));
+    for (const ustring relative : {u"a", u"a/b", u"a/b/c", u"a/b/c/d"})
+        EXPECT_EQ(provider->exists(below(relative)), ExistenceType::Folder) << fl::i18n::ustring_to_utf8(relative);
+
+    const auto before = tree();
+    EXPECT_NO_THROW(provider->createFolderRecursive(below(u"a/b/c/d")));
+    EXPECT_NO_THROW(provider->createFolderRecursive(below(u"a")));
+    EXPECT_NO_THROW(provider->createFolderRecursive(root));
+    EXPECT_EQ(tree(), before);
+    EXPECT_EQ(provider->getFileAttributes(below(u"a/kept.txt")).getSize(), 4u);
+}
+
+// Every refusal names its code and location, and changes nothing.
+TEST_P(FileAndFolderConformance, FailuresReportCodeAndLocationAndLeaveTheTreeAlone)
+{
+    const StorageIRI file = makeFile(u"file.txt", 3);
+    const StorageIRI full = makeFolder(u"full");
+    makeFile(u"full/inner.txt", 5);
+    const StorageIRI empty = makeFolder(u"empty");
+    const StorageIRI missing = below(u"missing");
+    const StorageIRI missingChild = below(u"missing/child");
+    const StorageIRI belowFile = StorageIRI(file, u"child");
+    const StorageIRI deepBelowFile = StorageIRI(file, u"a/b");
+    const auto before = tree();
+
+    struct Case {
+        const char* name;
+        std::function<void()> call;
+        ErrorCode code;
+        std::vector<StorageIRI> locations;
+        const char* context = nullptr;
+    };
+    const auto time = utc(2020, 1, 2, 3, 4, 5, 6);
+    std::vector<Case> cases = {
+        {"createFile over a file", [&] { provider->createFile(file); }, ErrorCode::ResourceAlreadyExists, {file}},
+        {"createFile over a folder", [&] { provider->createFile(empty); }, ErrorCode::ResourceAlreadyExists, {empty}},
+        {"createFile without parent", [&] { provider->createFile(missingChild); }, ErrorCode::ResourceNotFound, {missingChild}},
+        {"createFile below a file", [&] { provider->createFile(belowFile); }, ErrorCode::ResourceNotFound, {belowFile}},
+        {"createFolder over a file", [&] { provider->createFolder(file); }, ErrorCode::ResourceAlreadyExists, {file}},
+        {"createFolder over a folder", [&] { provider->createFolder(empty); }, ErrorCode::ResourceAlreadyExists, {empty}},
+        {"createFolder without parent", [&] { provider->createFolder(missingChild); }, ErrorCode::ResourceNotFound, {missingChild}},
+        {"createFolder below a file", [&] { provider->createFolder(belowFile); }, ErrorCode::ResourceNotFound, {belowFile}},
+        {"createFolderRecursive over a file", [&] { provider->createFolderRecursive(file); },
+         ErrorCode::ResourceAlreadyExists, {file}},
+        {"createFolderRecursive through a file", [&] { provider->createFolderRecursive(deepBelowFile); },
+         ErrorCode::ResourceAlreadyExists, {deepBelowFile}},
+        {"removeFile of nothing", [&] { provider->removeFile(missing); }, ErrorCode::ResourceNotFound, {missing}},
+        {"removeFile below a file", [&] { provider->removeFile(belowFile); }, ErrorCode::ResourceNotFound, {belowFile}},
+        {"removeFile of an empty folder", [&] { provider->removeFile(empty); }, ErrorCode::ResourceNotFound, {empty}, "not-a-file"},
+        {"removeFile of a full folder", [&] { provider->removeFile(full); }, ErrorCode::ResourceNotFound, {full}, "not-a-file"},
+        {"removeFolder of nothing", [&] { provider->removeFolder(missing); }, ErrorCode::ResourceNotFound, {missing}},
+        {"removeFolder of a file", [&] { provider->removeFolder(file); }, ErrorCode::ResourceNotFound, {file}, "not-a-folder"},
+        {"removeFolder of a full folder", [&] { provider->removeFolder(full); }, ErrorCode::FolderNotEmpty, {full}},
+        {"getFileAttributes of a folder", [&] { provider->getFileAttributes(empty); }, ErrorCode::ResourceNotFound, {empty}, "not-a-file"},
+        {"getFileAttributes of nothing", [&] { provider->getFileAttributes(missing); }, ErrorCode::ResourceNotFound, {missing}},
+        {"getFileAttributes below a file", [&] { provider->getFileAttributes(belowFile); }, ErrorCode::ResourceNotFound, {belowFile}},
+        {"getFolderAttributes of a file", [&] { provider->getFolderAttributes(file); }, ErrorCode::ResourceNotFound, {file}, "not-a-folder"},
+        {"getFolderAttributes of nothing", [&] { provider->getFolderAttributes(missing); }, ErrorCode::ResourceNotFound, {missing}},
+        {"getExtendedAttributes of nothing", [&] { provider->getExtendedAttributes(missing); }, ErrorCode::ResourceNotFound, {missing}},
+        {"setLastModified of nothing", [&] { provider->setLastModified(missing, time); }, ErrorCode::ResourceNotFound, {missing}},
+        {"setWritable of nothing", [&] { provider->setWritable(missing, false); }, ErrorCode::ResourceNotFound, {missing}},
+        {"truncateToSize of nothing", [&] { provider->truncateToSize(missing, 1); }, ErrorCode::ResourceNotFound, {missing}},
+        {"truncateToSize of a folder", [&] { provider->truncateToSize(empty, 1); }, ErrorCode::ResourceNotFound, {empty}, "not-a-file"},
+    };
+    if (hasFeature(ExtendedFeature::RecursiveRemoval)) {
+        cases.push_back({"removeFolderRecursively of nothing", [&] { provider->removeFolderRecursively(missing); },
+                         ErrorCode::ResourceNotFound, {missing}});
+        cases.push_back({"removeFolderRecursively of a file", [&] { provider->removeFolderRecursively(file); },
+                         ErrorCode::ResourceNotFound, {file}, "not-a-folder"});
+    } else {
+        cases.push_back({"removeFolderRecursively unsupported", [&] { provider->removeFolderRecursively(full); },
+                         ErrorCode::UnsupportedOperation, {full}});
+    }
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_TRUE(failsWith(c.call, c.code, c.locations, c.context));
+    }
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(FileAndFolderConformance, RemoveFolderRecursivelyRemovesTheWholeSubtreeAndNothingElse)
+{
+    if (!hasFeature(ExtendedFeature::RecursiveRemoval))
+        GTEST_SKIP() << "no native recursive removal";
+    makeFile(u"doomed/a.txt", 3);
+    makeFile(u"doomed/deeper/b.txt", 1);
+    makeFolder(u"doomed/deeper/empty/still-empty");
+    makeFile(u"doomed-sibling/c.txt", 2);
+    makeFile(u"doomed.txt", 1);
+    makeFolder(u"lonely");
+
+    provider->removeFolderRecursively(below(u"doomed"));
+    provider->removeFolderRecursively(below(u"lonely"));
+    EXPECT_EQ(provider->exists(below(u"doomed")), ExistenceType::NotFound);
+    const std::map<ustring, std::optional<std::uint64_t>> expected = {
+        {u"doomed-sibling", std::nullopt}, {u"doomed-sibling/c.txt", 2}, {u"doomed.txt", 1}};
+    EXPECT_EQ(tree(), expected);
+}
+
+TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
+{
+    const StorageIRI file = makeFile(u"folder/file.txt", 1);
+    const StorageIRI folder = below(u"folder");
+    // Before the epoch, at it, and well after it: conversions must not lose the fraction's sign.
+    for (const pt::ptime time : {utc(2021, 3, 4, 5, 6, 7, 891234), utc(1969, 7, 20, 20, 17, 40, 123456),
+                                 utc(1970, 1, 1, 0, 0, 0, 1), utc(2100, 12, 31, 23, 59, 59, 999999)}) {
+        SCOPED_TRACE(pt::to_iso_extended_string(time));
+        provider->setLastModified(file, time);
+        EXPECT_EQ(provider->getFileAttributes(file).getLastModified(), time);
+        provider->setLastModified(folder, time);
+        EXPECT_EQ(provider->getFolderAttributes(folder).getLastModified(), time);
+        EXPECT_EQ(provider->getFileAttributes(file).getLastModified(), time) << "the folder's time is its own";
+    }
+}
+
+TEST_P(FileAndFolderConformance, SetWritableTogglesWritabilityOfFilesAndFolders)
+{
+    const StorageIRI file = makeFile(u"file.txt");
+    const StorageIRI folder = makeFolder(u"folder");
+    provider->setWritable(file, false);
+    provider->setWritable(folder, false);
+    EXPECT_FALSE(provider->getFileAttributes(file).isWritable());
+    EXPECT_FALSE(provider->getFolderAttributes(folder).isWritable());
+
+    provider->setWritable(file, true);
+    EXPECT_TRUE(provider->getFileAttributes(file).isWritable());
+    EXPECT_FALSE(provider->getFolderAttributes(folder).isWritable()) << "each location has its own flag";
+    provider->setWritable(folder, true);
+    EXPECT_TRUE(provider->getFolderAttributes(folder).isWritable());
+}
+
+TEST_P(FileAndFolderConformance, NamesWithALeadingDotAreHidden)
+{
+    struct Case {
+        const char16_t* name;
+        bool isFile;
+        bool hidden;
+    };
+    for (const Case& c : {Case{u".profile", true, true}, Case{u".config", false, true}, Case{u"visible.txt", true, false},
+                          Case{u"visible", false, false}, Case{u"dot.in.the.middle", true, false},
+                          Case{u"trailing.", false, false}}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(c.name));
+        if (c.isFile) {
+            EXPECT_EQ(provider->getFileAttributes(makeFile(c.name)).isHidden(), c.hidden);
+        } else {
+            EXPECT_EQ(provider->getFolderAttributes(makeFolder(c.name)).isHidden(), c.hidden);
+        }
+    }
+    EXPECT_FALSE(provider->getFileAttributes(makeFile(u".config/inside.txt")).isHidden())
+        << "only the location's own name counts";
+}
+
+TEST_P(FileAndFolderConformance, TruncateToSizeShrinksAndExtends)
+{
+    const StorageIRI file = makeFile(u"file.txt");
+    for (const std::uint64_t size : {5000ull, 10ull, 0ull, 300001ull, 300000ull}) {
+        provider->truncateToSize(file, size);
+        EXPECT_EQ(provider->getFileAttributes(file).getSize(), size);
+    }
+    provider->truncateToSize(file, 300000);
+    EXPECT_EQ(provider->getFileAttributes(file).getSize(), 300000u) << "the same size again changes nothing";
+}
+
+TEST_P(FileAndFolderConformance, ExtendedAttributesDescribeFilesAndFolders)
+{
+    const StorageIRI file = makeFile(u"file.txt", 10);
+    const StorageIRI folder = makeFolder(u"folder");
+    const auto ofFile = provider->getExtendedAttributes(file);
+    const auto ofFolder = provider->getExtendedAttributes(folder);
+    if (ofFile.posixMode) {
+        EXPECT_TRUE(S_ISREG(*ofFile.posixMode)) << std::oct << *ofFile.posixMode;
+    }
+    if (ofFolder.posixMode) {
+        EXPECT_TRUE(S_ISDIR(*ofFolder.posixMode)) << std::oct << *ofFolder.posixMode;
+    }
+    if (ofFile.linkCount) {
+        EXPECT_GE(*ofFile.linkCount, 1u);
+    }
+    if (ofFile.inode && ofFolder.inode && ofFile.device && ofFolder.device) {
+        EXPECT_FALSE(*ofFile.inode == *ofFolder.inode && *ofFile.device == *ofFolder.device);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Providers, FileAndFolderConformance, testing::ValuesIn(allProviders()), providerName);
+
+} // namespace

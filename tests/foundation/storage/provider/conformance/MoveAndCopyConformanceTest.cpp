@@ -1,0 +1,382 @@
+// Moving and copying within a provider under each replacement policy, as every provider must.
+
+#include <ProviderHarness.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace vfs_test;
+using provider::CopyFileOptions;
+using provider::ErrorCode;
+using provider::ExistenceType;
+using provider::ReplacementPolicy;
+using provider::TransactionStatus;
+namespace pt = boost::posix_time;
+
+const pt::ptime older = pt::from_time_t(1'500'000'000);
+const pt::ptime newer = older + pt::seconds(1);
+
+const ReplacementPolicy allPolicies[] = {ReplacementPolicy::FailIfExists, ReplacementPolicy::Replace,
+                                         ReplacementPolicy::MergeFolders, ReplacementPolicy::MergeCollectingFailures,
+                                         ReplacementPolicy::ReplaceIfNewer};
+
+class MoveAndCopyConformance : public ProviderTest {
+protected:
+    std::uint64_t sizeOf(const StorageIRI& file) const { return provider->getFileAttributes(file).getSize(); }
+
+    // A source of 3 bytes and a target of 5, with the given times, so that which one survives shows.
+    std::pair<StorageIRI, StorageIRI> sourceAndTarget(const ustring& prefix, pt::ptime sourceTime, pt::ptime targetTime) const
+    {
+        const StorageIRI source = makeFile(prefix + u"-source.txt", 3);
+        const StorageIRI target = makeFile(prefix + u"-target.txt", 5);
+        provider->setLastModified(source, sourceTime);
+        provider->setLastModified(target, targetTime);
+        return {source, target};
+    }
+
+    TransactionStatus copy(const StorageIRI& source, const StorageIRI& target, ReplacementPolicy policy,
+                           std::function<bool(std::uint64_t, std::uint64_t)> progress = {}) const
+    {
+        CopyFileOptions options;
+        options.replacementPolicy = policy;
+        options.progress = std::move(progress);
+        return provider->copyFile(source, *provider, target, options);
+    }
+};
+
+// What happens when a file's move or copy meets an existing file.
+struct OverExistingFile {
+    ReplacementPolicy policy;
+    pt::ptime sourceTime;
+    pt::ptime targetTime;
+    bool replaced;
+    bool fails; // with ResourceAlreadyExists at the target
+};
+const OverExistingFile overExistingFile[] = {
+    {ReplacementPolicy::FailIfExists, newer, older, false, true},
+    {ReplacementPolicy::Replace, older, newer, true, false},
+    {ReplacementPolicy::MergeFolders, older, newer, true, false},
+    {ReplacementPolicy::MergeCollectingFailures, older, newer, true, false},
+    {ReplacementPolicy::ReplaceIfNewer, newer, older, true, false},
+    {ReplacementPolicy::ReplaceIfNewer, older, newer, false, false},
+    {ReplacementPolicy::ReplaceIfNewer, older, older, false, false}, // equal is not newer
+};
+
+std::string describe(const OverExistingFile& c)
+{
+    return std::string(toString(c.policy)) + (c.sourceTime > c.targetTime ? ", source newer"
+                                              : c.sourceTime < c.targetTime ? ", source older"
+                                                                            : ", same time");
+}
+
+TEST_P(MoveAndCopyConformance, MoveFileToAFreeNameMovesItWithItsAttributesUnderEveryPolicy)
+{
+    makeFolder(u"elsewhere");
+    int index = 0;
+    for (const ReplacementPolicy policy : allPolicies) {
+        SCOPED_TRACE(toString(policy));
+        const ustring n = fl::i18n::utf8_to_ustring(std::to_string(index++));
+        const StorageIRI source = makeFile(u"file" + n + u".txt", 7);
+        provider->setLastModified(source, older);
+        const StorageIRI target = below(u"elsewhere/moved" + n + u".txt");
+
+        provider->moveFile(source, target, policy);
+        EXPECT_EQ(provider->exists(source), ExistenceType::NotFound);
+        const auto attributes = provider->getFileAttributes(target);
+        EXPECT_EQ(attributes.getSize(), 7u);
+        EXPECT_EQ(attributes.getLastModified(), older);
+    }
+}
+
+TEST_P(MoveAndCopyConformance, MoveFileOntoAFileFollowsThePolicy)
+{
+    int index = 0;
+    for (const OverExistingFile& c : overExistingFile) {
+        SCOPED_TRACE(describe(c));
+        const auto [source, target] = sourceAndTarget(u"move" + fl::i18n::utf8_to_ustring(std::to_string(index++)),
+                                                      c.sourceTime, c.targetTime);
+        if (c.fails) {
+            EXPECT_TRUE(failsWith([&] { provider->moveFile(source, target, c.policy); },
+                                  ErrorCode::ResourceAlreadyExists, target));
+        } else {
+            EXPECT_NO_THROW(provider->moveFile(source, target, c.policy));
+        }
+        EXPECT_EQ(sizeOf(target), c.replaced ? 3u : 5u);
+        EXPECT_EQ(provider->exists(source), c.replaced ? ExistenceType::NotFound : ExistenceType::File);
+        if (!c.replaced) {
+            EXPECT_EQ(provider->getFileAttributes(target).getLastModified(), c.targetTime);
+        }
+    }
+}
+
+TEST_P(MoveAndCopyConformance, MoveFolderToAFreeNameTakesItsContentAlong)
+{
+    makeFolder(u"elsewhere");
+    int index = 0;
+    for (const ReplacementPolicy policy : allPolicies) {
+        SCOPED_TRACE(toString(policy));
+        const ustring n = fl::i18n::utf8_to_ustring(std::to_string(index++));
+        const StorageIRI source = makeFolder(u"folder" + n);
+        makeFile(u"folder" + n + u"/a.txt", 2);
+        makeFile(u"folder" + n + u"/sub/b.txt", 4);
+        const StorageIRI target = below(u"elsewhere/moved" + n);
+
+        provider->moveFolder(source, target, policy);
+        EXPECT_EQ(provider->exists(source), ExistenceType::NotFound);
+        const std::map<ustring, std::optional<std::uint64_t>> expected = {
+            {u"a.txt", 2}, {u"sub", std::nullopt}, {u"sub/b.txt", 4}};
+        EXPECT_EQ(treeOf(*provider, target), expected);
+    }
+}
+
+TEST_P(MoveAndCopyConformance, MoveFolderOntoAFolderFollowsThePolicy)
+{
+    struct Case {
+        const char* name;
+        ReplacementPolicy policy;
+        bool targetEmpty;
+        std::vector<ErrorCode> codes; // empty: the move succeeds; otherwise one of these at the target
+    };
+    const Case cases[] = {
+        {"fail over an empty folder", ReplacementPolicy::FailIfExists, true, {ErrorCode::ResourceAlreadyExists}},
+        {"fail over a full folder", ReplacementPolicy::FailIfExists, false, {ErrorCode::ResourceAlreadyExists}},
+        {"replace an empty folder", ReplacementPolicy::Replace, true, {}},
+        {"replace a full folder", ReplacementPolicy::Replace, false, {ErrorCode::FolderNotEmpty}},
+        // Merging is the library's work: the provider declines and the library falls back.
+        {"merge into a full folder", ReplacementPolicy::MergeFolders, false,
+         {ErrorCode::ResourceAlreadyExists, ErrorCode::FolderNotEmpty}},
+    };
+    int index = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ustring n = fl::i18n::utf8_to_ustring(std::to_string(index++));
+        const StorageIRI source = makeFolder(u"source" + n);
+        makeFile(u"source" + n + u"/from-source.txt", 1);
+        const StorageIRI target = makeFolder(u"target" + n);
+        if (!c.targetEmpty)
+            makeFile(u"target" + n + u"/from-target.txt", 2);
+        const auto sourceTree = treeOf(*provider, source);
+        const auto targetTree = treeOf(*provider, target);
+
+        const auto error = providerError([&] { provider->moveFolder(source, target, c.policy); });
+        if (c.codes.empty()) {
+            EXPECT_FALSE(error.has_value()) << error->what();
+            EXPECT_EQ(provider->exists(source), ExistenceType::NotFound);
+            EXPECT_EQ(treeOf(*provider, target), sourceTree);
+        } else {
+            ASSERT_TRUE(error.has_value());
+            EXPECT_NE(std::find(c.codes.begin(), c.codes.end(), error->getErrorCode()), c.codes.end())
+                << toString(error->getErrorCode());
+            EXPECT_TRUE(error->getStorageIRI() == target) << text(error->getStorageIRI());
+            EXPECT_EQ(treeOf(*provider, source), sourceTree);
+            EXPECT_EQ(treeOf(*provider, target), targetTree);
+        }
+    }
+}
+
+TEST_P(MoveAndCopyConformance, MoveFailuresReportCodeAndLocationAndLeaveTheTreeAlone)
+{
+    const StorageIRI file = makeFile(u"file.txt", 3);
+    const StorageIRI folder = makeFolder(u"folder");
+    makeFile(u"folder/inner/deep.txt", 1);
+    const StorageIRI missing = below(u"missing");
+    const StorageIRI free = below(u"free");
+    const StorageIRI noParent = below(u"missing/child");
+    const StorageIRI belowFile = StorageIRI(file, u"child");
+    const StorageIRI insideItself = below(u"folder/inner/moved");
+    const auto foreign = foreignLocations(root);
+    const auto before = tree();
+    const auto replace = ReplacementPolicy::Replace;
+
+    struct Case {
+        const char* name;
+        std::function<void()> call;
+        ErrorCode code;
+        std::vector<StorageIRI> locations;
+        const char* context = nullptr;
+    };
+    std::vector<Case> cases = {
+        {"moveFile of nothing", [&] { provider->moveFile(missing, free, replace); }, ErrorCode::ResourceNotFound, {missing}},
+        {"moveFile of a folder", [&] { provider->moveFile(folder, free, replace); }, ErrorCode::ResourceNotFound, {folder}, "not-a-file"},
+        {"moveFile without target parent", [&] { provider->moveFile(file, noParent, replace); }, ErrorCode::ResourceNotFound, {noParent}},
+        {"moveFile below a file", [&] { provider->moveFile(file, belowFile, replace); }, ErrorCode::ResourceNotFound, {belowFile}},
+        {"moveFolder of nothing", [&] { provider->moveFolder(missing, free, replace); }, ErrorCode::ResourceNotFound, {missing}},
+        {"moveFolder of a file", [&] { provider->moveFolder(file, free, replace); }, ErrorCode::ResourceNotFound, {file}, "not-a-folder"},
+        {"moveFolder without target parent", [&] { provider->moveFolder(folder, noParent, replace); }, ErrorCode::ResourceNotFound, {noParent}},
+        {"moveFolder below a file", [&] { provider->moveFolder(folder, belowFile, replace); }, ErrorCode::ResourceNotFound, {belowFile}},
+        // Source and destination are equally the subject of this refusal.
+        {"moveFolder into itself", [&] { provider->moveFolder(folder, insideItself, replace); }, ErrorCode::InvalidLocation,
+         {folder, insideItself}},
+    };
+    for (const StorageIRI& elsewhere : foreign) {
+        cases.push_back({"moveFile to a foreign location", [&] { provider->moveFile(file, elsewhere, replace); },
+                         ErrorCode::UnsupportedOperation, {elsewhere}});
+        cases.push_back({"moveFolder to a foreign location", [&] { provider->moveFolder(folder, elsewhere, replace); },
+                         ErrorCode::UnsupportedOperation, {elsewhere}});
+    }
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_TRUE(failsWith(c.call, c.code, c.locations, c.context));
+    }
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(MoveAndCopyConformance, MovingOrCopyingOntoItselfLosesNothing)
+{
+    const StorageIRI file = makeFile(u"file.txt", 3);
+    const StorageIRI folder = makeFolder(u"folder");
+    makeFile(u"folder/inner.txt", 2);
+    const auto before = tree();
+    // Whether refused or done as nothing, the data must survive.
+    for (const ReplacementPolicy policy : allPolicies) {
+        SCOPED_TRACE(toString(policy));
+        providerError([&] { provider->moveFile(file, file, policy); });
+        providerError([&] { provider->moveFolder(folder, folder, policy); });
+        providerError([&] { copy(file, file, policy); });
+        EXPECT_EQ(tree(), before);
+    }
+}
+
+TEST_P(MoveAndCopyConformance, CopyFileCopiesSizeAndWritabilityAndKeepsTheSource)
+{
+    struct Case {
+        const char16_t* name;
+        std::uint64_t size;
+        bool writable;
+    };
+    makeFolder(u"copies");
+    for (const Case& c : {Case{u"empty", 0, true}, Case{u"small", 70000, true}, Case{u"read-only", 1 << 20, false}}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(c.name));
+        const StorageIRI source = makeFile(c.name, c.size);
+        provider->setWritable(source, c.writable);
+        const StorageIRI target = below(ustring(u"copies/") + c.name);
+
+        EXPECT_EQ(copy(source, target, ReplacementPolicy::FailIfExists), TransactionStatus::Completed);
+        EXPECT_EQ(sizeOf(target), c.size);
+        EXPECT_EQ(provider->getFileAttributes(target).isWritable(), c.writable);
+        EXPECT_EQ(sizeOf(source), c.size);
+        EXPECT_EQ(provider->getFileAttributes(source).isWritable(), c.writable);
+    }
+}
+
+TEST_P(MoveAndCopyConformance, CopyFileOntoAFileFollowsThePolicy)
+{
+    int index = 0;
+    for (const OverExistingFile& c : overExistingFile) {
+        SCOPED_TRACE(describe(c));
+        const auto [source, target] = sourceAndTarget(u"copy" + fl::i18n::utf8_to_ustring(std::to_string(index++)),
+                                                      c.sourceTime, c.targetTime);
+        if (c.fails) {
+            EXPECT_TRUE(failsWith([&] { copy(source, target, c.policy); }, ErrorCode::ResourceAlreadyExists, target));
+        } else {
+            EXPECT_EQ(copy(source, target, c.policy), c.replaced ? TransactionStatus::Completed : TransactionStatus::NothingDone);
+        }
+        EXPECT_EQ(sizeOf(target), c.replaced ? 3u : 5u);
+        EXPECT_EQ(sizeOf(source), 3u);
+        if (!c.replaced) {
+            EXPECT_EQ(provider->getFileAttributes(target).getLastModified(), c.targetTime);
+        }
+    }
+}
+
+TEST_P(MoveAndCopyConformance, CopyFileReportsProgressUpToTheTotal)
+{
+    constexpr std::uint64_t size = (3u << 20) + 12345;
+    const StorageIRI source = makeFile(u"source.bin", size);
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> calls;
+    EXPECT_EQ(copy(source, below(u"target.bin"), ReplacementPolicy::FailIfExists,
+                   [&](std::uint64_t copied, std::uint64_t total) {
+                       calls.emplace_back(copied, total);
+                       return true;
+                   }),
+              TransactionStatus::Completed);
+    ASSERT_FALSE(calls.empty());
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ(calls[i].second, size) << "call " << i;
+        if (i > 0) {
+            EXPECT_GE(calls[i].first, calls[i - 1].first) << "call " << i;
+        }
+    }
+    EXPECT_EQ(calls.back().first, size);
+    EXPECT_EQ(sizeOf(below(u"target.bin")), size);
+}
+
+TEST_P(MoveAndCopyConformance, ACancelledCopyLeavesNoTargetAndKeepsAReplacedOne)
+{
+    constexpr std::uint64_t size = 3u << 20;
+    const StorageIRI source = makeFile(u"source.bin", size);
+    const StorageIRI existing = makeFile(u"existing.bin", 5);
+    const auto before = tree();
+    // Cancelled at the first report, and at the second where there is one.
+    for (const int cancelAt : {1, 2}) {
+        SCOPED_TRACE(cancelAt);
+        for (const auto& [target, policy] : {std::pair{below(u"fresh.bin"), ReplacementPolicy::FailIfExists},
+                                             std::pair{existing, ReplacementPolicy::Replace}}) {
+            SCOPED_TRACE(text(target));
+            int calls = 0;
+            const auto status = copy(source, target, policy, [&](std::uint64_t, std::uint64_t) { return ++calls < cancelAt; });
+            ASSERT_GE(calls, 1) << "progress is reported at least once";
+            if (calls < cancelAt)
+                continue; // done in one report: nothing left to cancel
+            EXPECT_EQ(status, TransactionStatus::NothingDone);
+            EXPECT_EQ(calls, cancelAt) << "no report after the cancellation";
+            EXPECT_EQ(tree(), before);
+        }
+    }
+}
+
+TEST_P(MoveAndCopyConformance, CopyFailuresReportCodeAndLocationAndLeaveTheTreeAlone)
+{
+    const StorageIRI file = makeFile(u"file.txt", 3);
+    const StorageIRI folder = makeFolder(u"folder");
+    const StorageIRI missing = below(u"missing");
+    const StorageIRI free = below(u"free");
+    const StorageIRI noParent = below(u"missing/child");
+    const StorageIRI belowFile = StorageIRI(file, u"child");
+    const auto before = tree();
+
+    struct Case {
+        const char* name;
+        std::function<void()> call;
+        ErrorCode code;
+        std::vector<StorageIRI> locations;
+        const char* context = nullptr;
+    };
+    for (const ReplacementPolicy policy : allPolicies) {
+        SCOPED_TRACE(toString(policy));
+        const Case cases[] = {
+            {"copy of nothing", [&] { copy(missing, free, policy); }, ErrorCode::ResourceNotFound, {missing}},
+            {"copy of a folder", [&] { copy(folder, free, policy); }, ErrorCode::ResourceNotFound, {folder}, "not-a-file"},
+            {"copy without target parent", [&] { copy(file, noParent, policy); }, ErrorCode::ResourceNotFound, {noParent}},
+            {"copy below a file", [&] { copy(file, belowFile, policy); }, ErrorCode::ResourceNotFound, {belowFile}},
+        };
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name);
+            EXPECT_TRUE(failsWith(c.call, c.code, c.locations, c.context));
+        }
+    }
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(MoveAndCopyConformance, CopyToAnotherProviderIsUnsupportedForNow)
+{
+    const StorageIRI file = makeFile(u"file.txt", 3);
+    const auto other = provider::memory::makeMemoryProvider();
+    const StorageIRI elsewhere(u"mem://other/copy.txt");
+    EXPECT_TRUE(failsWith([&] { provider->copyFile(file, *other, elsewhere, {}); }, ErrorCode::UnsupportedOperation,
+                          elsewhere, "cross-provider-copy"));
+    EXPECT_EQ(other->exists(elsewhere), ExistenceType::NotFound);
+    EXPECT_EQ(sizeOf(file), 3u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Providers, MoveAndCopyConformance, testing::ValuesIn(allProviders()), providerName);
+
+} // namespace

@@ -1,0 +1,470 @@
+#include <foundation/storage/vfs.hpp>
+
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
+#include <DecoratedStorage.hpp>
+#include <ExceptionCapture.hpp>
+#include <StorageSystems.hpp>
+#include <TempDir.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using boost::posix_time::ptime;
+using boost::posix_time::time_from_string;
+using fl::i18n::ustring;
+using provider::CopyFileOptions;
+using provider::ReplacementPolicy;
+using provider::TransactionStatus;
+using provider::decorators::ProviderOperation;
+using vfs::AbsoluteIRI;
+using vfs::CanonicalAbsoluteIRI;
+using vfs::ErrorCode;
+using vfs::File;
+using vfs::Folder;
+
+const ptime older = time_from_string("2001-02-03 04:05:06");
+const ptime newer = time_from_string("2011-12-13 14:15:16");
+
+// The library code and the location's text of the Exception `call` throws.
+template <class Call>
+std::pair<ErrorCode, ustring> failure(Call&& call)
+{
+    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call), [](const vfs::Exception& error) {
+        return std::make_pair(error.getErrorCode(), error.getLocation().toString());
+    });
+}
+
+template <class Call>
+ustring contextsOf(Call&& call)
+{
+    return vfs_test::inspectThrown<vfs::Exception>(
+        std::forward<Call>(call), [](const vfs::Exception& error) { return error.getExceptionContextsString(); });
+}
+
+// A file with `size` bytes of content: made through the library (which has no byte streams yet)
+// by creating it and growing it with zeros.
+void makeFile(const File& file, std::uint64_t size = 0, std::optional<ptime> modified = std::nullopt)
+{
+    file.createFile();
+    if (size)
+        file.truncateToSize(size);
+    if (modified)
+        file.setLastModified(*modified);
+}
+
+// Runs once on the local disk and once in memory.
+class FileTest : public testing::TestWithParam<std::string> {
+protected:
+    ustring scheme() const { return GetParam() == "mem" ? u"mem" : u"file"; }
+
+    vfs_test::DecoratedStorage storage;
+    vfs_test::WorkingFolder work{GetParam(), storage.ref};
+};
+
+INSTANTIATE_TEST_SUITE_P(Providers, FileTest, testing::Values("file", "mem"),
+                         [](const testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(FileTest, NamesAMissingFileUntilCreatedAndFailsWhereAFileIsNeeded)
+{
+    const File file = work.file(u"a.txt");
+    EXPECT_FALSE(file.fileExists());
+    EXPECT_EQ(failure([&] { file.getAttributes(); }), std::make_pair(ErrorCode::ResourceNotFound, file.getLocation().toString()));
+    EXPECT_EQ(failure([&] { file.removeFile(); }).first, ErrorCode::ResourceNotFound);
+
+    file.createFile();
+    EXPECT_TRUE(file.fileExists());
+    EXPECT_EQ(file.getAttributes().getSize(), 0u);
+    EXPECT_EQ(failure([&] { file.createFile(); }).first, ErrorCode::ResourceAlreadyExists);
+
+    file.truncateToSize(42);
+    file.setLastModified(older);
+    EXPECT_EQ(file.getAttributes().getSize(), 42u);
+    EXPECT_EQ(file.getAttributes().getLastModified(), older);
+    file.setWritable(false);
+    EXPECT_FALSE(file.getAttributes().isWritable());
+    file.setWritable(true);
+    EXPECT_TRUE(file.getAttributes().isWritable());
+
+    file.removeFile();
+    EXPECT_FALSE(file.fileExists());
+
+    // A folder where a file is asked for counts as no file.
+    const File folderAsFile = work.file(u"sub");
+    work.folder(u"sub").createFolder();
+    EXPECT_FALSE(folderAsFile.fileExists());
+    EXPECT_EQ(failure([&] { folderAsFile.getAttributes(); }).first, ErrorCode::ResourceNotFound);
+    EXPECT_EQ(failure([&] { folderAsFile.removeFile(); }).first, ErrorCode::ResourceNotFound);
+    EXPECT_TRUE(work.folder(u"sub").folderExists());
+}
+
+TEST_P(FileTest, ChildOfAFolderSharesItsStorageSystemAndRefusesEscapingNames)
+{
+    const File child(work.root(), u"x/y.txt");
+    EXPECT_EQ(child.getLocation(), work.location(u"x/y.txt"));
+    EXPECT_EQ(child.getName(), u"y.txt");
+    EXPECT_TRUE(child.getStorageSystem() == storage.ref);
+    EXPECT_EQ(child.getParent(), work.folder(u"x"));
+    EXPECT_TRUE(child.getParent().getStorageSystem() == storage.ref);
+
+    for (const ustring& bad : {ustring(u""), ustring(u"/etc/passwd"), ustring(u"../out"), ustring(u"a\0b", 3)})
+        EXPECT_EQ(failure([&] { File(work.root(), bad); }).first, ErrorCode::InvalidLocation);
+}
+
+TEST_P(FileTest, CopyWithinASchemeKeepsTheModificationTimeUnlessNothingWasCopied)
+{
+    const File source = work.file(u"source");
+    const File target = work.file(u"target");
+    makeFile(source, 10, older);
+
+    source.copyFile(target, ReplacementPolicy::FailIfExists);
+    EXPECT_EQ(target.getAttributes().getSize(), 10u);
+    EXPECT_EQ(target.getAttributes().getLastModified(), older);
+    EXPECT_TRUE(source.fileExists());
+
+    // An existing target stops FailIfExists and is left as it was.
+    target.truncateToSize(3);
+    EXPECT_EQ(failure([&] { source.copyFile(target, ReplacementPolicy::FailIfExists); }).first,
+              ErrorCode::ResourceAlreadyExists);
+    EXPECT_EQ(target.getAttributes().getSize(), 3u);
+
+    // A newer target is skipped by ReplaceIfNewer: status NothingDone, time and content untouched.
+    target.setLastModified(newer);
+    CopyFileOptions ifNewer;
+    ifNewer.replacementPolicy = ReplacementPolicy::ReplaceIfNewer;
+    EXPECT_EQ(source.copyFile(target, ifNewer), TransactionStatus::NothingDone);
+    EXPECT_EQ(target.getAttributes().getLastModified(), newer);
+    EXPECT_EQ(target.getAttributes().getSize(), 3u);
+
+    // Replace overwrites content and takes the source's time.
+    source.copyFile(target, ReplacementPolicy::Replace);
+    EXPECT_EQ(target.getAttributes().getSize(), 10u);
+    EXPECT_EQ(target.getAttributes().getLastModified(), older);
+
+    // A copy cancelled by its progress callback leaves no target and no time.
+    const File cancelled = work.file(u"cancelled");
+    CopyFileOptions cancelling;
+    cancelling.progress = [](std::uint64_t, std::uint64_t) { return false; };
+    EXPECT_EQ(source.copyFile(cancelled, cancelling), TransactionStatus::NothingDone);
+    EXPECT_FALSE(cancelled.fileExists());
+}
+
+TEST_P(FileTest, MoveWithinASchemeRenames)
+{
+    const File source = work.file(u"a");
+    const File target = work.file(u"b");
+    makeFile(source, 7);
+    makeFile(target, 1);
+
+    EXPECT_EQ(failure([&] { source.moveFile(target, ReplacementPolicy::FailIfExists); }).first,
+              ErrorCode::ResourceAlreadyExists);
+    EXPECT_TRUE(source.fileExists());
+    EXPECT_EQ(target.getAttributes().getSize(), 1u);
+
+    source.moveFile(target, ReplacementPolicy::Replace);
+    EXPECT_FALSE(source.fileExists());
+    EXPECT_EQ(target.getAttributes().getSize(), 7u);
+    // The handle still names the old location.
+    EXPECT_EQ(source.getLocation(), work.location(u"a"));
+}
+
+// Records the replacement policy of every copy and move it forwards.
+class PolicyRecorder : public provider::decorators::ProviderDecorator {
+public:
+    using ProviderDecorator::ProviderDecorator;
+
+    void moveFile(const provider::StorageIRI& location, const provider::StorageIRI& destination,
+                  ReplacementPolicy policy) const override
+    {
+        record(policy);
+        ProviderDecorator::moveFile(location, destination, policy);
+    }
+    TransactionStatus copyFile(const provider::StorageIRI& location, const provider::IProvider& destinationProvider,
+                               const provider::StorageIRI& destination, const CopyFileOptions& options) const override
+    {
+        record(options.replacementPolicy);
+        return ProviderDecorator::copyFile(location, destinationProvider, destination, options);
+    }
+
+    std::vector<ReplacementPolicy> seen() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_seen;
+    }
+
+private:
+    void record(ReplacementPolicy policy) const
+    {
+        std::lock_guard lock(m_mutex);
+        m_seen.push_back(policy);
+    }
+    mutable std::mutex m_mutex;
+    mutable std::vector<ReplacementPolicy> m_seen;
+};
+
+TEST(FilePolicyTest, MergeCollectingFailuresReachesTheProviderAsReplaceInCopyAndMove)
+{
+    std::shared_ptr<PolicyRecorder> recorder;
+    vfs_test::DecoratedStorage storage({}, [&](std::shared_ptr<provider::IProvider> inner) {
+        recorder = std::make_shared<PolicyRecorder>(std::move(inner));
+        return recorder;
+    });
+    const vfs_test::WorkingFolder work("mem", storage.ref);
+    const File source = work.file(u"source");
+    makeFile(source, 4);
+
+    const std::vector<std::pair<ReplacementPolicy, ReplacementPolicy>> expected{
+        {ReplacementPolicy::FailIfExists, ReplacementPolicy::FailIfExists},
+        {ReplacementPolicy::Replace, ReplacementPolicy::Replace},
+        {ReplacementPolicy::MergeFolders, ReplacementPolicy::MergeFolders},
+        {ReplacementPolicy::MergeCollectingFailures, ReplacementPolicy::Replace},
+        {ReplacementPolicy::ReplaceIfNewer, ReplacementPolicy::ReplaceIfNewer},
+    };
+    // Each round copies, then moves the copy: the provider sees the policy twice per round.
+    std::vector<ReplacementPolicy> forwardedTwice;
+    int round = 0;
+    for (const auto& [given, forwarded] : expected) {
+        const ustring suffix = fl::i18n::utf8_to_ustring(std::to_string(round++));
+        const File copy = work.file(u"copy" + suffix);
+        const File moved = work.file(u"moved" + suffix);
+        source.copyFile(copy, given);
+        copy.moveFile(moved, given);
+        EXPECT_TRUE(moved.fileExists());
+        forwardedTwice.push_back(forwarded);
+        forwardedTwice.push_back(forwarded);
+    }
+    EXPECT_EQ(recorder->seen(), forwardedTwice);
+}
+
+TEST(FileAcrossSchemesTest, MoveKeepsTheSourceWhenTheCopyFails)
+{
+    vfs_test::DecoratedStorage storage;
+    const vfs_test::WorkingFolder disk("file", storage.ref);
+    const vfs_test::WorkingFolder memory("mem", storage.ref);
+    const File source = disk.file(u"a.txt");
+    const File target = memory.file(u"a.txt");
+    makeFile(source, 5);
+
+    EXPECT_EQ(failure([&] { source.moveFile(target, ReplacementPolicy::Replace); }).first,
+              ErrorCode::UnsupportedOperation);
+    EXPECT_NE(contextsOf([&] { source.copyFile(target, ReplacementPolicy::Replace); }).find(u"cross-provider-copy"),
+              ustring::npos);
+    EXPECT_TRUE(source.fileExists());
+    EXPECT_EQ(source.getAttributes().getSize(), 5u);
+    EXPECT_FALSE(target.fileExists());
+    // Across schemes the provider's move is never asked.
+    EXPECT_EQ(storage.layers(u"file").calls->count(ProviderOperation::MoveFile), 0u);
+    EXPECT_EQ(storage.layers(u"file").calls->count(ProviderOperation::RemoveFile), 0u);
+}
+
+TEST(FileNameTest, StemAndExtensionSplitAtTheLastDotButALeadingDotIsNoSeparatorForTheStem)
+{
+    vfs_test::DecoratedStorage storage;
+    const vfs_test::WorkingFolder work("mem", storage.ref);
+    struct Row {
+        ustring name, stem, extension;
+    };
+    for (const Row& row : std::vector<Row>{
+             {u"report.txt", u"report", u".txt"},
+             {u"archive.tar.gz", u"archive.tar", u".gz"},
+             {u".profile", u".profile", u".profile"},
+             {u".config.json", u".config", u".json"},
+             {u"name.", u"name", u"."},
+             {u"README", u"README", u""},
+             {u"...", u"..", u"."},
+             {u"\u00e9t\u00e9.\u00fc", u"\u00e9t\u00e9", u".\u00fc"},
+         }) {
+        const File file(work.root(), row.name);
+        EXPECT_EQ(file.getName(), row.name);
+        EXPECT_EQ(file.getStem(), row.stem) << fl::i18n::ustring_to_utf8(row.name);
+        EXPECT_EQ(file.getExtension(), row.extension) << fl::i18n::ustring_to_utf8(row.name);
+    }
+    // None of it reaches the provider.
+    EXPECT_EQ(storage.layers(u"mem").calls->total(), 0u);
+}
+
+TEST(FileCanonicalTest, CanonicalFileNeverAsksTheProviderToCanonicalise)
+{
+    vfs_test::DecoratedStorage storage;
+    const vfs_test::WorkingFolder work("file", storage.ref);
+    const auto& calls = storage.layers(u"file").calls;
+    const std::filesystem::path dir = work.localDir()->path();
+    work.localDir()->writeFile("real.txt", "x");
+    std::filesystem::create_symlink(dir / "real.txt", dir / "link.txt");
+
+    // Taken as canonical: the link's own location comes back, and the provider is not asked.
+    const File trusted(CanonicalAbsoluteIRI(work.location(u"link.txt").toString()), storage.ref);
+    calls->reset();
+    EXPECT_EQ(trusted.getCanonicalLocation(), work.location(u"link.txt"));
+    EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 0u);
+
+    // Otherwise the provider resolves the link.
+    const File plain(work.location(u"link.txt"), storage.ref);
+    const auto canonicalOfReal = vfs::toCanonicalAbsoluteIRI(u"", dir / "real.txt");
+    EXPECT_EQ(plain.getCanonicalLocation(), canonicalOfReal);
+    EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 1u);
+
+    // A child of a canonical folder is not canonical itself.
+    const Folder canonicalRoot(vfs::toCanonicalAbsoluteIRI(u"", dir), storage.ref);
+    EXPECT_EQ(File(canonicalRoot, u"link.txt").getCanonicalLocation(), canonicalOfReal);
+    EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 2u);
+
+    EXPECT_EQ(failure([&] { work.file(u"missing").getCanonicalLocation(); }).first, ErrorCode::ResourceNotFound);
+}
+
+TEST(FileValueTest, EqualByLocationAloneAndSwapExchangesOnlyLocations)
+{
+    vfs_test::DecoratedStorage first, second;
+    const File a1(AbsoluteIRI(u"mem://v/a"), first.ref);
+    const File a2(AbsoluteIRI(u"mem://v/a"), second.ref);
+    const File b2(AbsoluteIRI(u"mem://v/b"), second.ref);
+    EXPECT_TRUE(a1 == a2);
+    EXPECT_FALSE(a1 != a2);
+    EXPECT_TRUE(a1 != b2);
+    EXPECT_TRUE(a1 < b2);
+    EXPECT_FALSE(b2 < a1);
+    EXPECT_FALSE(a1 < a2);
+
+    File x(CanonicalAbsoluteIRI(u"mem://v/x"), first.ref);
+    File y(AbsoluteIRI(u"mem://v/y"), second.ref);
+    makeFile(y);
+    x.swap(y);
+    EXPECT_EQ(x.getLocation(), AbsoluteIRI(u"mem://v/y"));
+    EXPECT_EQ(y.getLocation(), AbsoluteIRI(u"mem://v/x"));
+    EXPECT_TRUE(x.getStorageSystem() == first.ref);
+    EXPECT_TRUE(y.getStorageSystem() == second.ref);
+    // The canonical flag stays too: x still answers without the provider, y asks (and x/ is missing).
+    EXPECT_EQ(x.getCanonicalLocation(), AbsoluteIRI(u"mem://v/y"));
+    EXPECT_EQ(failure([&] { y.getCanonicalLocation(); }).first, ErrorCode::ResourceNotFound);
+
+    // Copies and moves take everything along.
+    File copy = x;
+    EXPECT_TRUE(copy.getStorageSystem() == first.ref);
+    EXPECT_EQ(copy.getCanonicalLocation(), AbsoluteIRI(u"mem://v/y"));
+    copy = y;
+    EXPECT_TRUE(copy.getStorageSystem() == second.ref);
+    File moved = std::move(copy);
+    EXPECT_EQ(moved, y);
+
+    std::ostringstream text;
+    text << File(AbsoluteIRI(u"mem://v/caf\u00e9 1"), first.ref);
+    EXPECT_EQ(text.str(), "mem://v/caf\xc3\xa9%201");
+}
+
+TEST(FileValueTest, OutlivesItsStorageSystemForWhatNeedsNoStorage)
+{
+    auto storage = std::make_unique<vfs_test::DecoratedStorage>();
+    const vfs::StorageSystemReference ref = storage->ref;
+    const File file(AbsoluteIRI(u"mem://v/a.txt"), ref);
+    storage.reset();
+
+    EXPECT_EQ(file.getName(), u"a.txt");
+    EXPECT_EQ(file.getExtension(), u".txt");
+    EXPECT_TRUE(file == File(file));
+    EXPECT_TRUE(file.getStorageSystem() == ref);
+    const auto message = vfs_test::inspectThrown<std::runtime_error>(
+        [&] { File(AbsoluteIRI(u"mem://v/b"), ref); }, [](const std::runtime_error& error) { return std::string(error.what()); });
+    EXPECT_EQ(message, "StorageSystem has been destroyed");
+    EXPECT_THROW(File(AbsoluteIRI(u"zip:mem://v/a.zip!/x"), vfs_test::DecoratedStorage().ref),
+                 vfs::UnsupportedIRISchemeException);
+}
+
+// One row of a failure table: what to build, the call that meets an injected fault, and what must be
+// left on the storage afterwards.
+struct FaultCase {
+    std::string name;
+    ProviderOperation operation;
+    provider::ErrorCode injected;
+    ErrorCode expected;
+    std::function<void(const vfs_test::WorkingFolder&)> setup;
+    std::function<void(const vfs_test::WorkingFolder&)> call;
+    std::function<void(const vfs_test::WorkingFolder&)> check;
+};
+
+std::ostream& operator<<(std::ostream& out, const FaultCase& c) { return out << c.name; }
+
+class FileFaultTest : public testing::TestWithParam<FaultCase> {};
+
+TEST_P(FileFaultTest, FailsWithTheTranslatedCodeAndLeavesTheStorageAsDescribed)
+{
+    const FaultCase& c = GetParam();
+    vfs_test::DecoratedStorage storage;
+    const vfs_test::WorkingFolder work("mem", storage.ref);
+    c.setup(work);
+    const auto& faults = storage.layers(u"mem").faults;
+    faults->addFault({c.operation, std::nullopt, c.injected});
+
+    vfs_test::inspectThrown<vfs::Exception>([&] { c.call(work); }, [&](const vfs::Exception& error) {
+        EXPECT_EQ(error.getErrorCode(), c.expected);
+        EXPECT_NE(error.getExceptionContextsString().find(u"fault-injection"), ustring::npos);
+    });
+    faults->clearFaults();
+    c.check(work);
+}
+
+const std::vector<FaultCase> fileFaults{
+    {"CreateNoSpace", ProviderOperation::CreateFile, provider::ErrorCode::NoSpaceLeft, ErrorCode::NoSpaceLeft,
+     [](const auto&) {}, [](const auto& w) { w.file(u"a").createFile(); },
+     [](const auto& w) { EXPECT_FALSE(w.file(u"a").fileExists()); }},
+    {"RemoveReadOnly", ProviderOperation::RemoveFile, provider::ErrorCode::ReadOnlyProvider,
+     ErrorCode::ReadOnlyProvider, [](const auto& w) { makeFile(w.file(u"a")); },
+     [](const auto& w) { w.file(u"a").removeFile(); }, [](const auto& w) { EXPECT_TRUE(w.file(u"a").fileExists()); }},
+    {"ExistsDenied", ProviderOperation::FileExists, provider::ErrorCode::PermissionDenied,
+     ErrorCode::PermissionDenied, [](const auto& w) { makeFile(w.file(u"a")); },
+     [](const auto& w) { w.file(u"a").fileExists(); }, [](const auto& w) { EXPECT_TRUE(w.file(u"a").fileExists()); }},
+    {"AttributesTooLarge", ProviderOperation::GetFileAttributes, provider::ErrorCode::FileTooLarge,
+     ErrorCode::FileTooLarge, [](const auto& w) { makeFile(w.file(u"a"), 3); },
+     [](const auto& w) { w.file(u"a").getAttributes(); },
+     [](const auto& w) { EXPECT_EQ(w.file(u"a").getAttributes().getSize(), 3u); }},
+    {"TruncateInUse", ProviderOperation::TruncateToSize, provider::ErrorCode::ResourceInUse, ErrorCode::ResourceInUse,
+     [](const auto& w) { makeFile(w.file(u"a"), 3); }, [](const auto& w) { w.file(u"a").truncateToSize(9); },
+     [](const auto& w) { EXPECT_EQ(w.file(u"a").getAttributes().getSize(), 3u); }},
+    {"CopyIOError", ProviderOperation::CopyFile, provider::ErrorCode::IOError, ErrorCode::IOError,
+     [](const auto& w) { makeFile(w.file(u"a"), 3); },
+     [](const auto& w) { w.file(u"a").copyFile(w.file(u"b"), ReplacementPolicy::Replace); },
+     [](const auto& w) { EXPECT_FALSE(w.file(u"b").fileExists()); }},
+    // The content is copied; only taking over the time fails, and nothing is undone.
+    {"CopyTimeFails", ProviderOperation::SetLastModified, provider::ErrorCode::InternalError, ErrorCode::InternalError,
+     [](const auto& w) { makeFile(w.file(u"a"), 3, older); },
+     [](const auto& w) { w.file(u"a").copyFile(w.file(u"b"), ReplacementPolicy::Replace); },
+     [](const auto& w) {
+         EXPECT_EQ(w.file(u"b").getAttributes().getSize(), 3u);
+         EXPECT_NE(w.file(u"b").getAttributes().getLastModified(), older);
+     }},
+    {"MoveUnknown", ProviderOperation::MoveFile, provider::ErrorCode::Unknown, ErrorCode::Unknown,
+     [](const auto& w) { makeFile(w.file(u"a")); },
+     [](const auto& w) { w.file(u"a").moveFile(w.file(u"b"), ReplacementPolicy::Replace); },
+     [](const auto& w) {
+         EXPECT_TRUE(w.file(u"a").fileExists());
+         EXPECT_FALSE(w.file(u"b").fileExists());
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Faults, FileFaultTest, testing::ValuesIn(fileFaults),
+                         [](const testing::TestParamInfo<FaultCase>& info) { return info.param.name; });
+
+TEST(FileExistenceTest, NotFoundFromTheProviderAnswersFalse)
+{
+    vfs_test::DecoratedStorage storage;
+    const vfs_test::WorkingFolder work("mem", storage.ref);
+    const File file = work.file(u"a");
+    makeFile(file);
+    storage.layers(u"mem").faults->addFault(
+        {ProviderOperation::FileExists, std::nullopt, provider::ErrorCode::ResourceNotFound});
+    EXPECT_FALSE(file.fileExists());
+}
+
+} // namespace

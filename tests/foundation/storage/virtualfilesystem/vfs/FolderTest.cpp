@@ -1,0 +1,532 @@
+#include <foundation/storage/vfs.hpp>
+
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
+#include <DecoratedStorage.hpp>
+#include <ExceptionCapture.hpp>
+#include <TempDir.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/variant/get.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using boost::posix_time::ptime;
+using boost::posix_time::time_from_string;
+using fl::i18n::ustring;
+using provider::CaseModifier;
+using provider::ExtendedFeature;
+using provider::ReplacementPolicy;
+using provider::decorators::ProviderOperation;
+using vfs::AbsoluteIRI;
+using vfs::CanonicalAbsoluteIRI;
+using vfs::ErrorCode;
+using vfs::File;
+using vfs::Folder;
+using vfs::FolderRemovalPolicy;
+using vfs_test::WorkingFolder;
+
+const ptime older = time_from_string("2001-02-03 04:05:06");
+
+template <class Call>
+ErrorCode codeOf(Call&& call)
+{
+    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call),
+                                                   [](const vfs::Exception& error) { return error.getErrorCode(); });
+}
+
+// Builds the files (and the folders on their way) named relative to `work`'s root; a name ending in
+// '/' is an empty folder.
+void build(const WorkingFolder& work, const std::vector<ustring>& paths)
+{
+    for (const ustring& path : paths) {
+        if (path.ends_with(u'/')) {
+            work.folder(path).createFolderRecursive();
+            continue;
+        }
+        const File file = work.file(path);
+        file.getParent().createFolderRecursive();
+        file.createFile();
+        file.truncateToSize(path.size());
+        file.setLastModified(older);
+    }
+}
+
+// What is below `folder`, as sorted relative paths (folders with a trailing '/'), read through the
+// library's listings.
+std::vector<ustring> treeOf(const Folder& folder, const ustring& prefix = {})
+{
+    std::vector<ustring> found;
+    for (const auto& entry : folder.listAllEntries(u"")) {
+        if (const auto* file = boost::get<vfs::FileEntry>(&entry)) {
+            found.push_back(prefix + file->getName());
+            continue;
+        }
+        const auto& sub = boost::get<vfs::FolderEntry>(entry);
+        found.push_back(prefix + sub.getName() + u"/");
+        for (ustring& below : treeOf(sub.getFolder(), prefix + sub.getName() + u"/"))
+            found.push_back(std::move(below));
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+class FolderTest : public testing::TestWithParam<std::string> {
+protected:
+    vfs_test::DecoratedStorage storage;
+    WorkingFolder work{GetParam(), storage.ref};
+};
+
+INSTANTIATE_TEST_SUITE_P(Providers, FolderTest, testing::Values("file", "mem"),
+                         [](const testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(FolderTest, CreatesQueriesAndChangesFolders)
+{
+    const Folder folder = work.folder(u"a");
+    EXPECT_FALSE(folder.folderExists());
+    EXPECT_EQ(codeOf([&] { folder.getAttributes(); }), ErrorCode::ResourceNotFound);
+    EXPECT_EQ(codeOf([&] { work.folder(u"missing/child").createFolder(); }), ErrorCode::ResourceNotFound);
+
+    folder.createFolder();
+    EXPECT_TRUE(folder.folderExists());
+    EXPECT_EQ(codeOf([&] { folder.createFolder(); }), ErrorCode::ResourceAlreadyExists);
+    EXPECT_NO_THROW(folder.createFolderRecursive());
+
+    const Folder deep = work.folder(u"a/b/c/d");
+    deep.createFolderRecursive();
+    EXPECT_TRUE(deep.folderExists());
+    EXPECT_TRUE(deep.getParent().getParent().folderExists());
+
+    folder.setLastModified(older);
+    EXPECT_EQ(folder.getAttributes().getLastModified(), older);
+    EXPECT_NO_THROW(folder.getExtendedAttributes());
+    EXPECT_EQ(folder.getFilenameSensitivity(), provider::FilenameSensitivity::CaseSensitive);
+    Folder flushed = folder;
+    EXPECT_NO_THROW(flushed.flushFilesystem());
+
+    // A file where a folder is asked for counts as no folder, and blocks a recursive creation.
+    build(work, {u"file"});
+    EXPECT_FALSE(work.folder(u"file").folderExists());
+    EXPECT_EQ(codeOf([&] { work.folder(u"file").getAttributes(); }), ErrorCode::ResourceNotFound);
+    EXPECT_EQ(codeOf([&] { work.folder(u"file/sub").createFolderRecursive(); }), ErrorCode::ResourceAlreadyExists);
+}
+
+TEST_P(FolderTest, NonRecursiveRemovalLeavesANonEmptyFolderToTheProvider)
+{
+    build(work, {u"a/f", u"a/sub/"});
+    EXPECT_EQ(codeOf([&] { work.folder(u"a").removeFolder(FolderRemovalPolicy::NonRecursive); }),
+              ErrorCode::FolderNotEmpty);
+    EXPECT_EQ(treeOf(work.folder(u"a")), (std::vector<ustring>{u"f", u"sub/"}));
+
+    work.folder(u"a/sub").removeFolder(FolderRemovalPolicy::NonRecursive);
+    work.file(u"a/f").removeFile();
+    work.folder(u"a").removeFolder(FolderRemovalPolicy::NonRecursive);
+    EXPECT_FALSE(work.folder(u"a").folderExists());
+    EXPECT_EQ(codeOf([&] { work.folder(u"a").removeFolder(FolderRemovalPolicy::NonRecursive); }),
+              ErrorCode::ResourceNotFound);
+}
+
+// Recursive removal on each provider, with its own recursive removal and with the library's.
+class RecursiveRemovalTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+protected:
+    bool native() const { return std::get<1>(GetParam()); }
+    ustring scheme() const { return std::get<0>(GetParam()) == "mem" ? u"mem" : u"file"; }
+
+    vfs_test::DecoratedStorage storage{native() ? std::set<ExtendedFeature>{}
+                                                : std::set<ExtendedFeature>{ExtendedFeature::RecursiveRemoval}};
+    WorkingFolder work{std::get<0>(GetParam()), storage.ref};
+};
+
+INSTANTIATE_TEST_SUITE_P(Branches, RecursiveRemovalTest,
+                         testing::Combine(testing::Values("file", "mem"), testing::Bool()),
+                         [](const auto& info) {
+                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "Native" : "Library");
+                         });
+
+TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
+{
+    build(work, {u"tree/f1", u"tree/b/f2", u"tree/b/c/", u"tree/d/e/f3", u"tree.keep/f", u"keep/g"});
+    const auto& calls = storage.layers(scheme()).calls;
+    calls->reset();
+
+    work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
+
+    if (native()) {
+        EXPECT_EQ(calls->count(ProviderOperation::RemoveFolderRecursively), 1u);
+        EXPECT_EQ(calls->count(ProviderOperation::List), 0u);
+    } else {
+        EXPECT_EQ(calls->count(ProviderOperation::RemoveFolderRecursively), 0u);
+        EXPECT_EQ(calls->count(ProviderOperation::RemoveFile), 3u);
+        EXPECT_EQ(calls->count(ProviderOperation::RemoveFolder), 5u);
+    }
+    EXPECT_FALSE(work.folder(u"tree").folderExists());
+    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"keep/", u"keep/g", u"tree.keep/", u"tree.keep/f"}));
+
+    // A root that is not there is an error in either branch; an empty one just goes.
+    EXPECT_EQ(codeOf([&] { work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive); }),
+              ErrorCode::ResourceNotFound);
+    build(work, {u"empty/"});
+    work.folder(u"empty").removeFolder(FolderRemovalPolicy::Recursive);
+    EXPECT_FALSE(work.folder(u"empty").folderExists());
+}
+
+TEST(LibraryRemovalTest, RemovesLinksWithoutFollowingThem)
+{
+    vfs_test::DecoratedStorage storage({ExtendedFeature::RecursiveRemoval});
+    const WorkingFolder work("file", storage.ref);
+    const auto& dir = *work.localDir();
+    dir.writeFile("outside/precious.txt", "keep me");
+    dir.writeFile("tree/sub/f", "x");
+    std::filesystem::create_directory_symlink(dir / "outside", dir / "tree/linkToFolder");
+    std::filesystem::create_directory_symlink(dir / "outside", dir / "tree/sub/linkToFolder");
+    std::filesystem::create_symlink(dir / "outside/precious.txt", dir / "tree/linkToFile");
+    std::filesystem::create_symlink(dir / "nowhere", dir / "tree/broken");
+
+    work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
+
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dir / "tree")));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "outside/precious.txt"));
+    EXPECT_EQ(std::filesystem::file_size(dir / "outside/precious.txt"), 7u);
+}
+
+// Removes the file itself before reporting it missing: what another process removing it first looks
+// like to the library.
+class VanishingProvider : public provider::decorators::ProviderDecorator {
+public:
+    VanishingProvider(std::shared_ptr<provider::IProvider> wrapped, std::u16string_view name)
+        : ProviderDecorator(std::move(wrapped)), m_name(name)
+    {
+    }
+    void removeFile(const provider::StorageIRI& location) const override
+    {
+        ProviderDecorator::removeFile(location);
+        if (location.getName() == m_name)
+            provider::throwProviderError(provider::ErrorCode::ResourceNotFound, location);
+    }
+
+private:
+    ustring m_name;
+};
+
+TEST(LibraryRemovalTest, FilesVanishingMeanwhileCountAsRemoved)
+{
+    vfs_test::DecoratedStorage storage({ExtendedFeature::RecursiveRemoval}, [](auto inner) {
+        return std::make_shared<VanishingProvider>(std::move(inner), u"gone");
+    });
+    const WorkingFolder work("mem", storage.ref);
+    build(work, {u"tree/gone", u"tree/sub/gone", u"tree/sub/stays"});
+    work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
+    EXPECT_FALSE(work.folder(u"tree").folderExists());
+}
+
+// One row of a failure table: the tree, the injected fault, the call and what must be left.
+struct FaultCase {
+    std::string name;
+    std::set<ExtendedFeature> hidden;
+    ProviderOperation operation;
+    std::optional<ustring> at; // relative to the working folder; every location when empty
+    provider::ErrorCode injected;
+    ErrorCode expected;
+    std::function<void(const WorkingFolder&)> call;
+    std::vector<ustring> left; // the working folder's tree afterwards
+};
+
+std::ostream& operator<<(std::ostream& out, const FaultCase& c) { return out << c.name; }
+
+class FolderFaultTest : public testing::TestWithParam<FaultCase> {};
+
+TEST_P(FolderFaultTest, FailsWithTheTranslatedCodeAndLeavesTheStorageAsDescribed)
+{
+    const FaultCase& c = GetParam();
+    vfs_test::DecoratedStorage storage(c.hidden);
+    const WorkingFolder work("mem", storage.ref);
+    build(work, {u"a/f1", u"a/b/f2", u"a/b/f3"});
+    const auto& faults = storage.layers(u"mem").faults;
+    provider::decorators::FaultInjectingProvider::Fault fault{c.operation};
+    if (c.at)
+        fault.location = vfs::detail::IRIAccess::storageIRI(work.location(*c.at));
+    fault.code = c.injected;
+    faults->addFault(fault);
+
+    EXPECT_EQ(codeOf([&] { c.call(work); }), c.expected);
+    faults->clearFaults();
+    EXPECT_EQ(treeOf(work.root()), c.left);
+}
+
+const std::vector<ustring> untouched{u"a/", u"a/b/", u"a/b/f2", u"a/b/f3", u"a/f1"};
+const std::set<ExtendedFeature> noNativeRemoval{ExtendedFeature::RecursiveRemoval};
+const auto removeA = [](const WorkingFolder& w) { w.folder(u"a").removeFolder(FolderRemovalPolicy::Recursive); };
+const auto moveAToC = [](const WorkingFolder& w) { w.folder(u"a").moveFolder(w.folder(u"c"), ReplacementPolicy::FailIfExists); };
+
+const std::vector<FaultCase> folderFaults{
+    {"CreateNoSpace", {}, ProviderOperation::CreateFolder, std::nullopt, provider::ErrorCode::NoSpaceLeft,
+     ErrorCode::NoSpaceLeft, [](const auto& w) { w.folder(u"new").createFolder(); }, untouched},
+    {"ExistsDenied", {}, ProviderOperation::FolderExists, std::nullopt, provider::ErrorCode::PermissionDenied,
+     ErrorCode::PermissionDenied, [](const auto& w) { w.folder(u"a").folderExists(); }, untouched},
+    // The feature query is translated like any other call.
+    {"FeatureQueryFails", {}, ProviderOperation::HasFeature, std::nullopt, provider::ErrorCode::IOError,
+     ErrorCode::IOError, removeA, untouched},
+    {"NativeRemovalReadOnly", {}, ProviderOperation::RemoveFolderRecursively, std::nullopt,
+     provider::ErrorCode::ReadOnlyProvider, ErrorCode::ReadOnlyProvider, removeA, untouched},
+    // The library's removal stops at the first failure and undoes nothing.
+    {"LibraryRemovalStopsAtADeniedFile", noNativeRemoval, ProviderOperation::RemoveFile, u"a/b/f3",
+     provider::ErrorCode::PermissionDenied, ErrorCode::PermissionDenied, removeA, {u"a/", u"a/b/", u"a/b/f3", u"a/f1"}},
+    {"LibraryRemovalStopsAtAnUnlistableFolder", noNativeRemoval, ProviderOperation::List, u"a/b",
+     provider::ErrorCode::IOError, ErrorCode::IOError, removeA, untouched},
+    {"MoveFailsWithoutFallback", {}, ProviderOperation::MoveFolder, std::nullopt, provider::ErrorCode::IOError,
+     ErrorCode::IOError, moveAToC, untouched},
+    // A provider that cannot move falls back to copy and delete; the fallback refuses a target inside
+    // the source before copying anything.
+    {"FallbackRefusesATargetInsideTheSource", {}, ProviderOperation::MoveFolder, std::nullopt,
+     provider::ErrorCode::UnsupportedOperation, ErrorCode::InvalidLocation,
+     [](const auto& w) { w.folder(u"a").moveFolder(w.folder(u"a/b/c"), ReplacementPolicy::Replace); }, untouched},
+};
+
+INSTANTIATE_TEST_SUITE_P(Faults, FolderFaultTest, testing::ValuesIn(folderFaults),
+                         [](const testing::TestParamInfo<FaultCase>& info) { return info.param.name; });
+
+TEST_P(FolderTest, MovesNativelyWithinASchemeAndMergesThroughTheFallback)
+{
+    build(work, {u"a/f", u"a/sub/g", u"b/h", u"c/"});
+    const Folder a = work.folder(u"a");
+    const Folder b = work.folder(u"b");
+
+    EXPECT_EQ(codeOf([&] { a.moveFolder(b, ReplacementPolicy::FailIfExists); }), ErrorCode::ResourceAlreadyExists);
+    EXPECT_EQ(codeOf([&] { a.moveFolder(b, ReplacementPolicy::Replace); }), ErrorCode::FolderNotEmpty);
+    EXPECT_EQ(treeOf(work.root()),
+              (std::vector<ustring>{u"a/", u"a/f", u"a/sub/", u"a/sub/g", u"b/", u"b/h", u"c/"}));
+
+    // Merging into a non-empty folder is the library's: copy, then remove the source.
+    a.moveFolder(b, ReplacementPolicy::MergeFolders);
+    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"b/", u"b/f", u"b/h", u"b/sub/", u"b/sub/g", u"c/"}));
+    EXPECT_EQ(work.file(u"b/sub/g").getAttributes().getLastModified(), older);
+    EXPECT_EQ(a.getLocation(), work.location(u"a")); // the handle keeps its location
+
+    // A plain rename, and Replace over an empty folder.
+    b.moveFolder(work.folder(u"d"), ReplacementPolicy::FailIfExists);
+    work.folder(u"d").moveFolder(work.folder(u"c"), ReplacementPolicy::Replace);
+    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"c/", u"c/f", u"c/h", u"c/sub/", u"c/sub/g"}));
+}
+
+TEST(FolderMoveTest, FallbackCopyFailureRemovesNothingAndIsReportedLastWhenCollecting)
+{
+    for (const auto policy : {ReplacementPolicy::MergeFolders, ReplacementPolicy::MergeCollectingFailures}) {
+        vfs_test::DecoratedStorage storage;
+        const WorkingFolder work("mem", storage.ref);
+        build(work, {u"a/f1", u"a/f2", u"c/x"});
+        const auto& faults = storage.layers(u"mem").faults;
+        faults->addFault({ProviderOperation::CopyFile, vfs::detail::IRIAccess::storageIRI(work.location(u"a/f1")),
+                          provider::ErrorCode::PermissionDenied});
+
+        EXPECT_EQ(codeOf([&] { work.folder(u"a").moveFolder(work.folder(u"c"), policy); }), ErrorCode::PermissionDenied);
+        faults->clearFaults();
+        EXPECT_EQ(treeOf(work.folder(u"a")), (std::vector<ustring>{u"f1", u"f2"}));
+        EXPECT_FALSE(work.file(u"c/f1").fileExists());
+        // Only the collecting policy goes on past the failure.
+        if (policy == ReplacementPolicy::MergeCollectingFailures) {
+            EXPECT_TRUE(work.file(u"c/f2").fileExists());
+        }
+    }
+}
+
+TEST(FolderMoveTest, ProviderThatCannotMoveIsReplacedByCopyAndDelete)
+{
+    vfs_test::DecoratedStorage storage;
+    const WorkingFolder work("mem", storage.ref);
+    build(work, {u"a/f", u"a/sub/g"});
+    storage.layers(u"mem").faults->addFault(
+        {ProviderOperation::MoveFolder, std::nullopt, provider::ErrorCode::UnsupportedOperation});
+
+    work.folder(u"a").moveFolder(work.folder(u"c"), ReplacementPolicy::FailIfExists);
+    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"c/", u"c/f", u"c/sub/", u"c/sub/g"}));
+    EXPECT_EQ(work.file(u"c/sub/g").getAttributes().getLastModified(), older);
+}
+
+TEST(FolderMoveTest, FallbackFollowsLinksButRefusesOneLeadingBackIntoTheTree)
+{
+    vfs_test::DecoratedStorage storage;
+    const WorkingFolder work("file", storage.ref);
+    const auto& dir = *work.localDir();
+    dir.writeFile("outside/o", "o");
+    dir.writeFile("a/sub/f", "f");
+    dir.writeFile("c/x", "x");
+    std::filesystem::create_directory_symlink(dir / "outside", dir / "a/toOutside");
+
+    // A merge over a non-empty folder is the library's copy: the link's target is copied as a folder.
+    work.folder(u"a").moveFolder(work.folder(u"c"), ReplacementPolicy::MergeFolders);
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "c/toOutside/o"));
+    EXPECT_FALSE(std::filesystem::is_symlink(dir / "c/toOutside"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "outside/o"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "a"));
+
+    dir.writeFile("b/sub/f", "f");
+    std::filesystem::create_directory_symlink(dir / "b", dir / "b/sub/loop");
+    const auto contexts = vfs_test::inspectThrown<vfs::Exception>(
+        [&] { work.folder(u"b").moveFolder(work.folder(u"c"), ReplacementPolicy::MergeFolders); },
+        [](const vfs::Exception& error) {
+            EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation);
+            return error.getExceptionContextsString();
+        });
+    EXPECT_EQ(contexts, u"circular_symlink");
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "b/sub/f"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "b/sub/loop"));
+}
+
+TEST(FolderMoveTest, AcrossSchemesCopiesThenRemovesWithoutAskingTheProviderToMove)
+{
+    vfs_test::DecoratedStorage storage;
+    const WorkingFolder memory("mem", storage.ref);
+    const WorkingFolder disk("file", storage.ref);
+    build(memory, {u"tree/a/b/", u"tree/c/"});
+
+    memory.folder(u"tree").moveFolder(disk.folder(u"tree"), ReplacementPolicy::FailIfExists);
+    EXPECT_FALSE(memory.folder(u"tree").folderExists());
+    EXPECT_EQ(treeOf(disk.root()), (std::vector<ustring>{u"tree/", u"tree/a/", u"tree/a/b/", u"tree/c/"}));
+
+    // Files cannot cross providers yet: the move fails and the source is whole.
+    build(memory, {u"withFile/x/f"});
+    EXPECT_EQ(codeOf([&] { memory.folder(u"withFile").moveFolder(disk.folder(u"withFile"), ReplacementPolicy::Replace); }),
+              ErrorCode::UnsupportedOperation);
+    EXPECT_EQ(treeOf(memory.root()), (std::vector<ustring>{u"withFile/", u"withFile/x/", u"withFile/x/f"}));
+
+    EXPECT_EQ(storage.layers(u"mem").calls->count(ProviderOperation::MoveFolder), 0u);
+    EXPECT_EQ(storage.layers(u"file").calls->count(ProviderOperation::MoveFolder), 0u);
+}
+
+TEST(FolderValueTest, EqualByLocationAloneAndSwapExchangesOnlyLocations)
+{
+    vfs_test::DecoratedStorage first, second;
+    const Folder a1(AbsoluteIRI(u"mem://v/a"), first.ref);
+    const Folder a2(AbsoluteIRI(u"mem://v/a"), second.ref);
+    const Folder b2(AbsoluteIRI(u"mem://v/b"), second.ref);
+    EXPECT_TRUE(a1 == a2);
+    EXPECT_FALSE(a1 != a2);
+    EXPECT_TRUE(a1 != b2);
+    EXPECT_TRUE(a1 < b2);
+    EXPECT_FALSE(b2 < a1);
+
+    Folder x(CanonicalAbsoluteIRI(u"mem://v/x"), first.ref);
+    Folder y(AbsoluteIRI(u"mem://v/y"), second.ref);
+    y.createFolder();
+    x.swap(y);
+    EXPECT_EQ(x.getLocation(), AbsoluteIRI(u"mem://v/y"));
+    EXPECT_EQ(y.getLocation(), AbsoluteIRI(u"mem://v/x"));
+    EXPECT_TRUE(x.getStorageSystem() == first.ref);
+    EXPECT_TRUE(y.getStorageSystem() == second.ref);
+    EXPECT_EQ(x.getCanonicalLocation(), AbsoluteIRI(u"mem://v/y"));
+    EXPECT_EQ(codeOf([&] { y.getCanonicalLocation(); }), ErrorCode::ResourceNotFound);
+
+    // Copy and move, construction and assignment, carry the reference and the canonical flag.
+    Folder copy(x);
+    EXPECT_TRUE(copy.getStorageSystem() == first.ref);
+    EXPECT_EQ(copy.getCanonicalLocation(), AbsoluteIRI(u"mem://v/y"));
+    copy = y;
+    EXPECT_TRUE(copy.getStorageSystem() == second.ref);
+    EXPECT_EQ(codeOf([&] { copy.getCanonicalLocation(); }), ErrorCode::ResourceNotFound);
+    copy = std::move(x);
+    EXPECT_TRUE(copy.getStorageSystem() == first.ref);
+    EXPECT_EQ(copy.getCanonicalLocation(), AbsoluteIRI(u"mem://v/y"));
+    Folder& self = copy;
+    copy = std::move(self);
+    EXPECT_EQ(copy.getLocation(), AbsoluteIRI(u"mem://v/y"));
+    EXPECT_TRUE(copy.getStorageSystem() == first.ref);
+
+    const Folder root(AbsoluteIRI(u"mem://v/"), first.ref);
+    EXPECT_FALSE(root.hasParent());
+    EXPECT_EQ(root.getParent(), root);
+    const Folder child(root, u"p/q");
+    EXPECT_TRUE(child.hasParent());
+    EXPECT_EQ(child.getName(), u"q");
+    EXPECT_EQ(child.getParent(), Folder(AbsoluteIRI(u"mem://v/p"), second.ref));
+    EXPECT_TRUE(child.getParent().getStorageSystem() == first.ref);
+    EXPECT_EQ(codeOf([&] { Folder(root, u"../up"); }), ErrorCode::InvalidLocation);
+
+    std::ostringstream text;
+    text << Folder(AbsoluteIRI(u"mem://v/a b/"), first.ref);
+    EXPECT_EQ(text.str(), "mem://v/a%20b");
+}
+
+TEST(FolderCanonicalTest, CanonicalFolderNeverAsksTheProviderButItsChildAndParentDo)
+{
+    vfs_test::DecoratedStorage storage;
+    const WorkingFolder work("file", storage.ref);
+    const auto& dir = *work.localDir();
+    dir.makeFolder("real/inner");
+    std::filesystem::create_directory_symlink(dir / "real", dir / "link");
+    const auto& calls = storage.layers(u"file").calls;
+
+    const Folder trusted(CanonicalAbsoluteIRI(work.location(u"link").toString()), storage.ref);
+    calls->reset();
+    EXPECT_EQ(trusted.getCanonicalLocation(), work.location(u"link"));
+    EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 0u);
+
+    const auto real = vfs::toCanonicalAbsoluteIRI(u"", dir / "real");
+    EXPECT_EQ(Folder(work.location(u"link"), storage.ref).getCanonicalLocation(), real);
+    EXPECT_EQ(Folder(trusted, u"inner").getCanonicalLocation(), AbsoluteIRI(real, u"inner"));
+    EXPECT_EQ(Folder(trusted, u"inner").getParent().getCanonicalLocation(), real);
+    EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 3u);
+}
+
+TEST(FolderRemovalPolicyTest, PrintsItsTwoValuesAndNothingElse)
+{
+    const auto print = [](FolderRemovalPolicy policy) {
+        std::ostringstream out;
+        out << '[' << policy << ']';
+        return out.str();
+    };
+    EXPECT_EQ(print(FolderRemovalPolicy::NonRecursive), "[FolderRemovalPolicy::NonRecursive]");
+    EXPECT_EQ(print(FolderRemovalPolicy::Recursive), "[FolderRemovalPolicy::Recursive]");
+    EXPECT_EQ(print(static_cast<FolderRemovalPolicy>(2)), "[]");
+    EXPECT_EQ(print(static_cast<FolderRemovalPolicy>(-1)), "[]");
+}
+
+TEST_P(FolderTest, PathComparatorOrdersAsTheStorageSaysUnlessForced)
+{
+    const vfs::PathComparator less = work.root().getPathComparator();
+    // Code-unit order puts 'B' (0x42) before 'a' (0x61); folded, a comes first.
+    EXPECT_TRUE(less(u"B", u"a", CaseModifier::AsStorage));
+    EXPECT_FALSE(less(u"a", u"B", CaseModifier::AsStorage));
+    EXPECT_TRUE(less(u"a", u"B", CaseModifier::ForceCaseInsensitive));
+    EXPECT_FALSE(less(u"A", u"a", CaseModifier::ForceCaseInsensitive));
+    EXPECT_TRUE(less(u"A", u"a", CaseModifier::ForceCaseSensitive));
+}
+
+TEST(PathComparatorTest, EmptyOrMovedFromFailsAndTheCallablesFailuresAreTranslated)
+{
+    vfs::PathComparator original([](const ustring& a, const ustring& b, CaseModifier) { return a < b; });
+    const vfs::PathComparator copy = original;
+    vfs::PathComparator moved = std::move(original);
+    EXPECT_TRUE(copy(u"a", u"b", CaseModifier::AsStorage));
+    EXPECT_TRUE(moved(u"a", u"b", CaseModifier::AsStorage));
+    // NOLINTNEXTLINE(bugprone-use-after-move)
+    EXPECT_THROW(original(u"a", u"b", CaseModifier::AsStorage), std::bad_function_call);
+    vfs::PathComparator assigned(nullptr);
+    EXPECT_THROW(assigned(u"a", u"b", CaseModifier::AsStorage), std::bad_function_call);
+    assigned = std::move(moved);
+    EXPECT_FALSE(assigned(u"b", u"a", CaseModifier::AsStorage));
+    // NOLINTNEXTLINE(bugprone-use-after-move)
+    EXPECT_THROW(moved(u"a", u"b", CaseModifier::AsStorage), std::bad_function_call);
+
+    const vfs::PathComparator failing([](const ustring&, const ustring&, CaseModifier) -> bool {
+        provider::throwProviderError(provider::ErrorCode::ReadOnlyProvider, provider::StorageIRI(u"mem://v/x"));
+    });
+    EXPECT_EQ(codeOf([&] { failing(u"a", u"b", CaseModifier::AsStorage); }), ErrorCode::ReadOnlyProvider);
+}
+
+} // namespace
