@@ -83,6 +83,18 @@ ProviderDecorator::ProviderDecorator(std::shared_ptr<IProvider> wrapped) : m_wra
 
 ProviderDecorator::~ProviderDecorator() = default;
 
+void ProviderDecorator::invalidate(const StorageIRI& location)
+{
+    if (auto* capable = dynamic_cast<extensions::IInvalidatable*>(m_wrapped.get()))
+        capable->invalidate(location);
+}
+
+void ProviderDecorator::flushFilesystem()
+{
+    if (auto* capable = dynamic_cast<extensions::IFlushableFilesystem*>(m_wrapped.get()))
+        capable->flushFilesystem();
+}
+
 void ProviderDecorator::before(ProviderOperation, const StorageIRI&) const {}
 
 ExistenceType ProviderDecorator::exists(const StorageIRI& location) const

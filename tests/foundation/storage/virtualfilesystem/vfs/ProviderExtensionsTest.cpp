@@ -41,9 +41,7 @@ ErrorCode codeOf(Call&& call)
 
 // A provider that has both optional capabilities, over a real memory provider: records what it is
 // asked, and fails with `failWith` when set.
-class CapableProvider : public provider::decorators::ProviderDecorator,
-                        public provider::extensions::IInvalidatable,
-                        public provider::extensions::IFlushableFilesystem {
+class CapableProvider : public provider::decorators::ProviderDecorator {
 public:
     using ProviderDecorator::ProviderDecorator;
     using ProviderDecorator::flushFilesystem;
@@ -88,7 +86,8 @@ struct CapableSystem {
         DefaultStorageSystemOptions options;
         options.decorateProvider = [this](const ustring&, std::shared_ptr<provider::IProvider> built) {
             capable = std::make_shared<CapableProvider>(std::move(built));
-            return capable;
+            // A plain decorator on top must pass both capabilities through to the capable provider.
+            return std::make_shared<provider::decorators::CallCountingProvider>(capable);
         };
         return options;
     }

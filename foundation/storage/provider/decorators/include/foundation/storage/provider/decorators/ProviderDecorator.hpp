@@ -65,13 +65,22 @@ inline std::ostream& operator<<(std::ostream& out, ProviderOperation operation)
 // itself reaches the wrapped provider with the wrapped provider as destination, so that a provider
 // recognises a copy within itself through any stack of decorators. Listings are checked when they
 // are made; their iterators come from the wrapped provider unchanged.
-class VFS_EXPORT ProviderDecorator : public IProvider {
+//
+// The optional interfaces (extensions::IInvalidatable, extensions::IFlushableFilesystem) are passed
+// through to the wrapped provider when it has them, and do nothing when it has not, so a decorated
+// provider offers exactly what the wrapped one does.
+class VFS_EXPORT ProviderDecorator : public IProvider,
+                                     public extensions::IInvalidatable,
+                                     public extensions::IFlushableFilesystem {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
     explicit ProviderDecorator(std::shared_ptr<IProvider> wrapped);
     ~ProviderDecorator() override;
 
     const std::shared_ptr<IProvider>& getWrapped() const noexcept { return m_wrapped; }
+
+    void invalidate(const StorageIRI& location) override;
+    void flushFilesystem() override;
 
     ExistenceType exists(const StorageIRI& location) const override;
     ExistenceTypeExtended existsExtended(const StorageIRI& location) const override;
