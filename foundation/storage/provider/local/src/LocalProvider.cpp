@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace foundation::storage::provider::local {
@@ -231,6 +233,45 @@ public:
         return detail::folderAttributes(info, writable, symlink, location.getName());
     }
 
+    // The xattrs of a path (links followed). A file system without xattrs, or an attribute that
+    // vanishes between listing and reading, gives fewer entries, never an error.
+    static std::map<std::string, std::string> namedAttributesOf(const fl::filesystem::path& path,
+                                                                const StorageIRI& location)
+    {
+        std::map<std::string, std::string> named;
+        std::string names;
+        for (;;) {
+            const ssize_t size = ::listxattr(path.c_str(), nullptr, 0);
+            if (size < 0) {
+                if (errno == ENOTSUP || errno == ENOSYS)
+                    return named;
+                fail(errno, "listxattr", location);
+            }
+            names.resize(static_cast<std::size_t>(size));
+            const ssize_t got = ::listxattr(path.c_str(), names.data(), names.size());
+            if (got >= 0) {
+                names.resize(static_cast<std::size_t>(got));
+                break;
+            }
+            if (errno != ERANGE) // ERANGE: the list grew in between; ask again
+                fail(errno, "listxattr", location);
+        }
+        for (std::size_t begin = 0; begin < names.size();) {
+            const std::string name(names.c_str() + begin);
+            begin += name.size() + 1;
+            const ssize_t size = ::getxattr(path.c_str(), name.c_str(), nullptr, 0);
+            if (size < 0)
+                continue;
+            std::string value(static_cast<std::size_t>(size), '\0');
+            const ssize_t got = ::getxattr(path.c_str(), name.c_str(), value.data(), value.size());
+            if (got < 0)
+                continue;
+            value.resize(static_cast<std::size_t>(got));
+            named.emplace(name, std::move(value));
+        }
+        return named;
+    }
+
     ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override
     {
         const struct stat info = statOf(nativePath(location), location);
@@ -245,6 +286,7 @@ public:
         attributes.inode = static_cast<std::uint64_t>(info.st_ino);
         // st_blocks counts 512-byte units whatever the file system's block size.
         attributes.allocatedBytes = static_cast<std::uint64_t>(info.st_blocks) * 512;
+        attributes.namedAttributes = namedAttributesOf(nativePath(location), location);
         return attributes;
     }
 

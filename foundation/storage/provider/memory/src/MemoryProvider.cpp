@@ -162,7 +162,12 @@ std::unique_ptr<Node> newFile(std::vector<std::byte> bytes = {}, bool writable =
 // Volumes are keyed by the IRI's authority and come into being when first changed; until then a
 // volume reads as an empty root folder. One shared mutex guards the whole state: shared to read,
 // exclusive to change. No callback runs while it is held.
-class MemoryProvider final : public IProvider {
+// Memory is always durable as far as it goes and caches nothing, so the optional interfaces have
+// nothing to do beyond checking their argument; offering them lets code written against them run on
+// memory in tests.
+class MemoryProvider final : public IProvider,
+                             public extensions::IInvalidatable,
+                             public extensions::IFlushableFilesystem {
 public:
     explicit MemoryProvider(MemoryProviderOptions options) : m_options(options) {}
 
@@ -549,6 +554,10 @@ public:
         std::shared_lock lock(m_mutex);
         existingIn(rootOf(location), "flushFilesystem", location);
     }
+
+    void flushFilesystem() override {}
+
+    void invalidate(const StorageIRI& location) override { checkLocation(location); }
 
     FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override
     {

@@ -11,6 +11,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
+#include <sys/xattr.h>
+
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -528,6 +532,15 @@ TEST_F(LocalProviderTest, StorageWideAnswersComeFromTheDiskAndNoSettingIsAccepte
     EXPECT_EQ(extended.linkCount, 1u);
     ASSERT_EQ(::link(file.c_str(), (dir / "hard-link").c_str()), 0);
     EXPECT_EQ(local->getExtendedAttributes(at(file)).linkCount, 2u);
+    // Named attributes come along where the file system keeps user xattrs (tmpfs and ext4 do).
+    const std::string value("line 1\0binary", 13);
+    if (::setxattr(file.c_str(), "user.comment", value.data(), value.size(), 0) == 0) {
+        const auto named = local->getExtendedAttributes(at(file)).namedAttributes;
+        ASSERT_EQ(named.count("user.comment"), 1u);
+        EXPECT_EQ(named.at("user.comment"), value);
+    } else {
+        EXPECT_TRUE(errno == ENOTSUP || errno == EPERM) << std::strerror(errno);
+    }
 
     struct statvfs space {};
     ASSERT_EQ(::statvfs(dir.path().c_str(), &space), 0);

@@ -656,3 +656,26 @@ TEST_F(MemoryProviderTest, ConcurrentCreateRemoveMoveAndListKeepTheTreeConsisten
 }
 
 } // namespace
+
+namespace {
+
+TEST(MemoryProviderCapabilities, FlushAndInvalidateAreOfferedAndCheckTheirLocation)
+{
+    const auto memory = makeMemoryProvider();
+    auto* flushable = dynamic_cast<provider::extensions::IFlushableFilesystem*>(memory.get());
+    auto* invalidatable = dynamic_cast<provider::extensions::IInvalidatable*>(memory.get());
+    ASSERT_NE(flushable, nullptr);
+    ASSERT_NE(invalidatable, nullptr);
+    memory->createFolder(provider::StorageIRI(u"mem://v/a"));
+    EXPECT_NO_THROW(flushable->flushFilesystem());
+    EXPECT_NO_THROW(invalidatable->invalidate(provider::StorageIRI(u"mem://v/a")));
+    EXPECT_EQ(memory->exists(provider::StorageIRI(u"mem://v/a")), ExistenceType::Folder);
+    try {
+        invalidatable->invalidate(provider::StorageIRI(u"file:///tmp"));
+        ADD_FAILURE() << "a file IRI was accepted";
+    } catch (const provider::Exception& error) {
+        EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation);
+    }
+}
+
+} // namespace

@@ -211,7 +211,7 @@ TEST(OptionalCapabilityTest, ProvidersWithoutThemAreLeftAlone)
 {
     auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
     const vfs_test::TempDir dir;
-    // The memory provider has neither capability; the local one flushes (and caches nothing).
+    // Neither provider caches anything to invalidate; flushing memory has nothing to do.
     EXPECT_NO_THROW(vfs::invalidateFolder(Folder(AbsoluteIRI(u"mem://v/missing"), ref)));
     EXPECT_NO_THROW(vfs::extensions::flushFilesystem(AbsoluteIRI(u"mem://v/missing"), ref));
     EXPECT_NO_THROW(vfs::invalidateFolder(Folder(vfs::toAbsoluteIRI(u"", dir.path()), ref)));

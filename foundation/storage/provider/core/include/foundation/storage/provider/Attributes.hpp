@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <string>
 #include <optional>
 
 namespace foundation::storage::provider {
@@ -73,6 +75,9 @@ struct ExtendedAttributes {
     std::optional<std::uint64_t> device;
     std::optional<std::uint64_t> inode;
     std::optional<std::uint64_t> allocatedBytes;
+    // Named extended attributes (POSIX xattrs: "user.comment" -> value bytes) where the storage keeps
+    // them; empty where it keeps none.
+    std::map<std::string, std::string> namedAttributes;
     friend bool operator==(const ExtendedAttributes&, const ExtendedAttributes&) = default;
 };
 
