@@ -143,11 +143,27 @@ std::string ustring_to_utf8_lossy(std::u16string_view text)
     return out;
 }
 
+// Copies the ASCII run at the front of `text` into `out` (sized for the whole text first, since UTF-16
+// never needs more units than UTF-8 has bytes) and returns its length: most names are all ASCII, and
+// widening them is a loop the compiler vectorises.
+namespace {
+
+std::size_t widenAsciiPrefix(std::string_view text, ustring& out)
+{
+    out.resize(text.size());
+    std::size_t i = 0;
+    for (; i < text.size() && static_cast<unsigned char>(text[i]) < 0x80; ++i)
+        out[i] = static_cast<char16_t>(text[i]);
+    out.resize(i);
+    return i;
+}
+
+} // namespace
+
 ustring utf8_to_ustring(std::string_view text)
 {
     ustring out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
+    for (std::size_t i = widenAsciiPrefix(text, out); i < text.size();) {
         const std::size_t at = i;
         char32_t c;
         if (!nextUtf8(text, i, c))
@@ -160,8 +176,7 @@ ustring utf8_to_ustring(std::string_view text)
 ustring utf8_to_ustring_lossy(std::string_view text)
 {
     ustring out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
+    for (std::size_t i = widenAsciiPrefix(text, out); i < text.size();) {
         char32_t c;
         appendUtf16(out, nextUtf8(text, i, c) ? c : replacement);
     }

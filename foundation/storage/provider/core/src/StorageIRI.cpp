@@ -4,6 +4,8 @@
 
 #include <boost/throw_exception.hpp>
 
+#include <array>
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -24,7 +26,12 @@ IRI::IRI(fl::ustring scheme, fl::ustring hierarchicalPart, fl::ustring text, fl:
 namespace foundation::storage::provider {
 
 // Immutable once published. `text` is the normalised IRI; the decoded parts are kept beside it so
-// that accessors return references. `ascii` is the only lazily filled member.
+// that accessors return references.
+//
+// A child made from a base and one plain segment (what every listing entry is) is published with
+// only its name and its base: its text, path, authority and hash are composed on first use, so
+// that an entry nobody asks for its location costs no string building. `composed` guards that;
+// `ascii` is filled lazily as well.
 struct StorageIRI::Data {
     ustring text;
     ustring authority;
@@ -38,6 +45,9 @@ struct StorageIRI::Data {
     std::size_t hash = 0;
     bool hasAuthority = false;
     bool hasPath = false;
+
+    std::shared_ptr<const Data> base; // set for children composed lazily
+    mutable std::atomic<bool> composed{true};
 
     mutable std::once_flag asciiOnce;
     mutable ustring ascii;
@@ -54,7 +64,14 @@ const Data& emptyData() noexcept
     return data;
 }
 
-const Data& dataOf(const std::shared_ptr<const Data>& data) noexcept { return data ? *data : emptyData(); }
+// Composes a lazily made child (see Data). Terminates on memory exhaustion, like the noexcept
+// accessors that call it.
+const Data& composed(const Data& data) noexcept;
+
+const Data& dataOf(const std::shared_ptr<const Data>& data) noexcept
+{
+    return data ? composed(*data) : emptyData();
+}
 
 [[noreturn]] void throwInvalid(const StorageIRI& location, ustring message, ustring reason)
 {
@@ -296,7 +313,7 @@ DataPtr build(std::u16string_view scheme, bool hasAuthority, std::u16string_view
 {
     auto data = std::make_shared<Data>();
     ustring& text = data->text;
-    text.reserve(scheme.size() + 3 + authority.size() + (inner ? inner->text.size() + 1 : 0) + path.size() +
+    text.reserve(scheme.size() + 3 + authority.size() + (inner ? dataOf(inner).text.size() + 1 : 0) + path.size() +
                  opaque.size());
     text.append(scheme);
     text.push_back(u':');
@@ -305,7 +322,7 @@ DataPtr build(std::u16string_view scheme, bool hasAuthority, std::u16string_view
         encode(text, authority, Part::Authority);
     }
     if (inner) {
-        text.append(inner->text);
+        text.append(dataOf(inner).text);
         text.push_back(u'!');
     }
     data->pathOffset = text.size();
@@ -351,6 +368,50 @@ DataPtr derive(const Data& base, ustring path)
     encode(text, path, Part::Path);
     ustring name = nameOf(path);
     return derive(base, std::move(path), std::move(text), std::move(name));
+}
+
+// A child of `base` named by the plain segment `name`, composed on first use.
+DataPtr lazyChild(const std::shared_ptr<const Data>& base, ustring name)
+{
+    auto data = std::make_shared<Data>();
+    data->name = std::move(name);
+    data->inner = base->inner;
+    data->schemeLength = base->schemeLength;
+    data->pathOffset = base->pathOffset;
+    data->hasAuthority = base->hasAuthority;
+    data->hasPath = true;
+    data->base = base;
+    data->composed.store(false, std::memory_order_relaxed);
+    return data;
+}
+
+const Data& composed(const Data& data) noexcept
+{
+    if (data.composed.load(std::memory_order_acquire))
+        return data;
+    // The base first, outside any lock: it may be a lazy child itself.
+    const Data& base = composed(*data.base);
+    static std::array<std::mutex, 16> locks;
+    std::lock_guard lock(locks[std::hash<const void*>{}(&data) % locks.size()]);
+    if (data.composed.load(std::memory_order_relaxed))
+        return data;
+    // Only ever made by lazyChild(), as a non-const object: writing before publication is sound.
+    auto& out = const_cast<Data&>(data);
+    const bool atRoot = base.path.size() == 1;
+    out.path.reserve(base.path.size() + 1 + data.name.size());
+    out.path.append(base.path);
+    if (!atRoot)
+        out.path.push_back(u'/');
+    out.path.append(data.name);
+    out.text.reserve(base.text.size() + 1 + data.name.size());
+    out.text.append(base.text);
+    if (!atRoot)
+        out.text.push_back(u'/');
+    encode(out.text, data.name, Part::Path);
+    out.authority = base.authority;
+    out.hash = hashText(out.text);
+    out.composed.store(true, std::memory_order_release);
+    return data;
 }
 
 bool equalsIgnoringCase(std::u16string_view a, std::u16string_view b) noexcept
@@ -421,7 +482,7 @@ DataPtr parse(std::u16string_view text, std::size_t offset, ustring& reason)
             return nullptr;
         }
         if (!inner->hasPath) {
-            reason = u"inner IRI \"" + inner->text + u"\" has no path";
+            reason = u"inner IRI \"" + dataOf(inner).text + u"\" has no path";
             return nullptr;
         }
         ustring decodedPath;
@@ -506,7 +567,7 @@ StorageIRI::StorageIRI(ustring text)
         throwInvalid(StorageIRI(), u"invalid IRI \"" + text + u"\": " + reason, reason);
 }
 
-StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative)
+StorageIRI::StorageIRI(const StorageIRI& base, ustring relative)
 {
     const Data& b = dataOf(base.m_data);
     if (!b.hasPath)
@@ -519,21 +580,7 @@ StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative)
         return;
     }
     if (isPlainName(relative)) {
-        // The hot path of listings: append the segment to both forms, no re-encoding of the base.
-        const bool atRoot = b.path.size() == 1;
-        ustring path;
-        path.reserve(b.path.size() + 1 + relative.size());
-        path.append(b.path);
-        if (!atRoot)
-            path.push_back(u'/');
-        path.append(relative);
-        ustring text;
-        text.reserve(b.text.size() + 1 + relative.size());
-        text.append(b.text);
-        if (!atRoot)
-            text.push_back(u'/');
-        encode(text, relative, Part::Path);
-        m_data = derive(b, std::move(path), std::move(text), relative);
+        m_data = lazyChild(base.m_data, std::move(relative));
         return;
     }
     ustring combined;
@@ -657,11 +704,11 @@ network::IRI StorageIRI::toIRI() const
 {
     if (!m_data)
         return {};
-    const Data& data = *m_data;
+    const Data& data = dataOf(m_data);
     return network::IRI(getScheme(), data.text.substr(data.schemeLength + 1), data.text, toAsciiString());
 }
 
-std::size_t StorageIRI::hashValue() const noexcept { return m_data ? m_data->hash : 0; }
+std::size_t StorageIRI::hashValue() const noexcept { return dataOf(m_data).hash; }
 
 bool operator==(const StorageIRI& a, const StorageIRI& b) noexcept
 {

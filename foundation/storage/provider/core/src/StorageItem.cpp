@@ -14,8 +14,11 @@ namespace {
 
 } // namespace
 
-StorageIRI childLocation(const StorageIRI& folder, const ustring& name)
+StorageIRI childLocation(const StorageIRI& folder, ustring name)
 {
+    // The common case, a plain name, needs only the NUL test.
+    if (!name.empty() && name != u"." && name != u".." && name.find_first_of(u"/\0", 0, 2) == ustring::npos)
+        return StorageIRI(folder, std::move(name));
     if (name.empty())
         refuseChild(folder, name, u"empty name");
     if (name.front() == u'/')
@@ -40,7 +43,7 @@ StorageIRI childLocation(const StorageIRI& folder, const ustring& name)
     }
     if (depth == 0)
         refuseChild(folder, name, u"names the folder itself");
-    return StorageIRI(folder, name);
+    return StorageIRI(folder, std::move(name));
 }
 
 IProvider::~IProvider() = default;
@@ -55,8 +58,8 @@ StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI locatio
         throw std::invalid_argument("StorageItem needs a provider");
 }
 
-StorageItem::StorageItem(const StorageItem& parent, const ustring& name)
-    : m_provider(parent.m_provider), m_location(childLocation(parent.m_location, name))
+StorageItem::StorageItem(const StorageItem& parent, ustring name)
+    : m_provider(parent.m_provider), m_location(childLocation(parent.m_location, std::move(name)))
 {
 }
 

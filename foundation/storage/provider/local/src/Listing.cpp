@@ -79,6 +79,7 @@ public:
                     finish();
                     return nullptr;
                 }
+                fresh->entries.reserve(fresh->entries.size() + m_reader->capacityHint());
                 m_reader->forEach([&](const char* name, unsigned char type) { add(fresh->entries, name, type); });
             }
         } catch (...) {
@@ -152,7 +153,9 @@ private:
         const bool isFile = !S_ISDIR(info.st_mode);
         if (!m_withAttributes)
             return Entry{std::move(name), isFile, {}, {}};
-        const bool writable = writableAt(folder, rawName, info.st_mode);
+        if (!m_writeAccess)
+            m_writeAccess.emplace(folder, nullptr);
+        const bool writable = m_writeAccess->allows(info);
         if (isFile) {
             auto attributes = fileAttributes(info, writable, symlink, name);
             return Entry{std::move(name), true, std::move(attributes), {}};
@@ -170,6 +173,7 @@ private:
     const ListKind m_kind;
     const bool m_withAttributes;
     const ustring m_pattern;
+    std::optional<WriteAccess> m_writeAccess; // taken at the first entry that needs it
     std::size_t m_skipped = 0;
     std::exception_ptr m_failure;
 };

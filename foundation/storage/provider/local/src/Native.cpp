@@ -6,11 +6,13 @@
 #include <boost/date_time/gregorian/gregorian_types.hpp>
 #include <boost/throw_exception.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace foundation::storage::provider::local::detail {
@@ -122,9 +124,33 @@ struct timespec toTimespec(const boost::posix_time::ptime& time, const StorageIR
     return result;
 }
 
-bool writableAt(int folder, const char* name, mode_t mode) noexcept
+WriteAccess::WriteAccess(int folder, const char* path) noexcept : m_uid(::geteuid()), m_gid(::getegid())
 {
-    return (mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0 && ::faccessat(folder, name, W_OK, AT_EACCESS) == 0;
+    struct statvfs mount {};
+    if ((folder == AT_FDCWD ? ::statvfs(path, &mount) : ::fstatvfs(folder, &mount)) == 0)
+        m_readOnlyMount = (mount.f_flag & ST_RDONLY) != 0;
+    try {
+        const int count = ::getgroups(0, nullptr);
+        if (count > 0) {
+            m_groups.resize(static_cast<std::size_t>(count));
+            m_groups.resize(static_cast<std::size_t>(std::max(0, ::getgroups(count, m_groups.data()))));
+        }
+    } catch (const std::bad_alloc&) {
+        m_groups.clear(); // judged by the primary group alone
+    }
+}
+
+bool WriteAccess::allows(const struct stat& info) const noexcept
+{
+    if (m_readOnlyMount || (info.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0)
+        return false;
+    if (m_uid == 0)
+        return true;
+    if (info.st_uid == m_uid)
+        return (info.st_mode & S_IWUSR) != 0;
+    if (info.st_gid == m_gid || std::find(m_groups.begin(), m_groups.end(), info.st_gid) != m_groups.end())
+        return (info.st_mode & S_IWGRP) != 0;
+    return (info.st_mode & S_IWOTH) != 0;
 }
 
 FileAttributes fileAttributes(const struct stat& target, bool writable, bool symlink, std::u16string_view name)

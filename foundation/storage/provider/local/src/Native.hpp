@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -76,10 +77,23 @@ inline bool newer(const struct timespec& a, const struct timespec& b) noexcept
     return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
 }
 
-// Whether `name` (relative to `folder`, or AT_FDCWD; links followed) may be written: its mode grants
-// some write permission, and the kernel lets the caller write it (ACLs, read-only mounts). The mode
-// counts even for root, who may write anything: a file made read-only is reported so.
-bool writableAt(int folder, const char* name, mode_t mode) noexcept;
+// Whether the caller may write an entry, judged from its mode the way the kernel's permission check
+// does (the owner's bits for the owner, else the group's for a member, else the others'), on a mount
+// that is not read-only. The mode counts even for root, who may write anything: a file made
+// read-only is reported so. Access control lists are not consulted. The credentials and the mount's
+// flags are read once, so that a listing judges thousands of entries without a system call each.
+class WriteAccess {
+public:
+    // For entries of the folder open as `folder`, or (AT_FDCWD) of the file system holding `path`.
+    WriteAccess(int folder, const char* path) noexcept;
+    bool allows(const struct stat& info) const noexcept;
+
+private:
+    uid_t m_uid;
+    gid_t m_gid;
+    std::vector<gid_t> m_groups;
+    bool m_readOnlyMount = false;
+};
 
 FileAttributes fileAttributes(const struct stat& target, bool writable, bool symlink, std::u16string_view name);
 FolderAttributes folderAttributes(const struct stat& target, bool writable, bool symlink, std::u16string_view name);
@@ -97,6 +111,8 @@ public:
     bool read(int folder, const StorageIRI& location);
     // As read(): the bytes read, 0 at the end, -1 with errno set on failure.
     ssize_t fill(int folder) noexcept;
+    // An upper bound of the entries in the last batch (a record takes at least 24 bytes).
+    std::size_t capacityHint() const noexcept { return m_filled / 24; }
     // Calls each(name, d_type) for every entry of the last batch; `name` is NUL-terminated.
     template <class Each>
     void forEach(Each&& each) const

@@ -49,6 +49,12 @@ File::File(const Folder& parent, const ustring& name)
 
 File::~File() = default;
 
+File detail::HandleAccess::makeChildFile(const Folder& parent, ustring name)
+{
+    return File(translated([&] { return provider::StorageItem(parent.m_item, std::move(name)); }),
+                parent.m_storageSystem);
+}
+
 AbsoluteIRI File::getLocation() const
 {
     return detail::translated([&] { return detail::IRIAccess::make(m_item.getLocation(), true); });

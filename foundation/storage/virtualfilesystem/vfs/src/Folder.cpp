@@ -251,6 +251,12 @@ Folder::Folder(const Folder& parent, const ustring& name)
 
 Folder::Folder(const Folder& other) = default;
 
+Folder detail::HandleAccess::makeChildFolder(const Folder& parent, ustring name)
+{
+    return Folder(translated([&] { return provider::StorageItem(parent.m_item, std::move(name)); }),
+                  parent.m_storageSystem);
+}
+
 Folder::Folder(Folder&& other) noexcept = default;
 
 Folder& Folder::operator=(const Folder& other)

@@ -1,6 +1,7 @@
 #include <foundation/storage/vfs/FolderEntries.hpp>
 #include <foundation/storage/vfs/detail/LazyValue.hpp>
 
+#include <optional>
 #include <utility>
 
 namespace foundation::storage::vfs {
@@ -18,13 +19,13 @@ struct EntryState {
         : name(given.getName()), handle(std::move(given)), attributes([this] { return handle.get().getAttributes(); })
     {
     }
-    EntryState(Folder parent, ustring childName)
-        : name(std::move(childName)), handle([this, parent = std::move(parent)] { return Handle(parent, name); }),
+    EntryState(Folder parentFolder, ustring childName)
+        : name(std::move(childName)), parent(std::move(parentFolder)), handle([this] { return Handle(*parent, name); }),
           attributes([this] { return handle.get().getAttributes(); })
     {
     }
-    EntryState(Folder parent, ustring childName, Attributes known)
-        : name(std::move(childName)), handle([this, parent = std::move(parent)] { return Handle(parent, name); }),
+    EntryState(Folder parentFolder, ustring childName, Attributes known)
+        : name(std::move(childName)), parent(std::move(parentFolder)), handle([this] { return Handle(*parent, name); }),
           attributes(std::move(known))
     {
     }
@@ -32,6 +33,9 @@ struct EntryState {
     EntryState& operator=(const EntryState&) = delete;
 
     const ustring name;
+    // Kept here rather than captured, so that the generators capture only `this` and fit inside
+    // std::function without an allocation of their own.
+    const std::optional<Folder> parent;
     detail::LazyValue<Handle> handle;
     detail::LazyValue<Attributes> attributes;
 };

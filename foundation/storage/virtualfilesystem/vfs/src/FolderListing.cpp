@@ -29,50 +29,55 @@ namespace {
 template <class T>
 struct ElementBuilder;
 
+// Elements take the provider entry's name over: a listing entry's name becomes its handle's location
+// without another copy.
 template <>
 struct ElementBuilder<File> {
-    static File make(const Folder& parent, const provider::FolderEntry& entry) { return File(parent, entry.getName()); }
+    static File make(const Folder& parent, provider::FolderEntry& entry)
+    {
+        return HandleAccess::makeChildFile(parent, entry.takeName());
+    }
 };
 
 template <>
 struct ElementBuilder<Folder> {
-    static Folder make(const Folder& parent, const provider::FolderEntry& entry)
+    static Folder make(const Folder& parent, provider::FolderEntry& entry)
     {
-        return Folder(parent, entry.getName());
+        return HandleAccess::makeChildFolder(parent, entry.takeName());
     }
 };
 
 template <>
 struct ElementBuilder<ListEntry> {
-    static ListEntry make(const Folder& parent, const provider::FolderEntry& entry)
+    static ListEntry make(const Folder& parent, provider::FolderEntry& entry)
     {
-        return ListEntry(parent, entry.getName());
+        return ListEntry(parent, entry.takeName());
     }
 };
 
 template <>
 struct ElementBuilder<FileEntry> {
-    static FileEntry make(const Folder& parent, const provider::FolderEntry& entry)
+    static FileEntry make(const Folder& parent, provider::FolderEntry& entry)
     {
         if (const auto& attributes = entry.getFileAttributes())
-            return FileEntry(parent, entry.getName(), *attributes);
-        return FileEntry(parent, entry.getName());
+            return FileEntry(parent, entry.takeName(), *attributes);
+        return FileEntry(parent, entry.takeName());
     }
 };
 
 template <>
 struct ElementBuilder<FolderEntry> {
-    static FolderEntry make(const Folder& parent, const provider::FolderEntry& entry)
+    static FolderEntry make(const Folder& parent, provider::FolderEntry& entry)
     {
         if (const auto& attributes = entry.getFolderAttributes())
-            return FolderEntry(parent, entry.getName(), *attributes);
-        return FolderEntry(parent, entry.getName());
+            return FolderEntry(parent, entry.takeName(), *attributes);
+        return FolderEntry(parent, entry.takeName());
     }
 };
 
 template <class FileKind, class FolderKind>
 struct ElementBuilder<boost::variant<FileKind, FolderKind>> {
-    static boost::variant<FileKind, FolderKind> make(const Folder& parent, const provider::FolderEntry& entry)
+    static boost::variant<FileKind, FolderKind> make(const Folder& parent, provider::FolderEntry& entry)
     {
         if (entry.isFile())
             return ElementBuilder<FileKind>::make(parent, entry);
@@ -213,11 +218,19 @@ void FolderListingIteratorImpl<T>::updateCurrent()
         m_current.reset();
         return;
     }
-    m_current = translated([&]() -> std::shared_ptr<T> {
-        if (!m_providerIterator->hasNext())
-            return nullptr;
+    translated([&] {
+        if (!m_providerIterator->hasNext()) {
+            m_current.reset();
+            return;
+        }
         m_providerIterator->next();
-        return std::make_shared<T>(ElementBuilder<T>::make(*m_folder, m_providerIterator->current()));
+        provider::FolderEntry entry = m_providerIterator->current();
+        T element = ElementBuilder<T>::make(*m_folder, entry);
+        // Nobody else holds the previous element (no clone shares it): reuse its slot.
+        if (m_current && m_current.use_count() == 1)
+            *m_current = std::move(element);
+        else
+            m_current = std::make_shared<T>(std::move(element));
     });
 }
 

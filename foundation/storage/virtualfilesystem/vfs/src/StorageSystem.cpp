@@ -8,9 +8,19 @@ namespace foundation::storage::vfs {
 
 namespace {
 
-std::shared_ptr<StorageSystem> resolve(const std::function<std::shared_ptr<StorageSystem>()>& factory)
+using SharedFactory = std::shared_ptr<const std::function<std::shared_ptr<StorageSystem>()>>;
+
+// A moved-from reference has no factory: calling it is calling an empty function object.
+std::shared_ptr<StorageSystem> lockOrNull(const SharedFactory& factory)
 {
-    auto system = factory();
+    if (!factory)
+        throw std::bad_function_call();
+    return (*factory)();
+}
+
+std::shared_ptr<StorageSystem> resolve(const SharedFactory& factory)
+{
+    auto system = lockOrNull(factory);
     if (!system)
         core::except::throwInternal(std::runtime_error("StorageSystem has been destroyed"));
     return system;
@@ -35,12 +45,12 @@ std::shared_ptr<provider::IProvider> StorageSystemDecorator::buildProvider(const
 }
 
 StorageSystemReference::StorageSystemReference(std::weak_ptr<StorageSystem> system)
-    : m_factory([system = std::move(system)] { return system.lock(); })
+    : m_factory(std::make_shared<const Factory>([system = std::move(system)] { return system.lock(); }))
 {
 }
 
 StorageSystemReference::StorageSystemReference(std::function<std::shared_ptr<StorageSystem>()> factory)
-    : m_factory(std::move(factory))
+    : m_factory(std::make_shared<const Factory>(std::move(factory)))
 {
 }
 
@@ -50,14 +60,14 @@ std::shared_ptr<StorageSystem> StorageSystemReference::lock() const { return res
 
 void StorageSystemReference::shutdown() const
 {
-    if (auto system = m_factory())
+    if (auto system = lockOrNull(m_factory))
         system->shutdown();
 }
 
 bool StorageSystemReference::operator==(const StorageSystemReference& other) const
 {
-    const auto theirs = other.m_factory();
-    const auto ours = m_factory();
+    const auto theirs = lockOrNull(other.m_factory);
+    const auto ours = lockOrNull(m_factory);
     return theirs.get() == ours.get();
 }
 

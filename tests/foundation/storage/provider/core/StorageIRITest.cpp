@@ -367,6 +367,33 @@ TEST(StorageIRI, AsciiFormIsComputedOnceAcrossThreads)
     EXPECT_EQ(iri.toString(), u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
 }
 
+// Children of plain names compose their text on first use; several threads may be first at once,
+// and a chain of such children composes its ancestors on the way.
+TEST(StorageIRI, ChildrenComposeTheirTextOnceAcrossThreads)
+{
+    const StorageIRI base(u"mem://vol/a b");
+    const StorageIRI grandchild(StorageIRI(base, u"c!d"), u"\u00E9#");
+    const StorageIRI parsed(u"mem://vol/a%20b/c%21d/\u00E9%23");
+    std::vector<const ustring*> texts(4);
+    std::vector<std::size_t> hashes(4);
+    vfs_test::runOnThreads(static_cast<int>(texts.size()), [&](int i) {
+        const auto slot = static_cast<std::size_t>(i);
+        texts[slot] = &grandchild.toString();
+        hashes[slot] = grandchild.hashValue();
+        EXPECT_EQ(grandchild.getPath(), u"/a b/c!d/\u00E9#");
+        EXPECT_EQ(grandchild, parsed);
+    });
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        EXPECT_EQ(texts[i], texts.front());
+        EXPECT_EQ(hashes[i], parsed.hashValue());
+    }
+    EXPECT_EQ(*texts.front(), parsed.toString());
+    EXPECT_EQ(grandchild.getName(), u"\u00E9#");
+    EXPECT_EQ(grandchild.getAuthority(), u"vol");
+    EXPECT_TRUE(base.isAncestorOf(grandchild));
+    EXPECT_EQ(grandchild.getParent(), StorageIRI(u"mem://vol/a%20b/c%21d"));
+}
+
 TEST(StorageIRI, ToIRICarriesBothForms)
 {
     const StorageIRI iri(u"ZIP:file:///caf%C3%A9.zip!/a%20b");

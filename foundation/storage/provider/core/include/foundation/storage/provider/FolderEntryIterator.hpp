@@ -18,6 +18,8 @@ public:
     {
     }
     const ustring& getName() const noexcept { return m_name; }
+    // Moves the name out (listings hand it on to the handle they build); getName() is then empty.
+    ustring takeName() noexcept { return std::move(m_name); }
     bool isFile() const noexcept { return m_isFile; }
     const std::optional<FileAttributes>& getFileAttributes() const noexcept { return m_fileAttributes; }
     const std::optional<FolderAttributes>& getFolderAttributes() const noexcept { return m_folderAttributes; }

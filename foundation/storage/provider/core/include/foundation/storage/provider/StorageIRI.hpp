@@ -121,7 +121,7 @@ public:
     // folder: a relative path is appended to base's path, an absolute one replaces it; dot segments
     // are then resolved without climbing above the root. Throws provider::Exception
     // (InvalidLocation) when `base` has no path or `relative` holds a lone surrogate.
-    StorageIRI(const StorageIRI& base, const ustring& relative);
+    StorageIRI(const StorageIRI& base, ustring relative);
     // The IRI of `path` (decoded, made absolute and normalised) inside the container named by `inner`,
     // under the outer `scheme`: scheme ":" inner "!" path. Throws provider::Exception
     // (InvalidLocation) for an invalid scheme or an inner IRI without a path.

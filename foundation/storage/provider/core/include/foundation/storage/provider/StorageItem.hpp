@@ -15,7 +15,7 @@ public:
     // The item named `name` inside the folder `parent`, on the same provider. `name` may be a
     // relative path that stays inside the folder ("a/b"); it is refused with InvalidLocation when it
     // is empty, absolute, holds NUL, or climbs above the folder with "..".
-    StorageItem(const StorageItem& parent, const ustring& name);
+    StorageItem(const StorageItem& parent, ustring name);
 
     const std::shared_ptr<IProvider>& getProvider() const noexcept { return m_provider; }
     const StorageIRI& getLocation() const noexcept { return m_location; }
@@ -90,6 +90,6 @@ private:
 
 // The location of `name` inside `folder`, refused with InvalidLocation (context "child-name") when
 // the name is empty, absolute, holds NUL, or would climb above the folder.
-VFS_EXPORT StorageIRI childLocation(const StorageIRI& folder, const ustring& name);
+VFS_EXPORT StorageIRI childLocation(const StorageIRI& folder, ustring name);
 
 } // namespace foundation::storage::provider

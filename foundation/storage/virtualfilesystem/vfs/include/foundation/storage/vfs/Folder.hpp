@@ -166,6 +166,10 @@ struct HandleAccess {
     {
         return Folder(std::move(item), std::move(system));
     }
+    // The child `name` of `parent`, as File(parent, name) and Folder(parent, name) make it, taking
+    // the name over.
+    static File makeChildFile(const Folder& parent, ustring name);
+    static Folder makeChildFolder(const Folder& parent, ustring name);
 };
 
 } // namespace detail

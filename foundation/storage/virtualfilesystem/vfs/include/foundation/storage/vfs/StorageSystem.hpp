@@ -104,7 +104,9 @@ private:
     std::shared_ptr<provider::IProvider> buildProvider(const provider::StorageIRI& location) const override;
     boost::shared_ptr<msg_svc::eventmgr::EventMgr> getEventMgr() const override;
 
-    std::function<std::shared_ptr<StorageSystem>()> m_factory;
+    using Factory = std::function<std::shared_ptr<StorageSystem>()>;
+    // Shared, so that copying a reference (every handle holds one) is a reference-count increment.
+    std::shared_ptr<const Factory> m_factory;
 };
 
 // What is at `location`: File, Folder or NotFound (a provider's ResourceNotFound also answers
