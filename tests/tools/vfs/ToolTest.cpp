@@ -1,0 +1,218 @@
+// The vfs tool run as a person runs it: a subprocess over temporary trees, its output, exit codes
+// and error lines checked.
+
+#include "TempDir.hpp"
+
+#include <boost/json/parse.hpp>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string slurp(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Runs the tool with `arguments`, stdout and stderr captured in files (no pipe can fill up).
+Outcome vfsTool(const std::vector<std::string>& arguments)
+{
+    const vfs_test::TempDir capture;
+    const fs::path out = capture.path() / "out";
+    const fs::path err = capture.path() / "err";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    std::vector<std::string> storage{VFS_TOOL_PATH};
+    storage.insert(storage.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& argument : storage)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    pid_t child = 0;
+    const int spawned = posix_spawn(&child, VFS_TOOL_PATH, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0)
+        throw std::runtime_error("cannot start " VFS_TOOL_PATH);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return Outcome{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(out), slurp(err)};
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+class ToolTest : public ::testing::Test {
+protected:
+    ToolTest()
+    {
+        tree.writeFile("a/x.txt", "hello\n");
+        tree.writeFile("a/b/y.dat", std::string(2048, 'y'));
+        tree.writeFile(".hidden", "h");
+        tree.makeFolder("empty");
+    }
+    std::string at(const std::string& relative) const
+    {
+        return relative.empty() ? tree.path().string() : (tree.path() / relative).string();
+    }
+
+    vfs_test::TempDir tree;
+};
+
+TEST_F(ToolTest, ReadingCommandsPrintWhatIsThere)
+{
+    Outcome ls = vfsTool({"ls", at("")});
+    EXPECT_EQ(ls.exitCode, 0) << ls.err;
+    EXPECT_EQ(lines(ls.out), (std::vector<std::string>{"a/", "empty/"}));
+
+    ls = vfsTool({"ls", "-a", "-R", "--pattern", "*.txt", "file://" + at("")});
+    EXPECT_EQ(lines(ls.out), (std::vector<std::string>{at("") + ":", "a/", "empty/", "", at("a") + ":", "b/", "x.txt",
+                                                        "", at("a/b") + ":", "", at("empty") + ":"}));
+
+    const Outcome tree = vfsTool({"tree", at("a")});
+    EXPECT_EQ(lines(tree.out), (std::vector<std::string>{at("a"), "├── b", "│   └── y.dat", "└── x.txt", "",
+                                                          "1 folder, 2 files"}));
+
+    const Outcome du = vfsTool({"du", at("")});
+    EXPECT_EQ(lines(du.out), (std::vector<std::string>{"2048\t" + at("a/b"), "2054\t" + at("a"), "0\t" + at("empty"),
+                                                        "2055\t" + at("")}));
+    EXPECT_EQ(lines(vfsTool({"du", "-s", "-h", at("")}).out), (std::vector<std::string>{"2.0K\t" + at("")}));
+
+    const Outcome find = vfsTool({"find", at(""), "--name", "*.*", "--type", "f"});
+    EXPECT_EQ(lines(find.out), (std::vector<std::string>{at(".hidden"), at("a/b/y.dat"), at("a/x.txt")}));
+
+    const Outcome stat = vfsTool({"stat", at("a/x.txt")});
+    EXPECT_NE(stat.out.find("Size: 6\n"), std::string::npos) << stat.out;
+    EXPECT_NE(stat.out.find("Type: file\n"), std::string::npos);
+    EXPECT_NE(stat.out.find("Mode: 0"), std::string::npos);
+}
+
+TEST_F(ToolTest, JsonOutputParsesBackOneObjectPerLine)
+{
+    const auto objects = [](const Outcome& run) {
+        std::vector<boost::json::object> out;
+        for (const std::string& line : lines(run.out))
+            out.push_back(boost::json::parse(line).as_object());
+        return out;
+    };
+    const auto ls = objects(vfsTool({"ls", "--json", at("a")}));
+    ASSERT_EQ(ls.size(), 2u);
+    EXPECT_EQ(ls[0].at("type").as_string(), "folder");
+    EXPECT_EQ(ls[1].at("name").as_string(), "x.txt");
+    EXPECT_EQ(ls[1].at("size").to_number<int>(), 6);
+    EXPECT_EQ(ls[1].at("iri").as_string(), "file://" + at("a/x.txt"));
+
+    const auto stat = objects(vfsTool({"stat", "--json", at("a/b/y.dat")}));
+    ASSERT_EQ(stat.size(), 1u);
+    EXPECT_EQ(stat[0].at("size").to_number<int>(), 2048);
+
+    const auto find = objects(vfsTool({"find", "--json", "--type", "d", at("")}));
+    ASSERT_EQ(find.size(), 3u);
+    EXPECT_EQ(find[0].at("path").as_string(), "a");
+    EXPECT_EQ(find[1].at("path").as_string(), "a/b");
+
+    const auto du = objects(vfsTool({"du", "-s", "--json", at("")}));
+    ASSERT_EQ(du.size(), 1u);
+    EXPECT_EQ(du[0].at("bytes").to_number<int>(), 2055);
+    EXPECT_EQ(du[0].at("files").to_number<int>(), 3);
+    EXPECT_EQ(du[0].at("folders").to_number<int>(), 3);
+}
+
+TEST_F(ToolTest, ChangingCommandsChangeTheTree)
+{
+    EXPECT_EQ(vfsTool({"mkdir", "-p", at("new/deep/er")}).exitCode, 0);
+    EXPECT_TRUE(fs::is_directory(at("new/deep/er")));
+    EXPECT_EQ(vfsTool({"touch", at("new/t.txt")}).exitCode, 0);
+    EXPECT_TRUE(fs::is_regular_file(at("new/t.txt")));
+
+    EXPECT_EQ(vfsTool({"cp", at("a/x.txt"), at("new")}).exitCode, 0);
+    EXPECT_EQ(slurp(at("new/x.txt")), "hello\n");
+    EXPECT_EQ(vfsTool({"mv", at("new/x.txt"), at("new/deep/moved.txt")}).exitCode, 0);
+    EXPECT_FALSE(fs::exists(at("new/x.txt")));
+    EXPECT_EQ(slurp(at("new/deep/moved.txt")), "hello\n");
+    EXPECT_EQ(vfsTool({"mv", at("new/deep"), at("empty")}).exitCode, 0);
+    EXPECT_TRUE(fs::is_regular_file(at("empty/deep/moved.txt")));
+
+    EXPECT_EQ(vfsTool({"rm", "-r", at("empty/deep"), at("new/t.txt")}).exitCode, 0);
+    EXPECT_FALSE(fs::exists(at("empty/deep")));
+    EXPECT_FALSE(fs::exists(at("new/t.txt")));
+}
+
+// Bad input: one line "vfs: COMMAND: WHAT: LOCATION" (or a usage line), the right exit code, and
+// nothing written.
+TEST_F(ToolTest, BadInputGivesOneErrorLineAndTheRightExitCode)
+{
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string firstErrorLine;
+    };
+    const std::vector<Case> cases = {
+        {{"ls", at("missing")}, 1, "vfs: ls: no such file or folder: " + at("missing")},
+        {{"cp", at("a"), at("copy")}, 1, "vfs: cp: is a folder (use -r): " + at("a")},
+        {{"rm", at("a")}, 1, "vfs: rm: is a folder (use -r): " + at("a")},
+        {{"mkdir", at("no/parent")}, 1, "vfs: mkdir: no such file or folder: " + at("no/parent")},
+        {{"mkdir", at("a")}, 1, "vfs: mkdir: already exists: " + at("a")},
+        {{"tree", at("a/x.txt")}, 1, "vfs: tree: not a folder: " + at("a/x.txt")},
+        {{"ls", "zip:nowhere:/x"}, 2, "vfs: ls: neither an IRI nor a path: zip:nowhere:/x"},
+        {{"ls", "ftp://host/x"}, 2, "vfs: ls: no storage for the scheme: ftp"},
+        {{"cp", at("a/x.txt")}, 2, "vfs: cp: DST is required"},
+        {{"ls", "--bogus"}, 2, "vfs: ls: The following argument was not expected: --bogus"},
+        {{"frobnicate"}, 2, "vfs: unknown command: frobnicate"},
+        {{"cp", "--policy", "sometimes", at("a/x.txt"), at("b")}, 2, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments.front() + " " + c.arguments.back());
+        const Outcome run = vfsTool(c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode);
+        EXPECT_TRUE(run.out.empty()) << run.out;
+        ASSERT_FALSE(run.err.empty());
+        if (!c.firstErrorLine.empty()) {
+            EXPECT_EQ(lines(run.err).front(), c.firstErrorLine);
+        }
+    }
+    EXPECT_FALSE(fs::exists(at("copy")));
+    EXPECT_FALSE(fs::exists(at("b")));
+    EXPECT_TRUE(fs::is_regular_file(at("a/x.txt")));
+
+    // rm goes on with the other operands after a failure, and fails overall.
+    const Outcome rm = vfsTool({"rm", at("missing"), at("a/x.txt")});
+    EXPECT_EQ(rm.exitCode, 1);
+    EXPECT_FALSE(fs::exists(at("a/x.txt")));
+
+    const Outcome help = vfsTool({"ls", "--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("--pattern"), std::string::npos);
+}
+
+} // namespace

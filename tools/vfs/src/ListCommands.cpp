@@ -1,0 +1,306 @@
+// ls, tree, find, du: commands that read a folder tree.
+
+#include "Commands.hpp"
+#include "Output.hpp"
+#include "Progress.hpp"
+#include "Traversal.hpp"
+
+#include <CLI/CLI.hpp>
+#include <fmt/core.h>
+
+#include <boost/json/object.hpp>
+
+#include <map>
+#include <memory>
+
+namespace vfs_tool {
+
+namespace {
+
+// ---- ls -----------------------------------------------------------------------------------------
+
+struct LsOptions {
+    std::string location = ".";
+    bool longFormat = false;
+    bool recursive = false;
+    bool all = false;
+    bool human = false;
+    bool json = false;
+    std::string pattern;
+};
+
+void printLsLine(const LsOptions& options, const VisitedEntry& entry, const std::string& shownName)
+{
+    if (options.json) {
+        boost::json::object object;
+        object["name"] = shownName;
+        object["type"] = entry.isFile ? "file" : "folder";
+        object["iri"] = utf8(entry.location.toString());
+        if (entry.fileAttributes)
+            addAttributes(object, *entry.fileAttributes);
+        if (entry.folderAttributes)
+            addAttributes(object, *entry.folderAttributes);
+        printJsonLine(object);
+        return;
+    }
+    if (!options.longFormat) {
+        fmt::print("{}{}\n", shownName, entry.isFile ? "" : "/");
+        return;
+    }
+    const bool link = entry.isFile ? entry.fileAttributes && entry.fileAttributes->isSymlink()
+                                   : entry.folderAttributes && entry.folderAttributes->isSymlink();
+    const char type = link ? 'l' : entry.isFile ? '-' : 'd';
+    std::string size = "-";
+    if (entry.fileAttributes)
+        size = options.human ? humanSize(entry.fileAttributes->getSize()) : std::to_string(entry.fileAttributes->getSize());
+    const auto& modified = entry.isFile ? entry.fileAttributes->getLastModified()
+                                        : entry.folderAttributes->getLastModified();
+    fmt::print("{} {:>10}  {}  {}{}\n", type, size, shortTime(modified), shownName, entry.isFile ? "" : "/");
+}
+
+int runLs(Tool& tool, const LsOptions& options)
+{
+    const vfs::AbsoluteIRI location = tool.locate(options.location);
+    TraversalOptions traversal;
+    traversal.withAttributes = options.longFormat || options.json;
+    traversal.includeHidden = options.all;
+    traversal.pattern = utf16(options.pattern);
+
+    if (tool.existingKindAt(location, options.location) == provider::ExistenceType::File) {
+        const vfs::File file = tool.file(location);
+        VisitedEntry entry(location);
+        entry.name = options.location;
+        if (traversal.withAttributes)
+            entry.fileAttributes = file.getAttributes();
+        printLsLine(options, entry, options.location);
+        return Success;
+    }
+    int status = Success;
+    // Each folder's block, then its subfolders' blocks, as ls -R prints them.
+    std::function<void(const vfs::Folder&, const VisitedEntry*, const std::string&)> listFolder =
+        [&](const vfs::Folder& folder, const VisitedEntry* self, const std::string& heading) {
+            std::vector<VisitedEntry> children;
+            try {
+                children = childrenOf(folder, traversal, self);
+            } catch (const ToolError&) {
+                throw;
+            } catch (...) {
+                status = reportCurrentFailure("ls");
+                return;
+            }
+            if (options.recursive && !options.json)
+                fmt::print("{}{}:\n", self ? "\n" : "", heading);
+            for (const VisitedEntry& child : children)
+                printLsLine(options, child, options.recursive && options.json ? child.relativePath : child.name);
+            if (!options.recursive)
+                return;
+            for (const VisitedEntry& child : children)
+                if (child.enterable())
+                    listFolder(*child.folder, &child, display(child.location));
+        };
+    listFolder(tool.folder(location), nullptr, display(location));
+    return status;
+}
+
+// ---- tree ---------------------------------------------------------------------------------------
+
+int runTree(Tool& tool, const std::string& operand, bool all)
+{
+    const vfs::AbsoluteIRI location = tool.locate(operand);
+    if (tool.existingKindAt(location, operand) == provider::ExistenceType::File)
+        throw ToolError("not a folder", operand);
+    TraversalOptions traversal;
+    traversal.includeHidden = all;
+    int status = Success;
+    std::uint64_t files = 0;
+    std::uint64_t folders = 0;
+    // One flag per open level: whether a later sibling follows, which decides "│" or blank.
+    std::vector<bool> open;
+    fmt::print("{}\n", display(location));
+    traverse(
+        tool.folder(location), traversal,
+        [&](const VisitedEntry& entry) {
+            open.resize(static_cast<std::size_t>(entry.depth - 1));
+            std::string line;
+            for (const bool more : open)
+                line += more ? "\u2502   " : "    ";
+            line += entry.isLastChild ? "\u2514\u2500\u2500 " : "\u251c\u2500\u2500 ";
+            line += entry.name;
+            if (!entry.enterable() && !entry.isFile)
+                line += " -> (link)";
+            fmt::print("{}\n", line);
+            open.push_back(!entry.isLastChild);
+            ++(entry.isFile ? files : folders);
+            return true;
+        },
+        [&] { status = reportCurrentFailure("tree"); });
+    fmt::print("\n{} {}, {} {}\n", folders, folders == 1 ? "folder" : "folders", files, files == 1 ? "file" : "files");
+    return status;
+}
+
+// ---- find ---------------------------------------------------------------------------------------
+
+struct FindOptions {
+    std::string location = ".";
+    std::string name;
+    std::string type;
+    bool parallel = false;
+    bool json = false;
+};
+
+int runFind(Tool& tool, const FindOptions& options)
+{
+    const vfs::AbsoluteIRI location = tool.locate(options.location);
+    if (tool.existingKindAt(location, options.location) == provider::ExistenceType::File)
+        throw ToolError("not a folder", options.location);
+    const ustring pattern = utf16(options.name);
+    const bool wantFiles = options.type.empty() || options.type == "f";
+    const bool wantFolders = options.type.empty() || options.type == "d";
+    int status = Success;
+    Progress progress("scanned");
+    traverse(
+        tool.folder(location), TraversalOptions{},
+        [&](const VisitedEntry& entry) {
+            progress.add(1);
+            const bool kindMatches = entry.isFile ? wantFiles : wantFolders;
+            if (kindMatches && (pattern.empty() || provider::matchesWildcard(utf16(entry.name), pattern))) {
+                progress.finish();
+                if (options.json) {
+                    boost::json::object object;
+                    object["iri"] = utf8(entry.location.toString());
+                    object["path"] = entry.relativePath;
+                    object["type"] = entry.isFile ? "file" : "folder";
+                    printJsonLine(object);
+                } else {
+                    fmt::print("{}\n", display(entry.location));
+                }
+            }
+            return true;
+        },
+        [&] {
+            progress.finish();
+            status = reportCurrentFailure("find");
+        });
+    return status;
+}
+
+// ---- du -----------------------------------------------------------------------------------------
+
+struct DuOptions {
+    std::string location = ".";
+    bool summary = false;
+    bool human = false;
+    bool json = false;
+};
+
+struct Usage {
+    std::uint64_t bytes = 0;
+    std::uint64_t files = 0;
+    std::uint64_t folders = 0;
+};
+
+void printUsage(const DuOptions& options, const Usage& usage, const vfs::AbsoluteIRI& location)
+{
+    if (options.json) {
+        boost::json::object object;
+        object["iri"] = utf8(location.toString());
+        object["bytes"] = usage.bytes;
+        object["files"] = usage.files;
+        object["folders"] = usage.folders;
+        printJsonLine(object);
+        return;
+    }
+    fmt::print("{}\t{}\n", options.human ? humanSize(usage.bytes) : std::to_string(usage.bytes), display(location));
+}
+
+int runDu(Tool& tool, const DuOptions& options)
+{
+    const vfs::AbsoluteIRI location = tool.locate(options.location);
+    int status = Success;
+    Progress progress("scanned");
+    if (tool.existingKindAt(location, options.location) == provider::ExistenceType::File) {
+        printUsage(options, Usage{tool.file(location).getAttributes().getSize(), 1, 0}, location);
+        return Success;
+    }
+    TraversalOptions traversal;
+    traversal.withAttributes = true;
+    // Totals of the folders still open on the way down; a folder's line is printed once its content
+    // is summed (du prints children before their parent).
+    std::function<Usage(const vfs::Folder&, const VisitedEntry*, const vfs::AbsoluteIRI&)> sum =
+        [&](const vfs::Folder& folder, const VisitedEntry* self, const vfs::AbsoluteIRI& where) {
+            Usage total;
+            std::vector<VisitedEntry> children;
+            try {
+                children = childrenOf(folder, traversal, self);
+            } catch (const ToolError&) {
+                throw;
+            } catch (...) {
+                progress.finish();
+                status = reportCurrentFailure("du");
+            }
+            for (const VisitedEntry& child : children) {
+                if (child.isFile) {
+                    total.bytes += child.fileAttributes->getSize();
+                    ++total.files;
+                    progress.add(1, child.fileAttributes->getSize());
+                } else if (child.enterable()) {
+                    const Usage below = sum(*child.folder, &child, child.location);
+                    total.bytes += below.bytes;
+                    total.files += below.files;
+                    total.folders += below.folders + 1;
+                    progress.add(1);
+                }
+            }
+            if (!options.summary || !self) {
+                progress.finish();
+                printUsage(options, total, where);
+            }
+            return total;
+        };
+    sum(tool.folder(location), nullptr, location);
+    return status;
+}
+
+} // namespace
+
+void addListCommands(const CommandSet& commands)
+{
+    auto ls = std::make_shared<LsOptions>();
+    CLI::App* lsCommand = commands.app.add_subcommand("ls", "List a folder's children (or show a file)");
+    lsCommand->add_flag("-l", ls->longFormat, "Long format: type, size, modification time, name");
+    lsCommand->add_flag("-R", ls->recursive, "List subfolders recursively");
+    lsCommand->add_flag("-a", ls->all, "Include hidden entries (names starting with '.')");
+    lsCommand->add_flag("-h,--human", ls->human, "Sizes in K, M, G (with -l)");
+    lsCommand->add_option("--pattern", ls->pattern, "Only files whose names match this '*'/'?' pattern");
+    lsCommand->add_flag("--json", ls->json, "One JSON object per entry and line");
+    lsCommand->add_option("LOCATION", ls->location, "An IRI or a local path (default: .)");
+    lsCommand->callback([=] { commands.status = runReported("ls", [&] { return runLs(commands.tool, *ls); }); });
+
+    auto treeLocation = std::make_shared<std::string>(".");
+    auto treeAll = std::make_shared<bool>(false);
+    CLI::App* tree = commands.app.add_subcommand("tree", "Draw a folder tree");
+    tree->add_flag("-a", *treeAll, "Include hidden entries");
+    tree->add_option("LOCATION", *treeLocation, "An IRI or a local path (default: .)");
+    tree->callback([=] {
+        commands.status = runReported("tree", [&] { return runTree(commands.tool, *treeLocation, *treeAll); });
+    });
+
+    auto find = std::make_shared<FindOptions>();
+    CLI::App* findCommand = commands.app.add_subcommand("find", "Find files and folders below a folder");
+    findCommand->add_option("LOCATION", find->location, "An IRI or a local path (default: .)");
+    findCommand->add_option("--name", find->name, "Only names matching this '*'/'?' pattern");
+    findCommand->add_option("--type", find->type, "f for files, d for folders")->check(CLI::IsMember({"f", "d"}));
+    findCommand->add_flag("--json", find->json, "One JSON object per match and line");
+    findCommand->callback(
+        [=] { commands.status = runReported("find", [&] { return runFind(commands.tool, *find); }); });
+
+    auto du = std::make_shared<DuOptions>();
+    CLI::App* duCommand = commands.app.add_subcommand("du", "Sum the sizes of the files below a folder");
+    duCommand->add_flag("-s", du->summary, "Only the total of LOCATION");
+    duCommand->add_flag("-h,--human", du->human, "Sizes in K, M, G");
+    duCommand->add_flag("--json", du->json, "One JSON object per folder and line");
+    duCommand->add_option("LOCATION", du->location, "An IRI or a local path (default: .)");
+    duCommand->callback([=] { commands.status = runReported("du", [&] { return runDu(commands.tool, *du); }); });
+}
+
+} // namespace vfs_tool

@@ -1,0 +1,165 @@
+#include "Tool.hpp"
+
+#include <fmt/core.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+
+namespace vfs_tool {
+
+std::atomic<bool>& interrupted() noexcept
+{
+    static std::atomic<bool> flag{false};
+    return flag;
+}
+
+namespace {
+
+extern "C" void onInterrupt(int)
+{
+    interrupted().store(true, std::memory_order_relaxed);
+}
+
+// The words for a library error code; "not a folder" and "not a file" come from the contexts.
+std::string describe(const vfs::Exception& error)
+{
+    const ustring contexts = error.getExceptionContextsString();
+    if (contexts.find(u"not-a-folder") != ustring::npos)
+        return "not a folder";
+    if (contexts.find(u"not-a-file") != ustring::npos)
+        return "not a file";
+    if (contexts.find(u"into-itself") != ustring::npos)
+        return "cannot move or copy a folder into itself";
+    switch (error.getErrorCode()) {
+    case vfs::ErrorCode::FolderNotEmpty: return "folder not empty";
+    case vfs::ErrorCode::InvalidLocation: return "invalid location";
+    case vfs::ErrorCode::PermissionDenied: return "permission denied";
+    case vfs::ErrorCode::ResourceAlreadyExists: return "already exists";
+    case vfs::ErrorCode::ResourceNotFound: return "no such file or folder";
+    case vfs::ErrorCode::ReadOnlyProvider: return "read-only storage";
+    case vfs::ErrorCode::FileTooLarge: return "file too large";
+    case vfs::ErrorCode::ResourceInUse: return "in use";
+    case vfs::ErrorCode::NoSpaceLeft: return "no space left";
+    case vfs::ErrorCode::IOError: return "input/output error";
+    case vfs::ErrorCode::InternalError: return "internal error";
+    case vfs::ErrorCode::UnsupportedOperation: return "not supported here";
+    case vfs::ErrorCode::Unknown: break;
+    }
+    return "failed";
+}
+
+void printFailure(const std::string& command, const std::string& what, const std::string& location)
+{
+    std::fflush(stdout);
+    if (location.empty())
+        fmt::print(stderr, "vfs: {}: {}\n", command, what);
+    else
+        fmt::print(stderr, "vfs: {}: {}: {}\n", command, what, location);
+}
+
+} // namespace
+
+void installInterruptHandler()
+{
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+}
+
+void checkInterrupted()
+{
+    if (interrupted().load(std::memory_order_relaxed))
+        throw ToolError("interrupted", "");
+}
+
+std::string utf8(const ustring& text) { return fl::i18n::ustring_to_utf8_lossy(text); }
+
+ustring utf16(const std::string& text) { return fl::i18n::utf8_to_ustring_lossy(text); }
+
+std::string display(const vfs::AbsoluteIRI& location)
+{
+    if (location.getScheme() == u"file" && !location.hasInnerIRI())
+        return vfs::fromAbsoluteIRI(location).string();
+    return utf8(location.toString());
+}
+
+Tool::Tool() : m_system(std::make_shared<vfs::DefaultStorageSystem>()) {}
+Tool::~Tool() = default;
+
+vfs::StorageSystemReference Tool::system() const
+{
+    return vfs::StorageSystemReference{std::weak_ptr<vfs::StorageSystem>(m_system)};
+}
+
+vfs::AbsoluteIRI Tool::locate(const std::string& operand) const
+{
+    if (operand.empty())
+        throw ToolError("empty location", "''", Usage);
+    ustring text;
+    try {
+        text = fl::i18n::utf8_to_ustring(operand);
+    } catch (const fl::i18n::conversion_error&) {
+        throw ToolError("not valid UTF-8", operand, Usage);
+    }
+    try {
+        if (vfs::hasIRIPrefix(text))
+            return vfs::AbsoluteIRI(text);
+        return vfs::toAbsoluteIRI(u"", std::filesystem::path(operand));
+    } catch (const std::exception&) {
+        throw ToolError("neither an IRI nor a path", operand, Usage);
+    }
+}
+
+vfs::File Tool::file(const vfs::AbsoluteIRI& location) const { return vfs::File(location, system()); }
+
+vfs::Folder Tool::folder(const vfs::AbsoluteIRI& location) const { return vfs::Folder(location, system()); }
+
+provider::ExistenceType Tool::kindAt(const vfs::AbsoluteIRI& location) const
+{
+    return vfs::exists(location, system());
+}
+
+provider::ExistenceType Tool::existingKindAt(const vfs::AbsoluteIRI& location, const std::string& operand) const
+{
+    const auto kind = kindAt(location);
+    if (kind == provider::ExistenceType::NotFound)
+        throw ToolError("no such file or folder", operand);
+    return kind;
+}
+
+int reportCurrentFailure(const std::string& command)
+{
+    try {
+        throw;
+    } catch (const ToolError& error) {
+        printFailure(command, error.what(), error.location());
+        return error.exitCode();
+    } catch (const vfs::Exception& error) {
+        printFailure(command, describe(error), display(error.getLocation()));
+    } catch (const vfs::UnsupportedIRISchemeException& error) {
+        printFailure(command, "no storage for the scheme", utf8(error.getScheme()));
+        return Usage;
+    } catch (const vfs::InvalidIRIException& error) {
+        printFailure(command, "not a valid IRI", utf8(error.getInvalidIRIString()));
+        return Usage;
+    } catch (const std::exception& error) {
+        printFailure(command, error.what(), "");
+    }
+    return Failed;
+}
+
+int runReported(const std::string& command, const std::function<int()>& body)
+{
+    try {
+        return body();
+    } catch (...) {
+        return reportCurrentFailure(command);
+    }
+}
+
+} // namespace vfs_tool
