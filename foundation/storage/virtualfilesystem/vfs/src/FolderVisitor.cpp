@@ -1,5 +1,7 @@
 #include <foundation/storage/vfs/FolderListing.hpp>
 #include <foundation/storage/vfs/FolderVisitor.hpp>
+#include <foundation/storage/vfs/detail/FolderListingIteratorImpl.hpp>
+#include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/throw_exception.hpp>
 #include <boost/variant/get.hpp>
@@ -17,6 +19,25 @@ namespace {
 
 using AnyEntry = boost::variant<FileEntry, FolderEntry>;
 
+// A folder's children as entries. The provider is asked for names and kinds only: an entry fetches
+// its attributes when a visitor asks for them, so a walk costs no request per child that nobody
+// looks at. Provider failures arrive translated, here or while advancing.
+class Children {
+public:
+    explicit Children(const Folder& folder)
+        : m_at(folder, detail::translated([&] { return detail::HandleAccess::item(folder).listAllNamesOnly(ustring()); })),
+          m_end(folder)
+    {
+    }
+    bool done() const { return m_at.equal(m_end); }
+    const AnyEntry& current() const { return m_at.dereference(); }
+    void advance() { m_at.increment(); }
+
+private:
+    detail::FolderListingIteratorImpl<AnyEntry> m_at;
+    detail::FolderListingIteratorImpl<AnyEntry> m_end;
+};
+
 // How a failure inside folder `entry` ends its visit: a folder that has vanished simply ends.
 FolderVisitResult failedInside(FolderVisitor& visitor, const FolderEntry& entry, const Exception& error)
 {
@@ -31,9 +52,8 @@ FolderVisitResult walkSequentially(const FolderEntry& folder, FolderVisitor& vis
     if (before != FolderVisitResult::Continue)
         return before;
     try {
-        const auto listing = folder.getFolder().listAllEntries(ustring());
-        for (auto at = listing.begin(), end = listing.end(); at != end; ++at) {
-            const AnyEntry& child = *at;
+        for (Children children(folder.getFolder()); !children.done(); children.advance()) {
+            const AnyEntry& child = children.current();
             const FolderVisitResult result = child.which() == 0
                                                  ? visitor.visitEntry(boost::get<FileEntry>(child))
                                                  : walkSequentially(boost::get<FolderEntry>(child), visitor);
@@ -116,9 +136,8 @@ private:
         else
             group.emplace();
         try {
-            const auto listing = folder.getFolder().listAllEntries(ustring());
-            for (auto at = listing.begin(), end = listing.end(); at != end; ++at)
-                group->run([this, &children, child = *at] { children.add(visitChild(child)); });
+            for (Children listing(folder.getFolder()); !listing.done(); listing.advance())
+                group->run([this, &children, child = listing.current()] { children.add(visitChild(child)); });
         } catch (const Exception& error) {
             cancelAndWait(*group);
             return failedInside(m_visitor, folder, error);
