@@ -114,11 +114,10 @@ private:
         Frame& frame = m_stack.back();
         Child child = std::move(frame.children[frame.next++]);
         ustring name;
-        try {
-            name = frame.relative + fl::i18n::utf8_to_ustring(child.name);
-        } catch (const fl::i18n::conversion_error&) {
+        name.reserve(frame.relative.size() + child.name.size());
+        name = frame.relative;
+        if (!appendName(name, child.name))
             return true; // cannot become an IRI: left out, as flat listings do
-        }
         const int folder = frame.folder.get();
         bool enter = false;
         if (auto entry = inspect(folder, child, std::move(name), enter)) {
@@ -128,6 +127,22 @@ private:
             if (m_kind == ListKind::All || (m_kind == ListKind::Files) == entry->isFile)
                 into.push_back(*std::move(entry));
         }
+        return true;
+    }
+
+    // Names are mostly ASCII: those are widened in place; the rest goes through the converter.
+    static bool appendName(ustring& into, const std::string& raw)
+    {
+        for (const char c : raw)
+            if (static_cast<unsigned char>(c) >= 0x80) {
+                try {
+                    into += fl::i18n::utf8_to_ustring(raw);
+                } catch (const fl::i18n::conversion_error&) {
+                    return false;
+                }
+                return true;
+            }
+        into.append(raw.begin(), raw.end());
         return true;
     }
 
