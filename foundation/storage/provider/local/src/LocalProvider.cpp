@@ -198,7 +198,8 @@ public:
     bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override
     {
         static_cast<void>(nativePath(location));
-        return feature == ExtendedFeature::RecursiveRemoval || feature == ExtendedFeature::FlatWildcardListing;
+        return feature == ExtendedFeature::RecursiveRemoval || feature == ExtendedFeature::RecursiveListing ||
+               feature == ExtendedFeature::FlatWildcardListing;
     }
 
     bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
@@ -481,7 +482,7 @@ public:
 
     std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const override
     {
-        return detail::listFolder(location, options);
+        return options.recursive ? detail::listTree(location, options) : detail::listFolder(location, options);
     }
 
     // ---- the storage as a whole ----------------------------------------------------------------

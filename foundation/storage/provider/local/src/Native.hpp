@@ -143,6 +143,8 @@ private:
 
 // The children of the folder at `location` (see IProvider::list).
 std::unique_ptr<IFolderEntryIterator> listFolder(const StorageIRI& location, const ListOptions& options);
+// The whole tree below the folder at `location` (see IProvider::list with `recursive`).
+std::unique_ptr<IFolderEntryIterator> listTree(const StorageIRI& location, const ListOptions& options);
 
 // Copies the file at `from` to `to`, both on the local disk (see IProvider::copyFile).
 TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options);

@@ -5,12 +5,9 @@
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/throw_exception.hpp>
-#include <boost/variant/get.hpp>
-#include <boost/variant/variant.hpp>
+#include "TreeVisitors.hpp"
 
-#include <optional>
 #include <utility>
-#include <vector>
 
 namespace foundation::storage::vfs {
 
@@ -18,7 +15,6 @@ namespace {
 
 using ProviderCode = provider::ErrorCode;
 using provider::ReplacementPolicy;
-using AnyEntry = boost::variant<FileEntry, FolderEntry>;
 
 provider::StorageItem bind(const provider::StorageIRI& location, const StorageSystemReference& system)
 {
@@ -43,156 +39,6 @@ ReplacementPolicy folderPolicyForProvider(ReplacementPolicy policy) noexcept
 {
     return policy == ReplacementPolicy::MergeCollectingFailures ? ReplacementPolicy::MergeFolders : policy;
 }
-
-// The children of `folder` as one snapshot: the tree is changed while they are handled, and no
-// provider has to keep a listing stable under its own removals.
-std::vector<AnyEntry> childrenOf(const Folder& folder)
-{
-    std::vector<AnyEntry> children;
-    for (const AnyEntry& entry : folder.listAllEntries(ustring()))
-        children.push_back(entry);
-    return children;
-}
-
-bool isMissing(const Exception& error, const AbsoluteIRI& location)
-{
-    return error.getErrorCode() == ErrorCode::ResourceNotFound && error.getLocation() == location;
-}
-
-void removeIgnoringMissing(const File& file)
-{
-    try {
-        file.removeFile();
-    } catch (const Exception& error) {
-        if (!isMissing(error, file.getLocation()))
-            throw;
-    }
-}
-
-void removeTree(const Folder& folder, bool isRoot);
-
-void removeChild(const Folder& parent, const AnyEntry& child)
-{
-    if (const auto* file = boost::get<FileEntry>(&child)) {
-        removeIgnoringMissing(file->getFile());
-        return;
-    }
-    const auto& subfolder = boost::get<FolderEntry>(child);
-    bool isLink = false;
-    try {
-        isLink = subfolder.getAttributes().isSymlink();
-    } catch (const Exception& error) {
-        if (isMissing(error, subfolder.getFolder().getLocation()))
-            return;
-        throw;
-    }
-    if (isLink)
-        removeIgnoringMissing(File(parent, subfolder.getName()));
-    else
-        removeTree(subfolder.getFolder(), false);
-}
-
-// Deletes `folder` and everything below it, files first, each folder after its contents. Links are
-// removed as links: a linked folder's contents are never touched. What has vanished meanwhile counts
-// as removed, except the root itself.
-void removeTree(const Folder& folder, bool isRoot)
-{
-    try {
-        for (const AnyEntry& child : childrenOf(folder))
-            removeChild(folder, child);
-        folder.removeFolder(FolderRemovalPolicy::NonRecursive);
-    } catch (const Exception& error) {
-        if (isRoot || !isMissing(error, folder.getLocation()))
-            throw;
-    }
-}
-
-// The state of one copy of a tree: what the policy asks, the failures MergeCollectingFailures puts
-// aside, and the source folders being copied (outermost first, canonical locations computed when a
-// link needs them) to recognise a link that leads back into the copy.
-class TreeCopy {
-public:
-    explicit TreeCopy(ReplacementPolicy policy) : m_policy(policy) {}
-
-    void copy(const Folder& source, const Folder& target)
-    {
-        prepareTarget(target);
-        m_path.push_back({source, std::nullopt});
-        for (const AnyEntry& child : childrenOf(source)) {
-            if (const auto* file = boost::get<FileEntry>(&child)) {
-                copyFile(file->getFile(), File(target, file->getName()));
-                continue;
-            }
-            const auto& subfolder = boost::get<FolderEntry>(child);
-            if (subfolder.getAttributes().isSymlink())
-                refuseCircularLink(subfolder.getFolder());
-            copy(subfolder.getFolder(), Folder(target, subfolder.getName()));
-        }
-        m_path.pop_back();
-        target.setLastModified(source.getAttributes().getLastModified());
-    }
-
-    // The first failure put aside, if any.
-    void throwCollected() const
-    {
-        if (!m_collected.empty())
-            boost::throw_exception(m_collected.front());
-    }
-
-private:
-    struct Visited {
-        Folder folder;
-        std::optional<CanonicalAbsoluteIRI> canonical;
-    };
-
-    void prepareTarget(const Folder& target) const
-    {
-        if (!target.folderExists()) {
-            target.createFolder();
-            return;
-        }
-        switch (m_policy) {
-        case ReplacementPolicy::FailIfExists:
-            boost::throw_exception(Exception(ErrorCode::ResourceAlreadyExists, target.getLocation()));
-        case ReplacementPolicy::Replace:
-            // Replaces an empty folder only: the provider reports FolderNotEmpty otherwise.
-            target.removeFolder(FolderRemovalPolicy::NonRecursive);
-            target.createFolder();
-            return;
-        default:
-            return; // merge into it
-        }
-    }
-
-    void copyFile(const File& source, const File& target)
-    {
-        try {
-            source.copyFile(target, m_policy);
-        } catch (const Exception& error) {
-            if (m_policy == ReplacementPolicy::MergeCollectingFailures &&
-                error.getErrorCode() == ErrorCode::PermissionDenied)
-                m_collected.push_back(error);
-            else if (!isMissing(error, source.getLocation())) // a source that vanished is skipped
-                throw;
-        }
-    }
-
-    void refuseCircularLink(const Folder& link)
-    {
-        const CanonicalAbsoluteIRI target = link.getCanonicalLocation();
-        for (Visited& visited : m_path) {
-            if (!visited.canonical)
-                visited.canonical = visited.folder.getCanonicalLocation();
-            if (target == *visited.canonical || target.isAncestorOf(*visited.canonical))
-                boost::throw_exception(Exception(ErrorCode::InvalidLocation, target)
-                                           .withExceptionContexts({provider::ExceptionContext(u"circular_symlink")}));
-        }
-    }
-
-    ReplacementPolicy m_policy;
-    std::vector<Exception> m_collected;
-    std::vector<Visited> m_path;
-};
 
 } // namespace
 
@@ -325,14 +171,18 @@ void Folder::createFolderRecursive() const
 
 void Folder::removeFolder(const FolderRemovalPolicy& policy) const
 {
-    detail::translated([&] {
-        if (policy == FolderRemovalPolicy::NonRecursive)
+    const bool native = detail::translated([&] {
+        if (policy == FolderRemovalPolicy::NonRecursive) {
             m_item.removeFolder();
-        else if (m_item.hasFeature(provider::ExtendedFeature::RecursiveRemoval))
-            m_item.removeFolderRecursively();
-        else
-            removeTreeEntryByEntry();
+            return true;
+        }
+        if (!m_item.hasFeature(provider::ExtendedFeature::RecursiveRemoval))
+            return false;
+        m_item.removeFolderRecursively();
+        return true;
     });
+    if (!native)
+        detail::removeTreeByWalking(*this);
 }
 
 void Folder::moveFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const
@@ -348,22 +198,8 @@ void Folder::moveFolder(const Folder& destination, const provider::ReplacementPo
             detail::translateProviderException();
         }
     }
-    copyTreeForMove(destination, policy);
+    copyFolder(destination, policy);
     removeFolder(FolderRemovalPolicy::Recursive);
-}
-
-void Folder::removeTreeEntryByEntry() const { removeTree(*this, true); }
-
-void Folder::copyTreeForMove(const Folder& destination, provider::ReplacementPolicy policy) const
-{
-    // Copying a folder into itself would never end, and onto itself would overwrite what it reads.
-    const auto& source = m_item.getLocation();
-    const auto& target = destination.m_item.getLocation();
-    if (source == target || (source.isAncestorOf(target) && folderExists()))
-        boost::throw_exception(Exception(ErrorCode::InvalidLocation, destination.getLocation()));
-    TreeCopy copy(policy);
-    copy.copy(*this, destination);
-    copy.throwCollected();
 }
 
 provider::FolderAttributes Folder::getAttributes() const

@@ -4,6 +4,7 @@
 #include <foundation/storage/vfs/FolderListing.hpp>
 #include <foundation/storage/vfs/detail/FolderIteratorWildcardsImpl.hpp>
 #include <foundation/storage/vfs/detail/FolderListingIteratorImpl.hpp>
+#include <foundation/storage/vfs/detail/RecursiveFolderListingIteratorImpl.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/variant/apply_visitor.hpp>
@@ -523,6 +524,52 @@ FolderListing<FolderEntry> Folder::listFolderEntries(ustring pattern) const
     const bool filterHere = !pattern.empty() && !providerSupportsFlatWildcardListing();
     return FolderListing<FolderEntry>(
         listingImpl<FolderEntry>(*this, std::move(found), std::move(pattern), filterHere));
+}
+
+namespace {
+
+// The provider's own recursive listing when it has one (filtered here when it cannot apply the
+// pattern itself), the library's walk otherwise.
+template <class T, class ProviderListing>
+std::shared_ptr<detail::IFolderIteratorImpl<T>> recursiveListing(const Folder& folder, const provider::StorageItem& item, ustring pattern,
+                                  ProviderListing&& providerListing)
+{
+    using provider::ExtendedFeature;
+    const bool native = detail::translated([&] { return item.hasFeature(ExtendedFeature::RecursiveListing); });
+    if (!native)
+        return std::make_shared<detail::RecursiveFolderListingIteratorImpl<T>>(folder, std::move(pattern));
+    auto found = providerListing(pattern);
+    const bool filterHere = !pattern.empty() && !detail::translated([&] {
+        return item.hasFeature(ExtendedFeature::RecursiveWildcardListing);
+    });
+    return listingImpl<T>(folder, std::move(found), std::move(pattern), filterHere);
+}
+
+} // namespace
+
+FolderListing<ListEntry> Folder::listAllRecursive(ustring pattern) const
+{
+    return FolderListing<ListEntry>(recursiveListing<ListEntry>(*this, m_item, std::move(pattern), [&](const ustring& asked) {
+        return doListAllRecursive_provider_specialization(asked);
+    }));
+}
+
+FolderListing<boost::variant<FileEntry, FolderEntry>> Folder::listAllEntriesRecursive(ustring pattern) const
+{
+    return FolderListing<boost::variant<FileEntry, FolderEntry>>(recursiveListing<boost::variant<FileEntry, FolderEntry>>(
+        *this, m_item, std::move(pattern),
+        [&](const ustring& asked) { return doListAllEntriesRecursive_provider_specialization(asked); }));
+}
+
+std::unique_ptr<provider::IFolderEntryIterator> Folder::doListAllRecursive_provider_specialization(ustring pattern) const
+{
+    return detail::translated([&] { return m_item.listAllRecursiveNamesOnly(std::move(pattern)); });
+}
+
+std::unique_ptr<provider::IFolderEntryIterator>
+Folder::doListAllEntriesRecursive_provider_specialization(ustring pattern) const
+{
+    return detail::translated([&] { return m_item.listAllRecursive(std::move(pattern)); });
 }
 
 // Names-only listings for the element types that carry no attributes; full listings for entries.

@@ -6,9 +6,11 @@
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/File.hpp>
+#include <foundation/storage/vfs/FileOrFolder.hpp>
 #include <foundation/storage/vfs/Folder.hpp>
 #include <foundation/storage/vfs/FolderEntries.hpp>
 #include <foundation/storage/vfs/FolderListing.hpp>
+#include <foundation/storage/vfs/FolderVisitor.hpp>
 #include <foundation/storage/vfs/IOException.hpp>
 #include <foundation/storage/vfs/ProviderExtensions.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>

@@ -112,6 +112,27 @@ public:
     FolderListing<FileEntry> listFileEntries(ustring pattern) const;
     FolderListing<Folder> listFolders(ustring pattern) const;
     FolderListing<FolderEntry> listFolderEntries(ustring pattern) const;
+    // The whole tree below this folder (not the folder itself), depth first, each folder before its
+    // contents; names are paths relative to this folder. Where the library walks the tree itself, a
+    // non-empty pattern applies at every level: a subfolder whose own name does not match is neither
+    // listed nor entered. A subfolder that cannot be read for lack of permission, or that vanishes,
+    // is listed but its contents are skipped. The listing follows links to folders as the provider
+    // lists them.
+    FolderListing<ListEntry> listAllRecursive(ustring pattern) const;
+    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntriesRecursive(ustring pattern) const;
+
+    // Makes `destination` a copy of this folder's tree under `policy` (FailIfExists: an existing
+    // folder fails with ResourceAlreadyExists; Replace: an existing empty folder is made anew, a
+    // non-empty one fails with FolderNotEmpty; MergeFolders: merged, files replaced;
+    // MergeCollectingFailures: as MergeFolders, and files that cannot be copied for lack of
+    // permission are left out and reported together at the end). Where files already exist under
+    // the other policies they are left as they are. Each copied folder keeps its source's
+    // modification time. A destination inside this folder (or this folder itself) is refused with
+    // InvalidLocation before anything is copied; a link inside the tree that leads back above the
+    // copy fails with InvalidLocation and the context "circular_symlink". Nothing is rolled back.
+    void copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const;
+    // copyFolder into the folder of this folder's name inside `destination`.
+    void copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const;
 
     // Exchanges the locations only: each Folder keeps its storage system and canonical flag. For that
     // reason there is no free swap(Folder&, Folder&): algorithms that swap elements use std::swap,
@@ -136,12 +157,10 @@ private:
     std::unique_ptr<provider::IFolderEntryIterator> doListFileEntries(ustring pattern) const;
     std::unique_ptr<provider::IFolderEntryIterator> doListFolders(ustring pattern) const;
     std::unique_ptr<provider::IFolderEntryIterator> doListFolderEntries(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListAllRecursive_provider_specialization(ustring pattern) const;
+    std::unique_ptr<provider::IFolderEntryIterator> doListAllEntriesRecursive_provider_specialization(
+        ustring pattern) const;
     bool providerSupportsFlatWildcardListing() const;
-
-    // The library's recursive removal, for providers without their own.
-    void removeTreeEntryByEntry() const;
-    // The copy behind moveFolder's fallback: `destination` becomes a copy of this folder's tree.
-    void copyTreeForMove(const Folder& destination, provider::ReplacementPolicy policy) const;
 
     provider::StorageItem m_item;
     StorageSystemReference m_storageSystem;

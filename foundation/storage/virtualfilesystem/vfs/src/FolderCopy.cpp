@@ -1,0 +1,163 @@
+#include "TreeVisitors.hpp"
+
+#include <foundation/storage/vfs/Folder.hpp>
+
+#include <boost/exception/get_error_info.hpp>
+#include <boost/exception/info.hpp>
+#include <boost/throw_exception.hpp>
+
+namespace foundation::storage::vfs {
+
+namespace detail {
+
+namespace {
+
+using provider::ReplacementPolicy;
+
+bool isNotFound(const Exception& error) noexcept { return error.getErrorCode() == ErrorCode::ResourceNotFound; }
+
+} // namespace
+
+FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy)
+{
+}
+
+FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
+{
+    if (m_current) {
+        try {
+            if (source.getAttributes().isSymlink()) {
+                // A link that leads to the current target or above it would copy the copy; one that
+                // leads to a folder holding the link itself would copy its own tree again and again.
+                const CanonicalAbsoluteIRI leadsTo = source.getCanonicalLocation();
+                const auto within = [&](const AbsoluteIRI& location) {
+                    return leadsTo == location || leadsTo.isAncestorOf(location);
+                };
+                if (within(m_current->getLocation()) || within(source.getParent().getCanonicalLocation()))
+                    boost::throw_exception(Exception(ErrorCode::InvalidLocation, leadsTo)
+                                               .withExceptionContexts({provider::ExceptionContext(u"circular_symlink")}));
+            }
+        } catch (const Exception& error) {
+            if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))
+                throw;
+            return FolderVisitResult::Skip; // vanished since it was listed: nothing to copy
+        }
+    }
+    Folder target = m_current ? Folder(*m_current, source.getName()) : m_destinationRoot;
+    if (!target.folderExists()) {
+        target.createFolder();
+    } else if (m_policy == ReplacementPolicy::FailIfExists) {
+        boost::throw_exception(Exception(ErrorCode::ResourceAlreadyExists, target.getLocation()));
+    } else if (m_policy == ReplacementPolicy::Replace) {
+        // An existing non-empty folder makes the copy fail with FolderNotEmpty here.
+        target.removeFolder(FolderRemovalPolicy::NonRecursive);
+        target.createFolder();
+    }
+    m_current = std::move(target);
+    return FolderVisitResult::Continue;
+}
+
+FolderVisitResult FolderCopyVisitor::visit(const File& source)
+{
+    const File target(*m_current, source.getName());
+    const bool merging = m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
+    if (!merging && target.fileExists())
+        return FolderVisitResult::Continue;
+    try {
+        source.copyFile(target, m_policy);
+    } catch (const Exception& error) {
+        const ErrorCode code = error.getErrorCode();
+        if (m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied)
+            m_collected.push_back(error);
+        else if (code == ErrorCode::ResourceNotFound && !(error.getLocation() == source.getLocation()))
+            // Not the source: a target folder has gone from under the copy.
+            boost::throw_exception(Exception(ErrorCode::InvalidLocation, error.getLocation()));
+        else if (code != ErrorCode::ResourceNotFound && code != ErrorCode::InvalidLocation)
+            throw;
+    }
+    return FolderVisitResult::Continue;
+}
+
+FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
+{
+    const Folder target = *m_current;
+    if (!(target == m_destinationRoot))
+        m_current = target.getParent();
+    try {
+        target.setLastModified(source.getAttributes().getLastModified());
+    } catch (const Exception& error) {
+        if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))
+            throw; // a source that vanished after its contents were copied keeps the copy's time
+    }
+    return FolderVisitResult::Continue;
+}
+
+EntryDeletionVisitor::EntryDeletionVisitor(Folder root) : m_root(std::move(root)) {}
+
+FolderVisitResult EntryDeletionVisitor::visitBefore(const Folder& folder)
+{
+    bool link = false;
+    try {
+        link = folder.getAttributes().isSymlink();
+    } catch (const Exception& error) {
+        if (!isNotFound(error) || folder == m_root)
+            throw;
+        return FolderVisitResult::Skip;
+    }
+    if (!link)
+        return FolderVisitResult::Continue;
+    visit(File(folder.getParent(), folder.getName()));
+    return FolderVisitResult::Skip;
+}
+
+FolderVisitResult EntryDeletionVisitor::visit(const File& file)
+{
+    try {
+        file.removeFile();
+    } catch (const Exception& error) {
+        if (!isNotFound(error))
+            throw;
+    }
+    return FolderVisitResult::Continue;
+}
+
+FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
+{
+    try {
+        folder.removeFolder(FolderRemovalPolicy::NonRecursive);
+    } catch (const Exception& error) {
+        if (!isNotFound(error) || folder == m_root)
+            throw;
+    }
+    return FolderVisitResult::Continue;
+}
+
+void removeTreeByWalking(const Folder& root)
+{
+    EntryDeletionVisitor visitor(root);
+    walkFolder(root, visitor);
+}
+
+} // namespace detail
+
+void Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const
+{
+    // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
+    const AbsoluteIRI target = destination.getLocation();
+    const AbsoluteIRI source = getLocation();
+    if ((source == target || source.isAncestorOf(target)) && folderExists())
+        boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
+    detail::FolderCopyVisitor visitor(destination, policy);
+    walkFolder(*this, visitor);
+    if (!visitor.collected().empty())
+        boost::throw_exception(boost::enable_error_info(visitor.collected().front())
+                               << CollectedCopyFailures(visitor.collected()));
+}
+
+void Folder::copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const
+{
+    copyFolder(Folder(destination, getName()), policy);
+}
+
+} // namespace foundation::storage::vfs

@@ -1,0 +1,50 @@
+#pragma once
+
+// The visitors behind recursive copy and the library's recursive removal. Internal.
+
+#include <foundation/storage/vfs/Exception.hpp>
+#include <foundation/storage/vfs/FolderVisitor.hpp>
+
+#include <optional>
+#include <vector>
+
+namespace foundation::storage::vfs::detail {
+
+// Copies the walked tree below a destination root, one folder level at a time: the current target
+// follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
+class FolderCopyVisitor : public FolderVisitor {
+public:
+    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy);
+
+    FolderVisitResult visitBefore(const Folder& source) override;
+    FolderVisitResult visit(const File& source) override;
+    FolderVisitResult visitAfter(const Folder& source) override;
+
+    // Permission failures put aside under MergeCollectingFailures, in the order met.
+    const std::vector<Exception>& collected() const noexcept { return m_collected; }
+
+private:
+    Folder m_destinationRoot;
+    std::optional<Folder> m_current;
+    provider::ReplacementPolicy m_policy;
+    std::vector<Exception> m_collected;
+};
+
+// Post-order deletion: files as the walk meets them, each folder after its contents, the root last.
+// A link to a folder is removed as a link and never entered, so nothing outside the tree is touched.
+// What vanishes meanwhile counts as removed, except the root itself.
+class EntryDeletionVisitor : public FolderVisitor {
+public:
+    explicit EntryDeletionVisitor(Folder root);
+
+    FolderVisitResult visitBefore(const Folder& folder) override;
+    FolderVisitResult visit(const File& file) override;
+    FolderVisitResult visitAfter(const Folder& folder) override;
+
+private:
+    Folder m_root;
+};
+
+void removeTreeByWalking(const Folder& root);
+
+} // namespace foundation::storage::vfs::detail

@@ -1,0 +1,216 @@
+#include <foundation/storage/vfs.hpp>
+
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
+#include <DecoratedStorage.hpp>
+#include <ExceptionCapture.hpp>
+#include <ListingSupport.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/exception/get_error_info.hpp>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+namespace vfs = foundation::storage::vfs;
+namespace provider = foundation::storage::provider;
+using fl::i18n::ustring;
+using provider::ExtendedFeature;
+using provider::ReplacementPolicy;
+using provider::decorators::ProviderOperation;
+using vfs::ErrorCode;
+using Names = std::vector<ustring>;
+
+template <class Call>
+ErrorCode codeOf(Call&& call)
+{
+    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call),
+                                                   [](const vfs::Exception& error) { return error.getErrorCode(); });
+}
+
+Names treeOf(const vfs::Folder& folder)
+{
+    const ustring prefix = folder.getLocation().toString() + u"/";
+    Names names;
+    for (const vfs::ListEntry& entry : folder.listAllRecursive(u""))
+        names.push_back(entry.getLocation().toString().substr(prefix.size()));
+    return vfs_test::sorted(names);
+}
+
+// Removes each file twice, so that the second removal meets a file that has already gone.
+class VanishingFiles : public provider::decorators::ProviderDecorator {
+public:
+    using ProviderDecorator::ProviderDecorator;
+    void removeFile(const provider::StorageIRI& location) const override
+    {
+        ProviderDecorator::removeFile(location);
+        ProviderDecorator::removeFile(location);
+    }
+};
+
+// Scheme, and whether the provider's own recursive removal and listing are hidden.
+class FolderCopyTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+protected:
+    static bool libraryOnly() { return std::get<1>(GetParam()); }
+    static std::set<ExtendedFeature> hidden()
+    {
+        if (!libraryOnly())
+            return {};
+        return {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing};
+    }
+
+    // src/{f (3 bytes), sub/{g}, empty/}; sub dated 2001.
+    void SetUp() override
+    {
+        work.folder(u"src/sub").createFolderRecursive();
+        work.folder(u"src/empty").createFolder();
+        work.file(u"src/f").createFile();
+        work.file(u"src/f").truncateToSize(3);
+        work.file(u"src/sub/g").createFile();
+        work.folder(u"src/sub").setLastModified(subTime);
+    }
+    provider::decorators::FaultInjectingProvider& faults() const
+    {
+        return *storage.layers(fl::i18n::utf8_to_ustring(std::get<0>(GetParam()))).faults;
+    }
+
+    const boost::posix_time::ptime subTime = boost::posix_time::time_from_string("2001-02-03 04:05:06");
+    vfs_test::DecoratedStorage storage{hidden()};
+    vfs_test::WorkingFolder work{std::get<0>(GetParam()), storage.ref};
+    const vfs::Folder src = work.folder(u"src");
+    const Names srcTree{u"empty", u"f", u"sub", u"sub/g"};
+};
+
+INSTANTIATE_TEST_SUITE_P(Providers, FolderCopyTest, testing::Combine(testing::Values("file", "mem"), testing::Bool()),
+                         [](const auto& info) {
+                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "_library" : "_native");
+                         });
+
+TEST_P(FolderCopyTest, CopiesTheTreeWithFolderTimes)
+{
+    const vfs::Folder into = work.folder(u"d");
+    into.createFolder();
+    src.copyFolderInto(into, ReplacementPolicy::FailIfExists);
+    const vfs::Folder copy = work.folder(u"d/src");
+    EXPECT_EQ(treeOf(copy), srcTree);
+    EXPECT_EQ(work.file(u"d/src/f").getAttributes().getSize(), 3u);
+    EXPECT_EQ(work.folder(u"d/src/sub").getAttributes().getLastModified(), subTime);
+    EXPECT_EQ(treeOf(src), srcTree);
+}
+
+TEST_P(FolderCopyTest, NeverIntoItsOwnTree)
+{
+    for (const ustring target : {u"src/sub/inner", u"src"}) {
+        EXPECT_EQ(codeOf([&] { src.copyFolder(work.folder(target), ReplacementPolicy::MergeFolders); }),
+                  ErrorCode::InvalidLocation);
+        EXPECT_EQ(treeOf(src), srcTree);
+    }
+}
+
+TEST_P(FolderCopyTest, PoliciesMeetAnExistingDestination)
+{
+    // d/{f (1 byte), extra}
+    const auto prepare = [&](const ustring& name) {
+        const vfs::Folder destination = work.folder(name);
+        destination.createFolder();
+        work.file(name + u"/f").createFile();
+        work.file(name + u"/f").truncateToSize(1);
+        work.file(name + u"/extra").createFile();
+        return destination;
+    };
+    EXPECT_EQ(codeOf([&] { src.copyFolder(prepare(u"d0"), ReplacementPolicy::FailIfExists); }),
+              ErrorCode::ResourceAlreadyExists);
+    EXPECT_EQ(codeOf([&] { src.copyFolder(prepare(u"d1"), ReplacementPolicy::Replace); }), ErrorCode::FolderNotEmpty);
+
+    src.copyFolder(prepare(u"d2"), ReplacementPolicy::MergeFolders);
+    EXPECT_EQ(treeOf(work.folder(u"d2")), (Names{u"empty", u"extra", u"f", u"sub", u"sub/g"}));
+    EXPECT_EQ(work.file(u"d2/f").getAttributes().getSize(), 3u);
+
+    src.copyFolder(prepare(u"d4"), ReplacementPolicy::ReplaceIfNewer);
+    EXPECT_EQ(work.file(u"d4/f").getAttributes().getSize(), 1u); // existing files are left alone
+    EXPECT_TRUE(work.file(u"d4/sub/g").fileExists());
+
+    // Permission failures are put aside and reported together once the rest is copied.
+    faults().addFault({ProviderOperation::CopyFile, provider::StorageIRI(work.location(u"src/sub/g").toString()),
+                       provider::ErrorCode::PermissionDenied});
+    const auto collected = vfs_test::inspectThrown<vfs::Exception>(
+        [&] { src.copyFolder(prepare(u"d3"), ReplacementPolicy::MergeCollectingFailures); },
+        [](const vfs::Exception& error) {
+            const auto* all = boost::get_error_info<vfs::CollectedCopyFailures>(error);
+            return all ? all->size() : 0u;
+        });
+    EXPECT_EQ(collected, 1u);
+    EXPECT_EQ(work.file(u"d3/f").getAttributes().getSize(), 3u);
+    EXPECT_FALSE(work.file(u"d3/sub/g").fileExists());
+}
+
+TEST_P(FolderCopyTest, RecursiveRemovalTakesTheTreeOnly)
+{
+    work.file(u"sibling").createFile();
+    src.removeFolder(vfs::FolderRemovalPolicy::Recursive);
+    EXPECT_FALSE(src.folderExists());
+    EXPECT_TRUE(work.file(u"sibling").fileExists());
+    // A root that has gone is reported.
+    EXPECT_EQ(codeOf([&] { src.removeFolder(vfs::FolderRemovalPolicy::Recursive); }), ErrorCode::ResourceNotFound);
+    // An unreadable folder stops the removal there.
+    work.folder(u"t/u").createFolderRecursive();
+    faults().addFault({ProviderOperation::List, provider::StorageIRI(work.location(u"t/u").toString()),
+                       provider::ErrorCode::PermissionDenied});
+    faults().addFault({ProviderOperation::RemoveFolderRecursively, std::nullopt, provider::ErrorCode::PermissionDenied});
+    EXPECT_EQ(codeOf([&] { work.folder(u"t").removeFolder(vfs::FolderRemovalPolicy::Recursive); }),
+              ErrorCode::PermissionDenied);
+    EXPECT_TRUE(work.folder(u"t/u").folderExists());
+}
+
+TEST(FolderRemovalTest, FilesVanishingMeanwhileCountAsRemoved)
+{
+    for (const std::string scheme : {"file", "mem"}) {
+        vfs_test::DecoratedStorage storage({ExtendedFeature::RecursiveRemoval}, [](auto inner) {
+            return std::make_shared<VanishingFiles>(std::move(inner));
+        });
+        vfs_test::WorkingFolder work{scheme, storage.ref};
+        work.folder(u"t/a").createFolderRecursive();
+        work.file(u"t/a/b").createFile();
+        work.folder(u"t").removeFolder(vfs::FolderRemovalPolicy::Recursive);
+        EXPECT_FALSE(work.folder(u"t").folderExists()) << scheme;
+    }
+}
+
+// Links: removal never follows one out of the tree, and a copy that a link leads back above the
+// destination fails instead of copying the copy.
+TEST(LocalFolderTreeTest, LinksLeadNowhereOutsideTheTree)
+{
+    for (const bool library : {false, true}) {
+        vfs_test::DecoratedStorage storage(library ? std::set<ExtendedFeature>{ExtendedFeature::RecursiveRemoval}
+                                                   : std::set<ExtendedFeature>{});
+        vfs_test::WorkingFolder work{"file", storage.ref};
+        const auto disk = work.localDir()->path();
+        work.folder(u"outside").createFolder();
+        work.folder(u"t/a").createFolderRecursive();
+        work.file(u"outside/keep").createFile();
+        work.file(u"t/a/f").createFile();
+        std::filesystem::create_directory_symlink(disk / "outside", disk / "t/a/to-folder");
+        std::filesystem::create_symlink(disk / "outside/keep", disk / "t/to-file");
+        std::filesystem::create_directory_symlink("..", disk / "t/a/loop");
+        work.folder(u"t").removeFolder(vfs::FolderRemovalPolicy::Recursive);
+        EXPECT_FALSE(std::filesystem::exists(disk / "t")) << library;
+        EXPECT_TRUE(std::filesystem::exists(disk / "outside/keep")) << library;
+
+        work.folder(u"s").createFolder();
+        std::filesystem::create_directory_symlink(disk, disk / "s/up");
+        const auto contexts = vfs_test::inspectThrown<vfs::Exception>(
+            [&] { work.folder(u"s").copyFolder(work.folder(u"d"), ReplacementPolicy::FailIfExists); },
+            [](const vfs::Exception& error) { return error.getExceptionContextsString(); });
+        EXPECT_EQ(contexts, u"circular_symlink");
+    }
+}
+
+} // namespace
