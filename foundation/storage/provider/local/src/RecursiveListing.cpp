@@ -197,7 +197,11 @@ private:
         const bool isFile = !S_ISDIR(info.st_mode);
         if (!m_withAttributes)
             return Entry{std::move(name), isFile, {}, {}};
-        const bool writable = writableAt(folder, raw, info.st_mode);
+        // Credentials and the read-only flag are taken once, at the first folder that needs them: a
+        // tree that crosses into a read-only mount is judged by where it started.
+        if (!m_writeAccess)
+            m_writeAccess.emplace(folder, nullptr);
+        const bool writable = m_writeAccess->allows(info);
         const std::u16string_view bare = std::u16string_view(name).substr(name.rfind(u'/') + 1);
         if (isFile) {
             auto attributes = fileAttributes(info, writable, symlink, bare);
@@ -218,6 +222,7 @@ private:
     const StorageIRI m_location;
     const ListKind m_kind;
     const bool m_withAttributes;
+    std::optional<WriteAccess> m_writeAccess;
     DirectoryReader m_reader;
     std::vector<Frame> m_stack;
     std::exception_ptr m_failure;
