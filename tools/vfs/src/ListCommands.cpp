@@ -11,6 +11,7 @@
 #include <boost/json/object.hpp>
 
 #include <map>
+#include <mutex>
 #include <memory>
 
 namespace vfs_tool {
@@ -148,40 +149,87 @@ struct FindOptions {
     bool json = false;
 };
 
+// Prints the matches of a walk. Under the parallel walk its visits run on several threads at once:
+// the counters are atomic and printing is serialised.
+class FindVisitor : public vfs::FolderVisitor {
+public:
+    FindVisitor(const FindOptions& options, const vfs::AbsoluteIRI& root)
+        : m_options(options), m_root(root), m_pattern(utf16(options.name)), m_progress("scanned")
+    {
+    }
+
+    vfs::FolderVisitResult visitEntryBefore(const vfs::FolderEntry& entry) override
+    {
+        const vfs::AbsoluteIRI location = entry.getFolder().getLocation();
+        if (location != m_root)
+            report(entry.getName(), location, false);
+        return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+    }
+
+    vfs::FolderVisitResult visitEntry(const vfs::FileEntry& entry) override
+    {
+        report(entry.getName(), entry.getFile().getLocation(), true);
+        return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+    }
+
+    // An unreadable folder is reported and left out; the walk goes on.
+    vfs::FolderVisitResult visitFolderEntryFailed(const vfs::FolderEntry&, const vfs::Exception& failure) override
+    {
+        std::lock_guard lock(m_printing);
+        m_progress.finish();
+        try {
+            failure.rethrow();
+        } catch (...) {
+            m_status = reportCurrentFailure("find");
+        }
+        return vfs::FolderVisitResult::Skip;
+    }
+
+    int status() const { return m_status; }
+    void finish() { m_progress.finish(); }
+
+private:
+    void report(const ustring& name, const vfs::AbsoluteIRI& location, bool isFile)
+    {
+        m_progress.add(1);
+        const bool kindMatches = m_options.type.empty() || (m_options.type == "f") == isFile;
+        const ustring bare = name.substr(name.rfind(u'/') + 1);
+        if (!kindMatches || (!m_pattern.empty() && !provider::matchesWildcard(bare, m_pattern)))
+            return;
+        std::lock_guard lock(m_printing);
+        m_progress.finish();
+        if (m_options.json) {
+            boost::json::object object;
+            object["iri"] = utf8(location.toString());
+            object["path"] = utf8(location.makePathRelativeTo(m_root));
+            object["type"] = isFile ? "file" : "folder";
+            printJsonLine(object);
+        } else {
+            fmt::print("{}\n", display(location));
+        }
+    }
+
+    const FindOptions& m_options;
+    const vfs::AbsoluteIRI m_root;
+    const ustring m_pattern;
+    Progress m_progress;
+    std::mutex m_printing;
+    int m_status = Success;
+};
+
 int runFind(Tool& tool, const FindOptions& options)
 {
     const vfs::AbsoluteIRI location = tool.locate(options.location);
     if (tool.existingKindAt(location, options.location) == provider::ExistenceType::File)
         throw ToolError("not a folder", options.location);
-    const ustring pattern = utf16(options.name);
-    const bool wantFiles = options.type.empty() || options.type == "f";
-    const bool wantFolders = options.type.empty() || options.type == "d";
-    int status = Success;
-    Progress progress("scanned");
-    traverse(
-        tool.folder(location), TraversalOptions{},
-        [&](const VisitedEntry& entry) {
-            progress.add(1);
-            const bool kindMatches = entry.isFile ? wantFiles : wantFolders;
-            if (kindMatches && (pattern.empty() || provider::matchesWildcard(utf16(entry.name), pattern))) {
-                progress.finish();
-                if (options.json) {
-                    boost::json::object object;
-                    object["iri"] = utf8(entry.location.toString());
-                    object["path"] = entry.relativePath;
-                    object["type"] = entry.isFile ? "file" : "folder";
-                    printJsonLine(object);
-                } else {
-                    fmt::print("{}\n", display(entry.location));
-                }
-            }
-            return true;
-        },
-        [&] {
-            progress.finish();
-            status = reportCurrentFailure("find");
-        });
-    return status;
+    FindVisitor visitor(options, location);
+    if (options.parallel)
+        vfs::walkFolderParallel(tool.folder(location), visitor, [] { return interrupted().load(); });
+    else
+        vfs::walkFolder(tool.folder(location), visitor);
+    visitor.finish();
+    checkInterrupted();
+    return visitor.status();
 }
 
 // ---- du -----------------------------------------------------------------------------------------
@@ -290,6 +338,7 @@ void addListCommands(const CommandSet& commands)
     findCommand->add_option("LOCATION", find->location, "An IRI or a local path (default: .)");
     findCommand->add_option("--name", find->name, "Only names matching this '*'/'?' pattern");
     findCommand->add_option("--type", find->type, "f for files, d for folders")->check(CLI::IsMember({"f", "d"}));
+    findCommand->add_flag("--parallel", find->parallel, "Walk subfolders on several threads (output in no fixed order)");
     findCommand->add_flag("--json", find->json, "One JSON object per match and line");
     findCommand->callback(
         [=] { commands.status = runReported("find", [&] { return runFind(commands.tool, *find); }); });
