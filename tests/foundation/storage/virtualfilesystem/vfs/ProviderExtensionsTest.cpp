@@ -2,6 +2,7 @@
 
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
+#include <DecoratedStorage.hpp>
 #include <ExceptionCapture.hpp>
 #include <StorageSystems.hpp>
 #include <TempDir.hpp>
@@ -32,12 +33,7 @@ using vfs::DefaultStorageSystemOptions;
 using vfs::ErrorCode;
 using vfs::Folder;
 
-template <class Call>
-ErrorCode codeOf(Call&& call)
-{
-    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call),
-                                                   [](const vfs::Exception& error) { return error.getErrorCode(); });
-}
+constexpr auto codeOf = [](auto&& call) { return vfs_test::libraryErrorOf(call); };
 
 // A provider that has both optional capabilities, over a real memory provider: records what it is
 // asked, and fails with `failWith` when set.
