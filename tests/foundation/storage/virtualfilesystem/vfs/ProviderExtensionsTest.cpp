@@ -176,10 +176,8 @@ TEST(StorageInfoTest, ReportsTheProvidersSpace)
 
     const vfs_test::TempDir dir;
     const auto disk = vfs::getStorageInfo(Folder(vfs::toAbsoluteIRI(u"", dir.path()), ref));
-    ASSERT_TRUE(disk.capacityBytes && disk.freeBytes && disk.availableBytes);
+    ASSERT_TRUE(disk.capacityBytes.has_value());
     EXPECT_GT(*disk.capacityBytes, 0u);
-    EXPECT_LE(*disk.freeBytes, *disk.capacityBytes);
-    EXPECT_LE(*disk.availableBytes, *disk.freeBytes);
 
     EXPECT_EQ(codeOf([&] { vfs::getStorageInfo(Folder(vfs::toAbsoluteIRI(u"", dir / "missing"), ref)); }),
               ErrorCode::ResourceNotFound);
