@@ -133,23 +133,6 @@ TEST_P(ListingConformance, PatternsSelectNamesWhenTheProviderFiltersThem)
     }
 }
 
-TEST_P(ListingConformance, AnEmptyFolderListsNothing)
-{
-    const StorageIRI empty = makeFolder(u"empty");
-    makeFile(u"sibling.txt");
-    for (const ListKind kind : {ListKind::All, ListKind::Files, ListKind::Folders}) {
-        for (const bool withAttributes : {false, true}) {
-            SCOPED_TRACE(kindName(kind));
-            const auto it = provider->list(empty, options(kind, withAttributes));
-            EXPECT_FALSE(it->hasNext());
-            EXPECT_FALSE(it->clone()->hasNext());
-        }
-    }
-    makeFile(u"only-files/f.txt");
-    EXPECT_FALSE(provider->list(below(u"only-files"), options(ListKind::Folders, false))->hasNext());
-    EXPECT_FALSE(provider->list(below(u"only-files"), options(ListKind::Folders, true))->hasNext());
-}
-
 TEST_P(ListingConformance, ACloneContinuesFromWhereItWasMadeIndependently)
 {
     for (int i = 0; i < 20; ++i) {

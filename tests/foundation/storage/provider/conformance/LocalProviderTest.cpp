@@ -501,10 +501,6 @@ TEST_F(LocalProviderTest, StorageWideAnswersComeFromTheDiskAndNoSettingIsAccepte
     auto* flushable = dynamic_cast<provider::extensions::IFlushableFilesystem*>(local.get());
     ASSERT_NE(flushable, nullptr);
     EXPECT_NO_THROW(flushable->flushFilesystem());
-    EXPECT_NO_THROW(local->flushFilesystem(at(file)));
-    const auto missing = providerError([&] { local->flushFilesystem(at(dir / "missing")); });
-    ASSERT_TRUE(missing.has_value());
-    EXPECT_EQ(missing->getErrorCode(), ErrorCode::ResourceNotFound);
 
     EXPECT_NO_THROW(local->configure(boost::property_tree::ptree()));
     boost::property_tree::ptree settings;
@@ -514,13 +510,6 @@ TEST_F(LocalProviderTest, StorageWideAnswersComeFromTheDiskAndNoSettingIsAccepte
     EXPECT_EQ(refusal->getErrorCode(), ErrorCode::InvalidLocation);
     ASSERT_EQ(refusal->getAllExceptionContexts().size(), 1u);
     EXPECT_EQ(refusal->getAllExceptionContexts()[0].getDetail(), u"quotaBytes");
-}
-
-TEST_F(LocalProviderTest, LocalhostAuthorityNamesTheLocalDisk)
-{
-    dir.writeFile("here.txt");
-    const StorageIRI viaLocalhost(u"file://localhost" + at(dir / "here.txt").getPath());
-    EXPECT_EQ(local->exists(viaLocalhost), ExistenceType::File);
 }
 
 } // namespace

@@ -319,17 +319,6 @@ TEST_P(MoveAndCopyConformance, ACancelledCopyLeavesNoTargetAndKeepsAReplacedOne)
     }
 }
 
-TEST_P(MoveAndCopyConformance, CopyToAnotherProviderIsUnsupportedForNow)
-{
-    const StorageIRI file = makeFile(u"file.txt", 3);
-    const auto other = provider::memory::makeMemoryProvider();
-    const StorageIRI elsewhere(u"mem://other/copy.txt");
-    EXPECT_TRUE(failsWith([&] { provider->copyFile(file, *other, elsewhere, {}); }, ErrorCode::UnsupportedOperation,
-                          elsewhere, "cross-provider-copy"));
-    EXPECT_EQ(other->exists(elsewhere), ExistenceType::NotFound);
-    EXPECT_EQ(sizeOf(file), 3u);
-}
-
 INSTANTIATE_TEST_SUITE_P(Providers, MoveAndCopyConformance, testing::ValuesIn(allProviders()), providerName);
 
 } // namespace

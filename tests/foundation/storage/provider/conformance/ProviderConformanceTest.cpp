@@ -6,7 +6,6 @@
 #include <Threads.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/property_tree/ptree.hpp>
 
 #include <gtest/gtest.h>
 
@@ -119,31 +118,6 @@ TEST_P(ProviderConformance, EveryOperationRefusesLocationsItDoesNotServeWithInva
     EXPECT_TRUE(tree().empty());
 }
 
-TEST_P(ProviderConformance, ExistsServesManyThreadsAtOnce)
-{
-    const StorageIRI file = makeFile(u"shared.txt");
-    const StorageIRI missing = below(u"missing");
-    constexpr int threadCount = 8;
-    constexpr int rounds = 300;
-
-    std::atomic<int> wrong{0};
-    runOnThreads(threadCount, [&](int) {
-        for (int i = 0; i < rounds; ++i) {
-            try {
-                if (provider->exists(root) != ExistenceType::Folder)
-                    ++wrong;
-                if (provider->existsExtended(missing) != ExistenceTypeExtended::NotFound)
-                    ++wrong;
-                if (provider->exists(file) != ExistenceType::File)
-                    ++wrong;
-            } catch (...) {
-                ++wrong;
-            }
-        }
-    });
-    EXPECT_EQ(wrong.load(), 0);
-}
-
 TEST_P(ProviderConformance, ConcurrentCreationsOfOneNameHaveExactlyOneWinner)
 {
     constexpr int threadCount = 4;
@@ -250,21 +224,6 @@ TEST_P(ProviderConformance, StorageInfoIsConsistent)
     }
     const StorageIRI file = makeFile(u"file.txt");
     EXPECT_NO_THROW(provider->getProviderStorageInfo(file));
-}
-
-TEST_P(ProviderConformance, ConfigureRefusesAnUnknownKeyNamingIt)
-{
-    boost::property_tree::ptree settings;
-    settings.put("noSuchSetting", "1");
-    const auto error = providerError([&] { provider->configure(settings); });
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
-    bool named = error->getMessage().find(u"noSuchSetting") != ustring::npos;
-    for (const auto& context : error->getAllExceptionContexts())
-        named = named || context.getExceptionContextKey().find(u"noSuchSetting") != ustring::npos ||
-                context.getDetail().find(u"noSuchSetting") != ustring::npos;
-    EXPECT_TRUE(named) << error->what();
-    EXPECT_NO_THROW(provider->configure(boost::property_tree::ptree{})) << "an empty configuration changes nothing";
 }
 
 TEST_P(ProviderConformance, FlushFilesystemAcceptsAnExistingFolderAndRefusesAMissingOne)

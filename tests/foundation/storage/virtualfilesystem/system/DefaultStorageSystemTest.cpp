@@ -61,7 +61,6 @@ TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
     auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
     const std::vector<std::pair<ustring, ustring>> foreign = {
         {u"http://example.com/a", u"http"},
-        {u"zip:file:///tmp/a.zip!/x", u"zip"},
         {u"files:///tmp", u"files"},
         {u"MEMORY://v/", u"memory"},
     };
