@@ -157,11 +157,8 @@ TEST(StorageSystemReferenceTest, EqualWhenResolvingToTheSameSystemNow)
     const StorageSystemReference c{std::weak_ptr<StorageSystem>(second)};
     const StorageSystemReference viaFactory{std::function<std::shared_ptr<StorageSystem>()>([&] { return first; })};
 
-    EXPECT_TRUE(a == b);
-    EXPECT_TRUE(b == a);
-    EXPECT_TRUE(a == copy);
-    EXPECT_TRUE(a == viaFactory);
-    EXPECT_TRUE(viaFactory == a);
+    EXPECT_TRUE(a == b && b == a && a == copy);
+    EXPECT_TRUE(a == viaFactory && viaFactory == a);
     EXPECT_FALSE(a != b);
     EXPECT_TRUE(a != c);
     EXPECT_FALSE(a == c);
