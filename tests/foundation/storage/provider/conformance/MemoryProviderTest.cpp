@@ -121,7 +121,7 @@ TEST_F(MemoryProviderTest, RefusalsNameTheReason)
     }
 }
 
-TEST_F(MemoryProviderTest, MovesOutOfTheProviderAreCrossDeviceAndUnknownPoliciesRefused)
+TEST_F(MemoryProviderTest, TransfersOutOfTheProviderAreUnsupportedAndUnknownPoliciesRefused)
 {
     const StorageIRI source = file(u"source.txt", 3);
     const StorageIRI onDisk(u"file:///tmp/vfs-memory-test-never-written");
@@ -129,6 +129,11 @@ TEST_F(MemoryProviderTest, MovesOutOfTheProviderAreCrossDeviceAndUnknownPolicies
                           ErrorCode::UnsupportedOperation, onDisk, "EXDEV"));
     EXPECT_TRUE(failsWith([&] { memory->moveFile(source, at(u"t"), static_cast<ReplacementPolicy>(42)); },
                           ErrorCode::InvalidLocation, source, "unknown-policy"));
+    // Another memory provider is other storage, even for the same volume name.
+    const auto other = makeMemoryProvider();
+    EXPECT_TRUE(failsWith([&] { memory->copyFile(source, *other, at(u"t"), {}); }, ErrorCode::UnsupportedOperation, at(u"t"),
+                          "cross-provider-copy"));
+    EXPECT_EQ(other->exists(at(u"t")), ExistenceType::NotFound);
     EXPECT_EQ(memory->exists(source), ExistenceType::File);
 }
 
@@ -459,6 +464,8 @@ TEST_F(MemoryProviderTest, AttributesAndStorageReportWhatMemoryKnows)
     provider::ExtendedAttributes expected;
     expected.allocatedBytes = 9;
     EXPECT_EQ(memory->getExtendedAttributes(at(u"folder/file")), expected);
+    expected.allocatedBytes = 0;
+    EXPECT_EQ(memory->getExtendedAttributes(at(u"folder")), expected);
     EXPECT_TRUE(failsWith([&] { memory->getCanonicalLocation(at(u"folder/file/below")); }, ErrorCode::ResourceNotFound,
                           at(u"folder/file/below"), "ENOTDIR"));
     const auto info = memory->getProviderStorageInfo(root);
