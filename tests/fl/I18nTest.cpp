@@ -64,16 +64,12 @@ const Encoded encodedCases[] = {
     {""sv, u""sv, U""sv},
     {"plain ASCII /~"sv, u"plain ASCII /~"sv, U"plain ASCII /~"sv},
     {"a\0b"sv, u"a\0b"sv, U"a\0b"sv},
-    {"\x7F"sv, u"\x7F"sv, U"\x7F"sv},
     {"\xC2\x80"sv, u"\u0080"sv, U"\u0080"sv},
     {"caf\xC3\xA9"sv, u"caf\u00E9"sv, U"caf\u00E9"sv},
-    {"\xDF\xBF"sv, u"\u07FF"sv, U"\u07FF"sv},
     {"\xE0\xA0\x80"sv, u"\u0800"sv, U"\u0800"sv},
-    {"\xE6\x97\xA5\xE6\x9C\xAC"sv, u"\u65E5\u672C"sv, U"\u65E5\u672C"sv},
     {"\xED\x9F\xBF\xEE\x80\x80"sv, u"\uD7FF\uE000"sv, U"\uD7FF\uE000"sv},
     {"\xEF\xBF\xBD\xEF\xBF\xBF"sv, u"\uFFFD\uFFFF"sv, U"\uFFFD\uFFFF"sv},
     {"\xF0\x90\x80\x80"sv, u"\U00010000"sv, U"\U00010000"sv},
-    {"\xF0\x9F\x98\x80!"sv, u"\U0001F600!"sv, U"\U0001F600!"sv},
     {"\xF4\x8F\xBF\xBF"sv, u"\U0010FFFF"sv, U"\U0010FFFF"sv},
     {"a\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E"sv, u"a\u00E9\u20AC\U0001D11E"sv, U"a\u00E9\u20AC\U0001D11E"sv},
 };
@@ -102,7 +98,6 @@ TEST(I18n, LoneSurrogatesThrowInStrictModeAndBecomeReplacementsInLossyMode)
         {{0xD800}, 0, fffd},
         {{0xDC00}, 0, fffd},
         {{u'a', 0xD800}, 1, "a" + fffd},
-        {{u'a', 0xDBFF, u'b'}, 1, "a" + fffd + "b"},
         {{0xDC00, 0xD800}, 0, fffd + fffd},
         {{u'x', u'y', 0xD800, 0xD800, 0xDC00}, 2, "xy" + fffd + "\xF0\x90\x80\x80"},
         {{0xD83D, 0xDE00, 0xDE00}, 2, "\xF0\x9F\x98\x80" + fffd},
@@ -135,22 +130,15 @@ TEST_P(I18nBadUtf8, IsRejectedStrictlyAndReplacedLossily)
 
 const BadUtf8 badUtf8Cases[] = {
     {"\x80"sv, 0, u"\uFFFD"},                                   // lone continuation byte
-    {"ab\xBF"sv, 2, u"ab\uFFFD"},
     {"a\xC3"sv, 1, u"a\uFFFD"},                                 // truncated at the end
     {"\xC3\x28"sv, 0, u"\uFFFD("},                              // continuation missing
     {"\xE2\x82"sv, 0, u"\uFFFD"},                               // truncated 3-byte sequence
-    {"a\xE2\x82z"sv, 1, u"a\uFFFDz"},
     {"\xF0\x9F\x98"sv, 0, u"\uFFFD"},                           // truncated 4-byte sequence
     {"\xC0\xAF"sv, 0, u"\uFFFD\uFFFD"},                         // overlong "/"
-    {"\xC1\xBF"sv, 0, u"\uFFFD\uFFFD"},                         // overlong
-    {"\xE0\x80\xAF"sv, 0, u"\uFFFD\uFFFD\uFFFD"},               // overlong
     {"\xE0\x9F\xBF"sv, 0, u"\uFFFD\uFFFD\uFFFD"},               // overlong U+07FF
-    {"\xF0\x80\x80\xAF"sv, 0, u"\uFFFD\uFFFD\uFFFD\uFFFD"},     // overlong
     {"\xF0\x8F\xBF\xBF"sv, 0, u"\uFFFD\uFFFD\uFFFD\uFFFD"},     // overlong U+FFFF
     {"\xED\xA0\x80"sv, 0, u"\uFFFD\uFFFD\uFFFD"},               // encoded high surrogate
-    {"\xED\xBF\xBF"sv, 0, u"\uFFFD\uFFFD\uFFFD"},               // encoded low surrogate
     {"\xF4\x90\x80\x80"sv, 0, u"\uFFFD\uFFFD\uFFFD\uFFFD"},     // above U+10FFFF
-    {"\xF5\x80\x80\x80"sv, 0, u"\uFFFD\uFFFD\uFFFD\uFFFD"},
     {"\xF8\x88\x80\x80\x80"sv, 0, u"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"}, // 5-byte form
     {"\xFE\xFF"sv, 0, u"\uFFFD\uFFFD"},
     {"ok\xE6\x97\xA5\xE6\x97"sv, 5, u"ok\u65E5\uFFFD"},

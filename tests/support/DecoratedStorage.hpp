@@ -4,14 +4,18 @@
 // of its schemes: the library's handles are tested against the real providers, with faults injected
 // and calls counted where a test needs to.
 
+#include "ExceptionCapture.hpp"
 #include "TempDir.hpp"
 
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
+#include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/File.hpp>
 #include <foundation/storage/vfs/Folder.hpp>
 
 #include <fl/i18n/ustring.hpp>
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <map>
@@ -125,5 +129,28 @@ private:
     std::optional<TempDir> m_dir;
     std::optional<foundation::storage::vfs::Folder> m_root;
 };
+
+// The library code of the Exception `call` throws; the test fails when it throws none.
+template <class Call>
+foundation::storage::vfs::ErrorCode libraryErrorOf(Call&& call)
+{
+    return inspectThrown<foundation::storage::vfs::Exception>(
+        std::forward<Call>(call), [](const foundation::storage::vfs::Exception& error) { return error.getErrorCode(); });
+}
+
+// A test run once on the local disk ("file") and once in memory ("mem"), each time with a
+// DecoratedStorage of its own and a working folder on that scheme.
+class OnEachScheme : public testing::TestWithParam<std::string> {
+protected:
+    explicit OnEachScheme(DecoratedStorage::Wrap wrap = {}) : storage({}, std::move(wrap)) {}
+
+    fl::i18n::ustring scheme() const { return fl::i18n::utf8_to_ustring(GetParam()); }
+    const ProviderLayers& layers() const { return storage.layers(scheme()); }
+
+    DecoratedStorage storage;
+    WorkingFolder work{GetParam(), storage.ref};
+};
+
+inline std::string schemeName(const testing::TestParamInfo<std::string>& info) { return info.param; }
 
 } // namespace vfs_test

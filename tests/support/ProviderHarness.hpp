@@ -192,6 +192,43 @@ inline std::map<ustring, std::optional<std::uint64_t>> treeOf(const provider::IP
     return tree;
 }
 
+// Everything `it` still yields, in order.
+inline std::vector<provider::FolderEntry> remainingEntries(provider::IFolderEntryIterator& it)
+{
+    std::vector<provider::FolderEntry> entries;
+    while (it.hasNext()) {
+        it.next();
+        entries.push_back(it.current());
+    }
+    return entries;
+}
+
+inline std::vector<provider::FolderEntry> listedEntries(const provider::IProvider& storage, const StorageIRI& folder,
+                                                        const provider::ListOptions& options)
+{
+    return remainingEntries(*storage.list(folder, options));
+}
+
+inline provider::ListOptions makeListOptions(provider::ListKind kind, bool withAttributes, ustring pattern = {},
+                                             bool recursive = false)
+{
+    provider::ListOptions options;
+    options.kind = kind;
+    options.withAttributes = withAttributes;
+    options.pattern = std::move(pattern);
+    options.recursive = recursive;
+    return options;
+}
+
+// The entries' names as UTF-8, in order; with `markFolders`, folders' names end in '/'.
+inline std::vector<std::string> entryNames(const std::vector<provider::FolderEntry>& entries, bool markFolders = false)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : entries)
+        names.push_back(fl::i18n::ustring_to_utf8(entry.getName()) + (markFolders && !entry.isFile() ? "/" : ""));
+    return names;
+}
+
 // A fixture run once for each provider of allProviders(): its harness, the provider, and the
 // harness's root folder.
 class ProviderTest : public testing::TestWithParam<ProviderUnderTest> {

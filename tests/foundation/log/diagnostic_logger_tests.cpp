@@ -42,76 +42,38 @@ void writeEveryCategory(diagnostic_logger& logger)
         logger.write(bit, category_name(bit));
 }
 
-TEST(DiagnosticListener, ReceivesOnlyItsCategoriesAndChannel)
+// Each listener gets the records of its own logger that carry one of its categories; the logger is
+// enabled for the union of its live listeners' masks, and only for that.
+TEST(DiagnosticListener, ReceivesItsCategoriesOfItsLoggerWhileItLives)
 {
-    diagnostic_logger first("test.filter.first");
-    diagnostic_logger second("test.filter.second");
-    RecordingListener onFirst(first, category_arguments | category_results);
-    RecordingListener onSecond(second, category_arguments);
-
-    EXPECT_TRUE(first.enabled(category_arguments));
-    EXPECT_TRUE(first.enabled(category_results));
-    EXPECT_FALSE(first.enabled(category_information | category_exception | category_error));
-    EXPECT_FALSE(second.enabled(category_results));
-
-    writeEveryCategory(first);
-    writeEveryCategory(second);
-    // A record of several categories reaches a listener that has one of them.
-    first.write(category_information | category_results, "mixed");
-
-    EXPECT_THAT(onFirst.take(), ElementsAre(Record{category_arguments, 0, "arguments"},
-                                            Record{category_results, 0, "results"},
-                                            Record{category_information | category_results, 0, "mixed"}));
-    EXPECT_THAT(onSecond.take(), ElementsAre(Record{category_arguments, 0, "arguments"}));
-}
-
-TEST(DiagnosticListener, TwoListenersWithDifferentMasks)
-{
-    diagnostic_logger logger("test.two_listeners");
-    RecordingListener entries(logger, category_function_entry);
-    RecordingListener exitsAndErrors(logger, category_function_exit | category_error);
-
-    EXPECT_TRUE(logger.enabled(category_function_entry));
-    EXPECT_TRUE(logger.enabled(category_function_exit));
-    EXPECT_TRUE(logger.enabled(category_error));
-    EXPECT_FALSE(logger.enabled(category_arguments | category_results | category_information | category_exception));
-
-    {
-        trace_scope scope(logger, "void f()");
-        writeEveryCategory(logger);
-    }
-    EXPECT_THAT(entries.take(), ElementsAre(Record{category_function_entry, 0, "void f()"},
-                                            Record{category_function_entry, 1, "entry"}));
-    EXPECT_THAT(exitsAndErrors.take(), ElementsAre(Record{category_error, 1, "error"},
-                                                   Record{category_function_exit, 1, "exit"},
-                                                   Record{category_function_exit, 0, "void f()"}));
-}
-
-TEST(DiagnosticListener, MaskDropsBackWhenAListenerGoes)
-{
-    diagnostic_logger logger("test.mask_drop");
-    diagnostic_logger other("test.mask_drop.other");
+    diagnostic_logger logger("test.filter");
+    diagnostic_logger other("test.filter.other");
+    RecordingListener onOther(other, category_arguments);
     auto goneCalls = std::make_shared<std::atomic<int>>(0);
     {
-        RecordingListener kept(logger, category_arguments | category_results);
+        RecordingListener kept(logger, category_arguments | category_function_exit);
         {
             diagnostic_listener leaver(logger, category_results | category_information,
                                        [goneCalls](unsigned, int, const std::string&) { ++*goneCalls; });
             EXPECT_TRUE(logger.enabled(category_information));
-            EXPECT_FALSE(other.enabled(category_all)) << "listeners enable their own logger only";
-            logger.write(category_information, "while both");
-            EXPECT_EQ(goneCalls->load(), 1);
-        }
-        EXPECT_FALSE(logger.enabled(category_information));
-        EXPECT_TRUE(logger.enabled(category_results)) << "still wanted by the remaining listener";
-        EXPECT_TRUE(logger.enabled(category_arguments));
+            EXPECT_FALSE(logger.enabled(category_error | category_exception | category_function_entry));
+            EXPECT_FALSE(other.enabled(category_results));
 
-        logger.write(category_results, "after");
-        logger.write(category_information, "dropped");
-        EXPECT_EQ(goneCalls->load(), 1) << "a destroyed listener receives nothing";
-        EXPECT_THAT(kept.take(), ElementsAre(Record{category_results, 0, "after"}));
+            writeEveryCategory(logger);
+            // A record of several categories reaches a listener that has one of them.
+            logger.write(category_error | category_results, "mixed");
+            EXPECT_EQ(goneCalls->load(), 3);
+            EXPECT_THAT(kept.take(), ElementsAre(Record{category_arguments, 0, "arguments"},
+                                                 Record{category_function_exit, 0, "exit"}));
+        }
+        EXPECT_FALSE(logger.enabled(category_information | category_results));
+        EXPECT_TRUE(logger.enabled(category_arguments)) << "still wanted by the remaining listener";
+        writeEveryCategory(logger);
+        EXPECT_EQ(goneCalls->load(), 3) << "a destroyed listener receives nothing";
+        EXPECT_EQ(kept.take().size(), 2u);
     }
     EXPECT_FALSE(logger.enabled(category_all));
+    EXPECT_THAT(onOther.take(), IsEmpty());
 }
 
 TEST(DiagnosticListener, StreamListenerWritesOneFormattedLinePerRecord)

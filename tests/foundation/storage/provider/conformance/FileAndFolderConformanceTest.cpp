@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 
 #include <functional>
 #include <string>
@@ -219,26 +218,6 @@ TEST_P(FileAndFolderConformance, TruncateToSizeShrinksAndExtends)
     }
     provider->truncateToSize(file, 300000);
     EXPECT_EQ(provider->getFileAttributes(file).getSize(), 300000u) << "the same size again changes nothing";
-}
-
-TEST_P(FileAndFolderConformance, ExtendedAttributesDescribeFilesAndFolders)
-{
-    const StorageIRI file = makeFile(u"file.txt", 10);
-    const StorageIRI folder = makeFolder(u"folder");
-    const auto ofFile = provider->getExtendedAttributes(file);
-    const auto ofFolder = provider->getExtendedAttributes(folder);
-    if (ofFile.posixMode) {
-        EXPECT_TRUE(S_ISREG(*ofFile.posixMode)) << std::oct << *ofFile.posixMode;
-    }
-    if (ofFolder.posixMode) {
-        EXPECT_TRUE(S_ISDIR(*ofFolder.posixMode)) << std::oct << *ofFolder.posixMode;
-    }
-    if (ofFile.linkCount) {
-        EXPECT_GE(*ofFile.linkCount, 1u);
-    }
-    if (ofFile.inode && ofFolder.inode && ofFile.device && ofFolder.device) {
-        EXPECT_FALSE(*ofFile.inode == *ofFolder.inode && *ofFile.device == *ofFolder.device);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, FileAndFolderConformance, testing::ValuesIn(allProviders()), providerName);

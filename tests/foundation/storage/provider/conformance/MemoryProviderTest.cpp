@@ -48,12 +48,7 @@ ptime utcNow()
 
 std::vector<std::string> names(provider::IFolderEntryIterator& it)
 {
-    std::vector<std::string> result;
-    while (it.hasNext()) {
-        it.next();
-        result.push_back(fl::i18n::ustring_to_utf8(it.current().getName()));
-    }
-    return result;
+    return entryNames(remainingEntries(it));
 }
 
 class MemoryProviderTest : public testing::Test {
@@ -96,10 +91,10 @@ TEST_F(MemoryProviderTest, EveryNamedVolumeHasAnEmptyRootFolderOfItsOwn)
         EXPECT_EQ(memory->existsExtended(root), ExistenceTypeExtended::Folder);
         EXPECT_EQ(memory->exists(StorageIRI(root, u"a")), ExistenceType::NotFound);
         EXPECT_FALSE(memory->list(root, {})->hasNext());
+        // Suites skip what a provider lacks, so what memory has natively is pinned here.
         for (const auto feature : {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
                                    ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWildcardListing})
             EXPECT_TRUE(memory->hasFeature(root, feature)) << feature;
-        EXPECT_FALSE(memory->hasFeature(root, ExtendedFeature::RecursiveWatching));
     }
     memory->createFile(StorageIRI(u"mem://a/only-here"));
     EXPECT_EQ(memory->exists(StorageIRI(u"mem://a/only-here")), ExistenceType::File);
@@ -119,36 +114,26 @@ TEST_F(MemoryProviderTest, RefusalsNameTheReason)
                           Case{StorageIRI(u"mem://volume"), "no-path"},
                           Case{StorageIRI(root, ustring(u"a\0b", 3)), "nul-in-name"}}) {
         SCOPED_TRACE(text(c.location));
-        for (const auto& call : {std::function<void()>([&] { memory->exists(c.location); }),
-                                 std::function<void()>([&] { memory->createFile(c.location); }),
-                                 std::function<void()>([&] { memory->list(c.location, {}); })}) {
-            const auto error = providerError(call);
-            ASSERT_TRUE(error.has_value());
-            EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
-            EXPECT_THAT(contextKeys(*error), ElementsAre(c.reason));
-        }
+        const auto error = providerError([&] { memory->createFile(c.location); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+        EXPECT_THAT(contextKeys(*error), ElementsAre(c.reason));
     }
 }
 
-TEST_F(MemoryProviderTest, DestinationsOutsideTheProviderAreUnsupported)
+TEST_F(MemoryProviderTest, TransfersOutOfTheProviderAreUnsupportedAndUnknownPoliciesRefused)
 {
     const StorageIRI source = file(u"source.txt", 3);
     const StorageIRI onDisk(u"file:///tmp/vfs-memory-test-never-written");
     EXPECT_TRUE(failsWith([&] { memory->moveFile(source, onDisk, ReplacementPolicy::Replace); },
                           ErrorCode::UnsupportedOperation, onDisk, "EXDEV"));
-    EXPECT_TRUE(failsWith([&] { memory->moveFolder(at(u"folder"), onDisk, ReplacementPolicy::Replace); },
-                          ErrorCode::UnsupportedOperation, onDisk, "EXDEV"));
-
+    EXPECT_TRUE(failsWith([&] { memory->moveFile(source, at(u"t"), static_cast<ReplacementPolicy>(42)); },
+                          ErrorCode::InvalidLocation, source, "unknown-policy"));
     // Another memory provider is other storage, even for the same volume name.
     const auto other = makeMemoryProvider();
-    const StorageIRI target = at(u"target.txt");
-    EXPECT_TRUE(failsWith([&] { memory->copyFile(source, *other, target, {}); }, ErrorCode::UnsupportedOperation,
-                          target, "cross-provider-copy"));
-    EXPECT_EQ(other->exists(target), ExistenceType::NotFound);
-    EXPECT_EQ(memory->exists(target), ExistenceType::NotFound);
-
-    EXPECT_TRUE(failsWith([&] { memory->moveFile(source, target, static_cast<ReplacementPolicy>(42)); },
-                          ErrorCode::InvalidLocation, source, "unknown-policy"));
+    EXPECT_TRUE(failsWith([&] { memory->copyFile(source, *other, at(u"t"), {}); }, ErrorCode::UnsupportedOperation, at(u"t"),
+                          "cross-provider-copy"));
+    EXPECT_EQ(other->exists(at(u"t")), ExistenceType::NotFound);
     EXPECT_EQ(memory->exists(source), ExistenceType::File);
 }
 
@@ -376,16 +361,14 @@ TEST_F(MemoryProviderTest, CopyReportsProgressWithNoLockHeldAndCancellingLeavesN
     EXPECT_EQ(memory->exists(at(u"target")), ExistenceType::NotFound);
     EXPECT_EQ(freeBytes(), freeBefore);
 
-    reports.clear();
+    // An empty file reports once, as done.
     options.progress = [&](std::uint64_t copied, std::uint64_t total) {
         reports.emplace_back(copied, total);
         return true;
     };
-    EXPECT_EQ(memory->copyFile(source, *memory, at(u"target"), options), TransactionStatus::Completed);
-    EXPECT_EQ(reports.size(), 4u);
-    EXPECT_EQ(reports.back(), std::pair(size, size));
-    EXPECT_EQ(sizeOf(u"target"), size);
-    EXPECT_EQ(freeBytes(), *freeBefore - size);
+    reports.clear();
+    memory->copyFile(file(u"empty"), *memory, at(u"empty-copy"), options);
+    EXPECT_THAT(reports, ElementsAre(std::pair(std::uint64_t(0), std::uint64_t(0))));
 
     // What changed while the callback ran is checked again before the target is put in place.
     options.progress = [&](std::uint64_t, std::uint64_t) {
@@ -396,17 +379,13 @@ TEST_F(MemoryProviderTest, CopyReportsProgressWithNoLockHeldAndCancellingLeavesN
     EXPECT_TRUE(failsWith([&] { memory->copyFile(source, *memory, at(u"raced"), options); }, ErrorCode::ResourceAlreadyExists,
                           at(u"raced")));
     EXPECT_EQ(sizeOf(u"raced"), 1u);
-
-    reports.clear();
-    options.progress = [&](std::uint64_t copied, std::uint64_t total) {
-        reports.emplace_back(copied, total);
-        return true;
-    };
-    memory->copyFile(file(u"empty"), *memory, at(u"empty-copy"), options);
-    EXPECT_THAT(reports, ElementsAre(std::pair(std::uint64_t(0), std::uint64_t(0))));
+    // Failed and cancelled copies took no space; a finished one takes its size.
+    EXPECT_EQ(freeBytes(), *freeBefore - 1);
+    memory->copyFile(source, *memory, at(u"target"), {});
+    EXPECT_EQ(freeBytes(), *freeBefore - 1 - size);
 }
 
-TEST_F(MemoryProviderTest, ListingsAreSnapshotsInCodeUnitOrder)
+TEST_F(MemoryProviderTest, ListingsAreSnapshotsInCodeUnitOrderAndPatternsMatchTheLastSegment)
 {
     for (const ustring name : {u"b", u"B", u"a", u"\u00e9", u"Z", u"_", u".hidden", u"10", u"9"})
         file(u"folder/" + name, 1);
@@ -414,15 +393,9 @@ TEST_F(MemoryProviderTest, ListingsAreSnapshotsInCodeUnitOrder)
     const std::vector<std::string> expected = {".hidden", "10", "9", "B", "Z", "_", "a", "b", "sub", "\xc3\xa9"};
     EXPECT_THAT(list(u"folder"), ElementsAreArray(expected));
 
-    ListOptions withAttributes;
-    withAttributes.withAttributes = true;
-    auto it = memory->list(at(u"folder"), withAttributes);
+    auto it = memory->list(at(u"folder"), makeListOptions(ListKind::All, true));
     EXPECT_TRUE(providerError([&] { it->current(); }).has_value()) << "no entry before the first next()";
     it->next();
-    ASSERT_TRUE(it->current().getFileAttributes().has_value());
-    EXPECT_TRUE(it->current().getFileAttributes()->isHidden());
-    EXPECT_EQ(it->current().getFileAttributes()->getSize(), 1u);
-
     // Neither the iterator nor its clone sees what happens after the listing was taken.
     memory->removeFolderRecursively(at(u"folder"));
     auto clone = it->clone();
@@ -432,53 +405,12 @@ TEST_F(MemoryProviderTest, ListingsAreSnapshotsInCodeUnitOrder)
     EXPECT_TRUE(providerError([&] { it->next(); }).has_value()) << "no entry past the end";
     EXPECT_TRUE(failsWith([&] { memory->list(at(u"folder"), {}); }, ErrorCode::ResourceNotFound, at(u"folder"), "ENOENT"));
 
-    file(u"visible", 1);
-    auto visible = memory->list(root, withAttributes);
-    visible->next();
-    EXPECT_FALSE(visible->current().getFileAttributes()->isHidden());
-}
-
-TEST_F(MemoryProviderTest, RecursiveListingsVisitEachFolderBeforeItsContents)
-{
-    for (const ustring path : {u"a/x.txt", u"a/b/y.txt", u"c.txt", u".git/config"})
+    // Recursive: the pattern applies to the last segment, and folders that do not match are searched.
+    for (const ustring path : {u"a/x.txt", u"a/b/y.txt", u"c.txt"})
         file(path, 2);
-    memory->createFolderRecursive(at(u"a/b/c"));
-    memory->createFolder(at(u"d"));
-
-    ListOptions options;
-    options.recursive = true;
-    EXPECT_THAT(list(u"", options), ElementsAre(".git", ".git/config", "a", "a/b", "a/b/c", "a/b/y.txt", "a/x.txt", "c.txt", "d"));
-    options.kind = ListKind::Files;
-    EXPECT_THAT(list(u"", options), ElementsAre(".git/config", "a/b/y.txt", "a/x.txt", "c.txt"));
-    options.kind = ListKind::Folders;
-    EXPECT_THAT(list(u"a", options), ElementsAre("b", "b/c"));
-
-    // The pattern applies to the last segment; folders that do not match are still searched.
-    options.kind = ListKind::All;
-    options.pattern = u"*.txt";
-    EXPECT_THAT(list(u"", options), ElementsAre("a/b/y.txt", "a/x.txt", "c.txt"));
-    options.pattern = u"b";
-    EXPECT_THAT(list(u"", options), ElementsAre("a/b"));
-    options.pattern = u"?";
-    options.recursive = false;
-    EXPECT_THAT(list(u"", options), ElementsAre("a", "d"));
-
-    options = {};
-    options.recursive = true;
-    options.withAttributes = true;
-    auto it = memory->list(at(u"a"), options);
-    std::vector<std::pair<std::string, bool>> entries;
-    while (it->hasNext()) {
-        it->next();
-        const auto entry = it->current();
-        entries.emplace_back(fl::i18n::ustring_to_utf8(entry.getName()),
-                             entry.isFile() ? entry.getFileAttributes().has_value() : entry.getFolderAttributes().has_value());
-        if (entry.isFile() && entry.getFileAttributes()) {
-            EXPECT_EQ(entry.getFileAttributes()->getSize(), 2u);
-        }
-    }
-    EXPECT_THAT(entries, ElementsAre(testing::Pair("b", true), testing::Pair("b/c", true), testing::Pair("b/y.txt", true),
-                                     testing::Pair("x.txt", true)));
+    EXPECT_THAT(list(u"", makeListOptions(ListKind::All, false, u"*.txt", true)), ElementsAre("a/b/y.txt", "a/x.txt", "c.txt"));
+    EXPECT_THAT(list(u"", makeListOptions(ListKind::All, true, u"b", true)), ElementsAre("a/b"));
+    EXPECT_THAT(list(u"a", makeListOptions(ListKind::Folders, false, {}, true)), ElementsAre("b"));
 }
 
 TEST_F(MemoryProviderTest, FilesAndFoldersMoveAcrossVolumesButNeverIntoThemselves)
@@ -534,15 +466,12 @@ TEST_F(MemoryProviderTest, AttributesAndStorageReportWhatMemoryKnows)
     EXPECT_EQ(memory->getExtendedAttributes(at(u"folder/file")), expected);
     expected.allocatedBytes = 0;
     EXPECT_EQ(memory->getExtendedAttributes(at(u"folder")), expected);
-    EXPECT_EQ(memory->getCanonicalLocation(at(u"folder/file")), at(u"folder/file"));
     EXPECT_TRUE(failsWith([&] { memory->getCanonicalLocation(at(u"folder/file/below")); }, ErrorCode::ResourceNotFound,
                           at(u"folder/file/below"), "ENOTDIR"));
-
     const auto info = memory->getProviderStorageInfo(root);
     EXPECT_EQ(info.capacityBytes, std::nullopt) << "no quota, no known capacity";
     EXPECT_EQ(info.freeBytes, std::nullopt);
     EXPECT_EQ(info.description, u"memory volume");
-    EXPECT_TRUE(failsWith([&] { memory->flushFilesystem(at(u"missing")); }, ErrorCode::ResourceNotFound, at(u"missing")));
 }
 
 TEST_F(MemoryProviderTest, FilesLargerThanTheMachineAreRefused)
@@ -655,10 +584,6 @@ TEST_F(MemoryProviderTest, ConcurrentCreateRemoveMoveAndListKeepTheTreeConsisten
     EXPECT_EQ(freeBytes(), quota - used);
 }
 
-} // namespace
-
-namespace {
-
 TEST(MemoryProviderCapabilities, FlushAndInvalidateAreOfferedAndCheckTheirLocation)
 {
     const auto memory = makeMemoryProvider();
@@ -666,16 +591,12 @@ TEST(MemoryProviderCapabilities, FlushAndInvalidateAreOfferedAndCheckTheirLocati
     auto* invalidatable = dynamic_cast<provider::extensions::IInvalidatable*>(memory.get());
     ASSERT_NE(flushable, nullptr);
     ASSERT_NE(invalidatable, nullptr);
-    memory->createFolder(provider::StorageIRI(u"mem://v/a"));
+    memory->createFolder(StorageIRI(u"mem://v/a"));
     EXPECT_NO_THROW(flushable->flushFilesystem());
-    EXPECT_NO_THROW(invalidatable->invalidate(provider::StorageIRI(u"mem://v/a")));
-    EXPECT_EQ(memory->exists(provider::StorageIRI(u"mem://v/a")), ExistenceType::Folder);
-    try {
-        invalidatable->invalidate(provider::StorageIRI(u"file:///tmp"));
-        ADD_FAILURE() << "a file IRI was accepted";
-    } catch (const provider::Exception& error) {
-        EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation);
-    }
+    EXPECT_NO_THROW(invalidatable->invalidate(StorageIRI(u"mem://v/a")));
+    EXPECT_EQ(memory->exists(StorageIRI(u"mem://v/a")), ExistenceType::Folder);
+    EXPECT_TRUE(failsWith([&] { invalidatable->invalidate(StorageIRI(u"file:///tmp")); }, ErrorCode::InvalidLocation,
+                          StorageIRI(u"file:///tmp")));
 }
 
 } // namespace

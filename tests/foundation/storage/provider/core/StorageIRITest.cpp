@@ -94,38 +94,24 @@ constexpr ParseCase parseCases[] = {
     {u"FILE://LocalHost/Tmp", u"file:///Tmp", u"file", u"/Tmp", true},
     {u"file://localhost", u"file://", u"file", u"", false},
     {u"file:/abs/x", u"file:///abs/x", u"file", u"/abs/x", true},
-    {u"file:///", u"file:///", u"file", u"/", true},
     {u"file://server/share/x", u"file://server/share/x", u"file", u"/share/x", true},
     {u"mem://vol/a/b", u"mem://vol/a/b", u"mem", u"/a/b", true},
     {u"mem://vol", u"mem://vol", u"mem", u"", false},
-    {u"Mem://Vol/", u"mem://Vol/", u"mem", u"/", true},
     {u"x:/", u"x:/", u"x", u"/", true},
     {u"x:foo", u"x:foo", u"x", u"", false},
-    {u"x:", u"x:", u"x", u"", false},
-    {u"x:%2Ffoo", u"x:%2Ffoo", u"x", u"", false},
     {u"x:a!b%21/c", u"x:a%21b%21/c", u"x", u"", false},
-    {u"urn:isbn:0451450523", u"urn:isbn:0451450523", u"urn", u"", false},
     {u"s+v-1.2://h/p", u"s+v-1.2://h/p", u"s+v-1.2", u"/p", true},
     // Slashes and dot segments.
     {u"file:///a//b///c/", u"file:///a/b/c", u"file", u"/a/b/c", true},
-    {u"file:////a", u"file:///a", u"file", u"/a", true},
     {u"file:///a/./b/../c", u"file:///a/c", u"file", u"/a/c", true},
     {u"file:///../../x", u"file:///x", u"file", u"/x", true},
-    {u"file:///a/b/../../../..", u"file:///", u"file", u"/", true},
     {u"file:///a/%2E%2E/b", u"file:///b", u"file", u"/b", true},
-    {u"file:///a/%2e/b", u"file:///a/b", u"file", u"/a/b", true},
-    {u"file:///...", u"file:///...", u"file", u"/...", true},
     {u"file:///a%2Fb", u"file:///a/b", u"file", u"/a/b", true},
-    {u"x:/a/..", u"x:/", u"x", u"/", true},
     // Escapes are decoded and re-encoded only where needed, in upper case.
     {u"file:///%41%62", u"file:///Ab", u"file", u"/Ab", true},
     {u"file:///caf%C3%A9", u"file:///caf\u00E9", u"file", u"/caf\u00E9", true},
-    {u"file:///caf%c3%a9", u"file:///caf\u00E9", u"file", u"/caf\u00E9", true},
     {u"file:///%F0%9F%98%80", u"file:///\U0001F600", u"file", u"/\U0001F600", true},
-    {u"file:///\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", u"file:///\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", u"file",
-     u"/\u65E5\u672C/\u30D5\u30A1\u30A4\u30EB", true},
     {u"file:///a%20b%25c%3fd%23e%21f", u"file:///a%20b%25c%3Fd%23e%21f", u"file", u"/a b%c?d#e!f", true},
-    {u"file:///a b?c#d", u"file:///a%20b%3Fc%23d", u"file", u"/a b?c#d", true},
     {u"file:///\"<>\\^`{|}[]", u"file:///%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D", u"file", u"/\"<>\\^`{|}[]", true},
     {u"file:///%00x%01%1F", u"file:///%00x%01%1F", u"file", std::u16string_view(u"/\0x\x01\x1F", 5), true},
     {u"file:///%7F%C2%80%C2%9F\u00A0", u"file:///%7F%C2%80%C2%9F\u00A0", u"file", u"/\x7F\u0080\u009F\u00A0", true},
@@ -135,22 +121,16 @@ constexpr ParseCase parseCases[] = {
     {u"file:///a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", u"file:///a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", u"file",
      u"/a~b-c_d.e;f=g,h$i&j'k(l)m*n+o:p@q", true},
     // A "!" in a hierarchical part is literal.
-    {u"file:///a!b", u"file:///a%21b", u"file", u"/a!b", true},
     {u"file:///a!/b", u"file:///a%21/b", u"file", u"/a!/b", true},
     // Authorities.
     {u"mem://vol%2Fx/a", u"mem://vol%2Fx/a", u"mem", u"/a", true},
     {u"x://[::1]:80/p", u"x://[::1]:80/p", u"x", u"/p", true},
     {u"x://us%20er@h%C3%A9st/p", u"x://us%20er@h\u00E9st/p", u"x", u"/p", true},
-    {u"x:///", u"x:///", u"x", u"/", true},
-    {u"x://", u"x://", u"x", u"", false},
     // Nested IRIs.
     {u"zip:file:///tmp/a.zip!/docs/x.txt", u"zip:file:///tmp/a.zip!/docs/x.txt", u"zip", u"/docs/x.txt", true},
     {u"ZIP:File://localhost/a.zip!/./x/../y", u"zip:file:///a.zip!/y", u"zip", u"/y", true},
-    {u"zip:file:///a.zip!/", u"zip:file:///a.zip!/", u"zip", u"/", true},
     {u"zip:file:///a.zip!//..//", u"zip:file:///a.zip!/", u"zip", u"/", true},
-    {u"zip:file:///a%21b.zip!/c%21d", u"zip:file:///a%21b.zip!/c%21d", u"zip", u"/c!d", true},
     {u"zip:file:///a!b.zip!/c", u"zip:file:///a%21b.zip!/c", u"zip", u"/c", true},
-    {u"a:b:file:///x!/y!/z", u"a:b:file:///x!/y!/z", u"a", u"/z", true},
     {u"tar:gz:mem://v/a%20b.tgz!/in.tar!/d/%C3%A9", u"tar:gz:mem://v/a%20b.tgz!/in.tar!/d/\u00E9", u"tar",
      u"/d/\u00E9", true},
 };
@@ -215,33 +195,21 @@ TEST_P(StorageIRIReject, ThrowsInvalidLocationWithTheReason)
 constexpr RejectCase rejectCases[] = {
     {u"", u"empty text"},
     {u"noscheme", u"no scheme"},
-    {u"/tmp/a", u"no scheme"},
-    {u":foo", u"no scheme"},
     {u"1x:/a", u"invalid character in scheme at offset 0"},
     {u"a b:/x", u"invalid character in scheme at offset 1"},
-    {u"fi_le:///x", u"invalid character in scheme"},
     {u"\u00E9:/x", u"invalid character in scheme"},
     {u"%66ile:///x", u"invalid character in scheme"},
     {u"file:///%", u"'%' not followed by two hex digits at offset 8"},
-    {u"file:///%4", u"'%' not followed by two hex digits"},
-    {u"file:///%G1", u"'%' not followed by two hex digits"},
     {u"file:///a%%41", u"'%' not followed by two hex digits at offset 9"},
     {u"mem://v%/a", u"'%' not followed by two hex digits at offset 7"},
-    {u"x:%zz", u"'%' not followed by two hex digits"},
     {u"file:///%C3", u"not well-formed UTF-8"},
-    {u"file:///%C3x", u"not well-formed UTF-8"},
     {u"file:///%C0%AF", u"not well-formed UTF-8"},
-    {u"file:///%E0%80%AF", u"not well-formed UTF-8"},
     {u"file:///%ED%A0%80", u"not well-formed UTF-8"},
-    {u"file:///%F4%90%80%80", u"not well-formed UTF-8"},
-    {u"file:///%FF", u"not well-formed UTF-8"},
     {u"file:///%80", u"not well-formed UTF-8"},
     {u"zip:nonsense!/x", u"malformed inner IRI: no scheme"},
-    {u"zip:a/b!/c", u"malformed inner IRI: no scheme"},
     {u"zip:file:///%ZZ!/x", u"malformed inner IRI: '%' not followed by two hex digits at offset 12"},
     {u"a:b:c!/d!/e", u"malformed inner IRI: malformed inner IRI: no scheme"},
     {u"zip:mem://vol!/x", u"has no path"},
-    {u"zip:x:opaque!/y", u"has no path"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, StorageIRIReject, ::testing::ValuesIn(rejectCases));
@@ -251,11 +219,9 @@ TEST(StorageIRI, LoneSurrogatesAreRejectedAnywhere)
     const ustring inputs[] = {
         ustring(u"file:///a") + char16_t(0xD800),
         ustring(u"file:///") + char16_t(0xDC00) + u"b",
-        ustring(u"file:///") + char16_t(0xDC00) + char16_t(0xD800),
         ustring(u"mem://v") + char16_t(0xDBFF) + u"/a",
         ustring(1, char16_t(0xD83D)) + u":/a",
         ustring(u"zip:file:///") + char16_t(0xDFFF) + u"!/x",
-        ustring(u"file:///") + char16_t(0xD800) + u"%80",
     };
     for (const auto& input : inputs) {
         SCOPED_TRACE(utf8(input));
@@ -323,20 +289,11 @@ TEST(StorageIRI, EmptyValueAndCopies)
 {
     const StorageIRI none;
     EXPECT_TRUE(none.empty());
-    EXPECT_FALSE(none.hasPath());
-    EXPECT_FALSE(none.hasParent());
-    EXPECT_FALSE(none.hasAuthority());
-    EXPECT_FALSE(none.hasInnerIRI());
-    EXPECT_TRUE(none.toString().empty());
-    EXPECT_TRUE(none.toAsciiString().empty());
-    EXPECT_TRUE(none.getScheme().empty());
-    EXPECT_TRUE(none.getName().empty());
+    EXPECT_FALSE(none.hasPath() || none.hasParent() || none.hasAuthority() || none.hasInnerIRI());
+    EXPECT_TRUE(none.toString().empty() && none.toAsciiString().empty() && none.getName().empty());
     EXPECT_TRUE(none.getParent().empty());
-    EXPECT_TRUE(none.getPathView().empty());
     EXPECT_TRUE(none.toIRI() == foundation::network::IRI());
     EXPECT_TRUE(none == StorageIRI());
-    EXPECT_EQ(none.hashValue(), StorageIRI().hashValue());
-    EXPECT_FALSE(none == StorageIRI(u"x:"));
     EXPECT_TRUE(none < StorageIRI(u"x:"));
 
     StorageIRI source(u"file:///a/b");
@@ -344,53 +301,35 @@ TEST(StorageIRI, EmptyValueAndCopies)
     EXPECT_EQ(&copy.toString(), &source.toString()) << "copies share their data";
     const StorageIRI child(copy, u"c");
     EXPECT_EQ(source.toString(), u"file:///a/b");
-
     StorageIRI moved(std::move(source));
     EXPECT_EQ(moved.toString(), u"file:///a/b");
-    source = StorageIRI(u"mem://v/");
-    EXPECT_EQ(source.getAuthority(), u"v");
 }
 
-TEST(StorageIRI, AsciiFormIsComputedOnceAcrossThreads)
+// Texts computed on first use (the ASCII form; the text of a child made from a plain name, and of
+// its ancestors on the way) are computed once even when several threads are first at once.
+TEST(StorageIRI, LazyTextsAreComputedOnceAcrossThreads)
 {
     const StorageIRI iri(u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
-    const ustring expected = u"file:///%E6%97%A5%E6%9C%AC/a%20%F0%9F%98%80%C3%A9";
-    std::vector<const ustring*> seen(4);
-    vfs_test::runOnThreads(static_cast<int>(seen.size()), [&](int i) {
-        const StorageIRI copy = iri;
-        seen[static_cast<std::size_t>(i)] = &copy.toAsciiString();
-    });
-    for (const ustring* text : seen) {
-        EXPECT_EQ(text, seen.front());
-        EXPECT_EQ(*text, expected);
-    }
-    EXPECT_EQ(iri.toString(), u"file:///\u65E5\u672C/a%20\U0001F600\u00E9");
-}
-
-// Children of plain names compose their text on first use; several threads may be first at once,
-// and a chain of such children composes its ancestors on the way.
-TEST(StorageIRI, ChildrenComposeTheirTextOnceAcrossThreads)
-{
-    const StorageIRI base(u"mem://vol/a b");
-    const StorageIRI grandchild(StorageIRI(base, u"c!d"), u"\u00E9#");
+    const StorageIRI grandchild(StorageIRI(StorageIRI(u"mem://vol/a b"), u"c!d"), u"\u00E9#");
     const StorageIRI parsed(u"mem://vol/a%20b/c%21d/\u00E9%23");
-    std::vector<const ustring*> texts(4);
+    std::vector<const ustring*> ascii(4), texts(4);
     std::vector<std::size_t> hashes(4);
-    vfs_test::runOnThreads(static_cast<int>(texts.size()), [&](int i) {
+    vfs_test::runOnThreads(4, [&](int i) {
         const auto slot = static_cast<std::size_t>(i);
+        const StorageIRI copy = iri;
+        ascii[slot] = &copy.toAsciiString();
         texts[slot] = &grandchild.toString();
         hashes[slot] = grandchild.hashValue();
         EXPECT_EQ(grandchild.getPath(), u"/a b/c!d/\u00E9#");
-        EXPECT_EQ(grandchild, parsed);
     });
-    for (std::size_t i = 0; i < texts.size(); ++i) {
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(ascii[i], ascii.front());
         EXPECT_EQ(texts[i], texts.front());
         EXPECT_EQ(hashes[i], parsed.hashValue());
     }
+    EXPECT_EQ(*ascii.front(), u"file:///%E6%97%A5%E6%9C%AC/a%20%F0%9F%98%80%C3%A9");
     EXPECT_EQ(*texts.front(), parsed.toString());
-    EXPECT_EQ(grandchild.getName(), u"\u00E9#");
-    EXPECT_EQ(grandchild.getAuthority(), u"vol");
-    EXPECT_TRUE(base.isAncestorOf(grandchild));
+    EXPECT_EQ(grandchild, parsed);
     EXPECT_EQ(grandchild.getParent(), StorageIRI(u"mem://vol/a%20b/c%21d"));
 }
 
@@ -442,31 +381,18 @@ TEST_P(StorageIRIResolve, TakesTheRelativePathLiterally)
 
 const ResolveCase resolveCases[] = {
     {u"file:///a", u"b", u"file:///a/b", u"/a/b"},
-    {u"file:///", u"b", u"file:///b", u"/b"},
     {u"file:///a", u"100%.txt", u"file:///a/100%25.txt", u"/a/100%.txt"},
-    {u"file:///a", u"a b#c", u"file:///a/a%20b%23c", u"/a/a b#c"},
     {u"file:///a", u"%41", u"file:///a/%2541", u"/a/%41"},
-    {u"file:///a", u"q?x=1", u"file:///a/q%3Fx=1", u"/a/q?x=1"},
     {u"file:///a", u"b!/c", u"file:///a/b%21/c", u"/a/b!/c"},
     {u"file:///a", u"\u00E9\U0001F600", u"file:///a/\u00E9\U0001F600", u"/a/\u00E9\U0001F600"},
-    {u"file:///a", u"\u0085", u"file:///a/%C2%85", u"/a/\u0085"},
     {u"file:///a", std::u16string_view(u"x\0y", 3), u"file:///a/x%00y", std::u16string_view(u"/a/x\0y", 6)},
     {u"file:///a", u"x/y", u"file:///a/x/y", u"/a/x/y"},
-    {u"file:///a", u"x//y/", u"file:///a/x/y", u"/a/x/y"},
     {u"file:///a/b", u"../c", u"file:///a/c", u"/a/c"},
-    {u"file:///a/b", u"..", u"file:///a", u"/a"},
     {u"file:///a", u"../../../x", u"file:///x", u"/x"},
     {u"file:///a", u"/z", u"file:///z", u"/z"},
-    {u"file:///a", u"/", u"file:///", u"/"},
-    {u"file:///a", u"", u"file:///a", u"/a"},
-    {u"file:///a", u".", u"file:///a", u"/a"},
     {u"file:///a", u"...", u"file:///a/...", u"/a/..."},
-    {u"file:///a%20b", u"c", u"file:///a%20b/c", u"/a b/c"},
     {u"mem://vol/a", u"b!", u"mem://vol/a/b%21", u"/a/b!"},
-    {u"mem://vol/", u"../x", u"mem://vol/x", u"/x"},
-    {u"x:/", u"y", u"x:/y", u"/y"},
     {u"zip:file:///t.zip!/d", u"e", u"zip:file:///t.zip!/d/e", u"/d/e"},
-    {u"zip:file:///t.zip!/", u"e", u"zip:file:///t.zip!/e", u"/e"},
     {u"zip:file:///t.zip!/d", u"../../e", u"zip:file:///t.zip!/e", u"/e"},
 };
 
@@ -508,27 +434,19 @@ TEST(StorageIRI, NestedConstruction)
 TEST(StorageIRI, ParentAndName)
 {
     const StorageIRI iri(u"file:///a%20b/c%21/d");
-    EXPECT_EQ(iri.getName(), u"d");
-    const StorageIRI parent = iri.getParent();
-    EXPECT_EQ(parent.toString(), u"file:///a%20b/c%21");
-    EXPECT_EQ(parent.getName(), u"c!");
-    EXPECT_EQ(parent.getParent().toString(), u"file:///a%20b");
-    EXPECT_EQ(parent.getParent().getName(), u"a b");
-    const StorageIRI root = parent.getParent().getParent();
-    EXPECT_EQ(root.toString(), u"file:///");
-    EXPECT_EQ(root.getName(), u"");
+    EXPECT_EQ(iri.getParent().getName(), u"c!");
+    EXPECT_EQ(iri.getParent().getParent().getName(), u"a b");
+    const StorageIRI root(u"file:///");
     EXPECT_FALSE(root.hasParent());
     EXPECT_TRUE(root.getParent() == root);
-    EXPECT_TRUE(iri.hasParent());
+    EXPECT_EQ(root.getName(), u"");
 
     const struct {
         std::u16string_view iri, parent;
     } cases[] = {
         {u"mem://vol/a", u"mem://vol/"},
         {u"x:/a/b", u"x:/a"},
-        {u"x:/a", u"x:/"},
         {u"zip:file:///t.zip!/a/b", u"zip:file:///t.zip!/a"},
-        {u"zip:file:///t.zip!/a", u"zip:file:///t.zip!/"},
         {u"zip:file:///t.zip!/", u"zip:file:///t.zip!/"},
         {u"file:///\u00E9/\U0001F600", u"file:///\u00E9"},
         {u"mem://vol", u"mem://vol"},
@@ -552,26 +470,27 @@ TEST(StorageIRI, ParentAndName)
 
 TEST(StorageIRI, IsAncestorOfIsStrictAndSegmentWise)
 {
-    const auto ancestor = [](std::u16string_view a, std::u16string_view b) {
-        return StorageIRI(ustring(a)).isAncestorOf(StorageIRI(ustring(b)));
+    const struct {
+        std::u16string_view ancestor, descendant;
+        bool expected;
+    } cases[] = {
+        {u"file:///", u"file:///a", true},
+        {u"file:///a", u"file:///a/b/c", true},
+        {u"file:///a%20b", u"file:///a b/c", true},
+        {u"zip:file:///t.zip!/", u"zip:file:///t.zip!/x", true},
+        {u"file:///a", u"file:///a", false},
+        {u"file:///a", u"file:///ab", false},
+        {u"file:///a/b", u"file:///a", false},
+        {u"file:///a", u"mem:///a/b", false},
+        {u"mem://v/", u"mem://w/a", false},
+        {u"x:/", u"x:///a", false},
+        {u"zip:file:///t.zip!/", u"zip:file:///u.zip!/x", false},
+        {u"file:///t.zip", u"zip:file:///t.zip!/x", false},
+        {u"mem://v", u"mem://v/a", false},
     };
-    EXPECT_TRUE(ancestor(u"file:///", u"file:///a"));
-    EXPECT_TRUE(ancestor(u"file:///", u"file:///a/b"));
-    EXPECT_TRUE(ancestor(u"file:///a", u"file:///a/b"));
-    EXPECT_TRUE(ancestor(u"file:///a", u"file:///a/b/c"));
-    EXPECT_TRUE(ancestor(u"file:///a%20b", u"file:///a b/c"));
-    EXPECT_TRUE(ancestor(u"zip:file:///t.zip!/", u"zip:file:///t.zip!/x"));
-    EXPECT_FALSE(ancestor(u"file:///", u"file:///"));
-    EXPECT_FALSE(ancestor(u"file:///a", u"file:///a"));
-    EXPECT_FALSE(ancestor(u"file:///a", u"file:///ab"));
-    EXPECT_FALSE(ancestor(u"file:///a/b", u"file:///a"));
-    EXPECT_FALSE(ancestor(u"file:///a", u"mem:///a/b"));
-    EXPECT_FALSE(ancestor(u"mem://v/", u"mem://w/a"));
-    EXPECT_FALSE(ancestor(u"mem://v/", u"mem://V/a"));
-    EXPECT_FALSE(ancestor(u"x:/", u"x:///a"));
-    EXPECT_FALSE(ancestor(u"zip:file:///t.zip!/", u"zip:file:///u.zip!/x"));
-    EXPECT_FALSE(ancestor(u"file:///t.zip", u"zip:file:///t.zip!/x"));
-    EXPECT_FALSE(ancestor(u"mem://v", u"mem://v/a"));
+    for (const auto& c : cases)
+        EXPECT_EQ(StorageIRI(ustring(c.ancestor)).isAncestorOf(StorageIRI(ustring(c.descendant))), c.expected)
+            << utf8(c.ancestor) << " / " << utf8(c.descendant);
     EXPECT_FALSE(StorageIRI().isAncestorOf(StorageIRI(u"file:///a")));
     EXPECT_FALSE(StorageIRI(u"file:///").isAncestorOf(StorageIRI()));
 }
@@ -582,9 +501,6 @@ TEST(StorageIRI, MakePathRelativeTo)
         return StorageIRI(ustring(a)).makePathRelativeTo(StorageIRI(ustring(b)));
     };
     EXPECT_EQ(relative(u"file:///a/b/c", u"file:///a"), u"b/c");
-    EXPECT_EQ(relative(u"file:///a/b", u"file:///a/b"), u"");
-    EXPECT_EQ(relative(u"file:///", u"file:///"), u"");
-    EXPECT_EQ(relative(u"file:///a", u"file:///"), u"a");
     EXPECT_EQ(relative(u"file:///", u"file:///a/b"), u"../..");
     EXPECT_EQ(relative(u"file:///a/x", u"file:///a/b/c"), u"../../x");
     EXPECT_EQ(relative(u"file:///ab", u"file:///a"), u"../ab");
@@ -623,22 +539,13 @@ TEST(StorageIRI, PathViewWalksDecodedSegments)
     EXPECT_EQ(view.size(), 4u);
     EXPECT_FALSE(view.empty());
     EXPECT_THAT(segments(view), ::testing::ElementsAre(u"a", u"b", u"c d", u"\u00E9"));
-    EXPECT_EQ(std::distance(view.begin(), view.end()), 4);
 
     const auto root = StorageIRI(u"file:///").getPathView();
     EXPECT_EQ(root.path(), u"/");
     EXPECT_TRUE(root.empty());
-    EXPECT_EQ(root.size(), 0u);
-    EXPECT_TRUE(segments(root).empty());
 
-    const auto none = StorageIRI(u"mem://v").getPathView();
-    EXPECT_TRUE(none.path().empty());
-    EXPECT_TRUE(none.empty());
-    EXPECT_EQ(none.size(), 0u);
-
-    const auto single = StorageIRI(u"zip:file:///t.zip!/x").getPathView();
-    EXPECT_THAT(segments(single), ::testing::ElementsAre(u"x"));
-    EXPECT_EQ(single.size(), 1u);
+    EXPECT_TRUE(StorageIRI(u"mem://v").getPathView().path().empty());
+    EXPECT_THAT(segments(StorageIRI(u"zip:file:///t.zip!/x").getPathView()), ::testing::ElementsAre(u"x"));
 }
 
 // ---- randomised --------------------------------------------------------------------------------

@@ -104,9 +104,6 @@ TEST(AbsoluteIRITest, InvalidIRIIsCatchableAsEveryInterfaceItPromises)
     EXPECT_THROW(AbsoluteIRI{u""}, foundation::core::except::IInternalException);
     EXPECT_THROW(AbsoluteIRI{u""}, boost::exception);
     EXPECT_THROW(AbsoluteIRI{u""}, std::exception);
-    vfs_test::inspectThrown<std::exception>([] { AbsoluteIRI{u"mem://volume"}; }, [](const std::exception& error) {
-        EXPECT_STREQ(error.what(), "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"mem://volume\"}");
-    });
     // Captured into an exception_ptr it keeps its type and text.
     const auto captured = vfs_test::boostCaptured([] { AbsoluteIRI{u"x"}; });
     vfs_test::inspectThrown<InvalidIRIException>(vfs_test::rethrowing(captured), [](const InvalidIRIException& error) {
@@ -114,30 +111,7 @@ TEST(AbsoluteIRITest, InvalidIRIIsCatchableAsEveryInterfaceItPromises)
     });
 }
 
-TEST(AbsoluteIRITest, StringComparisonIsCodeUnitExactInBothArgumentOrders)
-{
-    const AbsoluteIRI iri{u"file:///a/b%20c"};
-    const ustring same = iri.toString();
-    EXPECT_TRUE(iri == same);
-    EXPECT_TRUE(same == iri);
-    EXPECT_FALSE(iri != same);
-    EXPECT_FALSE(same != iri);
-
-    // Texts of the same location that the parser normalises: equal as IRIs, unequal as strings.
-    for (const ustring other : {u"FILE:///a/b%20c", u"file:///a/./b%20c", u"file:///a//b%20c", u"file:///a/b%20c/x/.."}) {
-        SCOPED_TRACE(fl::i18n::ustring_to_utf8(other));
-        EXPECT_TRUE(iri == AbsoluteIRI{other});
-        EXPECT_FALSE(iri == other);
-        EXPECT_FALSE(other == iri);
-        EXPECT_TRUE(iri != other);
-        EXPECT_TRUE(other != iri);
-    }
-    // A proper prefix or extension of the text is not equal.
-    EXPECT_TRUE(iri != same.substr(0, same.size() - 1));
-    EXPECT_TRUE(same + u"/" != iri);
-}
-
-TEST(AbsoluteIRITest, OrderingAndEqualityFollowTheProvider)
+TEST(AbsoluteIRITest, ComparesAndHashesAsItsStorageIRIButStringsExactly)
 {
     const std::vector<ustring> texts = {u"file:///a", u"file:///a/b", u"file:///b", u"mem://v/a", u"mem://w/"};
     for (const auto& x : texts)
@@ -148,33 +122,31 @@ TEST(AbsoluteIRITest, OrderingAndEqualityFollowTheProvider)
             EXPECT_EQ(a != b, p != q);
             EXPECT_EQ(a < b, p < q);
         }
-}
 
-TEST(AbsoluteIRITest, HashAgreesAcrossItsNamesAndForEqualLocations)
-{
-    const AbsoluteIRI a{u"file:///tmp/x"};
-    const AbsoluteIRI b{u"FILE://localhost/tmp/./x"};
-    ASSERT_EQ(a, b);
-    EXPECT_EQ(hash_value(a), a.hashValue());
-    EXPECT_EQ(std::hash<AbsoluteIRI>{}(a), a.hashValue());
-    EXPECT_EQ(boost::hash<AbsoluteIRI>{}(a), a.hashValue());
-    EXPECT_EQ(a.hashValue(), b.hashValue());
-    EXPECT_EQ(a.hashValue(), provider::StorageIRI(u"file:///tmp/x").hashValue());
-    const CanonicalAbsoluteIRI canonical{u"file:///tmp/x"};
-    EXPECT_EQ(std::hash<CanonicalAbsoluteIRI>{}(canonical), a.hashValue());
+    const AbsoluteIRI iri{u"file:///tmp/b%20c"};
+    const AbsoluteIRI same{u"FILE://localhost/tmp/./b%20c"};
+    ASSERT_EQ(iri, same);
+    EXPECT_EQ(hash_value(iri), iri.hashValue());
+    EXPECT_EQ(std::hash<AbsoluteIRI>{}(iri), iri.hashValue());
+    EXPECT_EQ(boost::hash<AbsoluteIRI>{}(iri), iri.hashValue());
+    EXPECT_EQ(same.hashValue(), provider::StorageIRI(u"file:///tmp/b%20c").hashValue());
+    EXPECT_EQ(std::hash<CanonicalAbsoluteIRI>{}(CanonicalAbsoluteIRI{u"file:///tmp/b%20c"}), iri.hashValue());
+    EXPECT_EQ((std::unordered_set<AbsoluteIRI>{iri, same, AbsoluteIRI{u"file:///tmp/y"}}).size(), 2u);
 
-    std::unordered_set<AbsoluteIRI> set{a, b, AbsoluteIRI{u"file:///tmp/y"}};
-    EXPECT_EQ(set.size(), 2u);
-    EXPECT_EQ(set.count(AbsoluteIRI{u"file:///tmp/x/."}), 1u);
-}
+    // Against a string: equal only to the exact normalised text, in both argument orders.
+    const ustring text = iri.toString();
+    EXPECT_TRUE(iri == text && text == iri);
+    EXPECT_FALSE(iri != text || text != iri);
+    for (const ustring& other : {ustring(u"FILE:///tmp/b%20c"), ustring(u"file:///tmp//b%20c"), text.substr(0, text.size() - 1),
+                                text + u"/"}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(other));
+        EXPECT_FALSE(iri == other || other == iri);
+        EXPECT_TRUE(iri != other && other != iri);
+    }
 
-TEST(AbsoluteIRITest, StreamsTheStringFormAsUtf8)
-{
-    const AbsoluteIRI iri{u"file:///tmp/\u00e4 b"};
     std::ostringstream out;
-    out << iri;
-    EXPECT_EQ(out.str(), fl::i18n::ustring_to_utf8(iri.toString()));
-    EXPECT_THAT(out.str(), HasSubstr("\xC3\xA4"));
+    out << AbsoluteIRI{u"file:///tmp/\u00e4 b"};
+    EXPECT_EQ(out.str(), "file:///tmp/\xC3\xA4%20b");
 }
 
 TEST(AbsoluteIRITest, ResolvedIRIKeepsTheLocationAndItsContainer)
@@ -256,19 +228,10 @@ protected:
 TEST_F(LocalPathsTest, AbsoluteIRIKeepsThePathWhileCanonicalResolvesIt)
 {
     const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
-    EXPECT_EQ(viaLink.getScheme(), u"file");
     EXPECT_EQ(viaLink.getPath(), utf16(link));
-
-    const std::filesystem::path real = std::filesystem::canonical(target);
-    const AbsoluteIRI expected = vfs::toAbsoluteIRI(u"", real);
-    EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"", link), expected);
-    EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"file", dir / "sub" / ".." / "target.txt"), expected);
-    EXPECT_NE(viaLink, expected);
-
-    // Round trip back to a local path, also for names that need escaping in an IRI.
+    EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"file", link), vfs::toAbsoluteIRI(u"", std::filesystem::canonical(target)));
     const auto odd = dir.writeFile("\xC3\xA4 b%#!.txt");
     EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::toAbsoluteIRI(u"", odd)), odd);
-    EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::toCanonicalAbsoluteIRI(u"", odd)), std::filesystem::canonical(odd));
 }
 
 TEST_F(LocalPathsTest, MissingPathIsAnIRIButCannotBeCanonicalised)
@@ -317,23 +280,14 @@ TEST_F(LocalPathsTest, FromAbsoluteIRIPassesProviderErrorsUntranslated)
     EXPECT_THROW(vfs::fromAbsoluteIRI(AbsoluteIRI{u"file://remote.example/a"}), provider::Exception);
 }
 
-TEST_F(LocalPathsTest, EquivalenceSeesThroughLinksAndIsSymmetric)
+TEST_F(LocalPathsTest, EquivalenceSeesThroughLinks)
 {
     const AbsoluteIRI real = vfs::toAbsoluteIRI(u"", target);
     const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
-    const AbsoluteIRI other = vfs::toAbsoluteIRI(u"", dir.writeFile("other.txt"));
-    const AbsoluteIRI missing = vfs::toAbsoluteIRI(u"", dir / "missing.txt");
-    const AbsoluteIRI memory{u"mem://v/target.txt"};
-
     ASSERT_NE(real, viaLink);
-    EXPECT_TRUE(vfs::locationsAreEquivalent(real, viaLink));
     EXPECT_TRUE(vfs::locationsAreEquivalent(viaLink, real));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(real, other));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(other, viaLink));
-    EXPECT_TRUE(vfs::locationsAreEquivalent(missing, missing));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(missing, real));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(memory, real));
-    EXPECT_TRUE(vfs::locationsAreEquivalent(memory, AbsoluteIRI{u"MEM://v/./target.txt"}));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(real, vfs::toAbsoluteIRI(u"", dir.writeFile("other.txt"))));
+    EXPECT_FALSE(vfs::locationsAreEquivalent(AbsoluteIRI{u"mem://v/target.txt"}, real));
 }
 
 struct PrefixCase {
@@ -349,22 +303,17 @@ TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
         {u"ab:", false},               // too short
         {u"ab:/", true},               // the shortest IRI prefix
         {u"c:/tmp/x", false},          // drive letter
-        {u"C:\\tmp\\x", false},
         {u"file:///tmp/x", true},
-        {u"mem://v/", true},
         {u"a1+-.b:/x", true},          // every scheme character
         {u"1ab:/x", false},            // scheme starts with a digit
-        {u"+ab:/x", false},
         {u"a_b:/x", false},            // not a scheme character
         {u"f\u00e9:/x", false},        // not ASCII
         {u"file:", false},             // nothing after the colon
         {u"file", false},              // no colon
         {u"/tmp/x:/y", false},
         {u"zip:file:///a.zip!/x", true}, // an outer scheme followed by an IRI
-        {u"zip:file:", false},
         {u"zip:c:/x", false},          // an outer scheme followed by a drive letter
         {u"mailto:someone", false},    // opaque part
-        {u"urn:isbn:0451", false},
         {u"ab::/x", false},
         {u"a:b:/x", false},
         {u"ab:cd:/x", true},
@@ -375,28 +324,22 @@ TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
     }
 }
 
-TEST(HasIRIPrefixTest, LoneSurrogateAnswersFalseAndReportsTheExceptionToTheTrace)
+TEST(HasIRIPrefixTest, LoneSurrogateAnswersFalseAndReportsTheExceptionOnlyToThoseListening)
 {
-    vfs_test::RecordingListener trace(vfs::detail::logger(), foundation::log::category_exception);
-
-    // Valid prefixes: the whole text is converted first, so a bad unit anywhere decides.
-    for (const ustring& text : {ustring(u"file:///a\xD800"), ustring(u"\xDC00" u"file:///a"), ustring(u"ab:/\xDBFF")}) {
-        EXPECT_FALSE(vfs::hasIRIPrefix(text));
+    {
+        vfs_test::RecordingListener silent(vfs::detail::logger(),
+                                           foundation::log::category_all & ~foundation::log::category_exception);
+        EXPECT_FALSE(vfs::hasIRIPrefix(ustring(u"file:///a\xD800")));
+        EXPECT_THAT(silent.take(), testing::IsEmpty());
     }
+    vfs_test::RecordingListener trace(vfs::detail::logger(), foundation::log::category_exception);
+    // Valid prefixes: the whole text is converted first, so a bad unit anywhere decides.
+    for (const ustring& text : {ustring(u"file:///a\xD800"), ustring(u"\xDC00" u"file:///a"), ustring(u"ab:/\xDBFF")})
+        EXPECT_FALSE(vfs::hasIRIPrefix(text));
     const auto records = trace.take();
     ASSERT_EQ(records.size(), 3u);
-    for (const auto& record : records) {
-        EXPECT_EQ(record.severity, foundation::log::category_exception);
+    for (const auto& record : records)
         EXPECT_THAT(record.text, StartsWith("Exception caught: fl::i18n::conversion_error"));
-    }
-}
-
-TEST(HasIRIPrefixTest, WritesNothingWhenNobodyListensForExceptions)
-{
-    vfs_test::RecordingListener trace(vfs::detail::logger(),
-                                      foundation::log::category_all & ~foundation::log::category_exception);
-    EXPECT_FALSE(vfs::hasIRIPrefix(ustring(u"file:///a\xD800")));
-    EXPECT_THAT(trace.take(), testing::IsEmpty());
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include <foundation/storage/vfs/Exception.hpp>
 
-#include <ErrorCodeTable.hpp>
 #include <ExceptionCapture.hpp>
 
 #include <boost/exception/get_error_info.hpp>
@@ -43,30 +42,17 @@ std::deque<ExceptionContext> contexts(std::initializer_list<const char16_t*> key
 
 TEST(ErrorCodeTest, StreamsTypeQualifiedNamesAndFlagsUnknownValues)
 {
+    // The library's order differs from the provider's at 5..7: the names must follow the values.
     const std::vector<std::pair<int, std::string>> table = {
-        {0, "ErrorCode::FolderNotEmpty"},      {1, "ErrorCode::InvalidLocation"},
-        {2, "ErrorCode::PermissionDenied"},    {3, "ErrorCode::ResourceAlreadyExists"},
-        {4, "ErrorCode::ResourceNotFound"},    {5, "ErrorCode::ReadOnlyProvider"},
-        {6, "ErrorCode::FileTooLarge"},        {7, "ErrorCode::ResourceInUse"},
-        {8, "ErrorCode::NoSpaceLeft"},         {9, "ErrorCode::IOError"},
-        {10, "ErrorCode::InternalError"},      {11, "ErrorCode::UnsupportedOperation"},
-        {12, "ErrorCode::Unknown"},            {13, "Unhandled ErrorCode"},
-        {-1, "Unhandled ErrorCode"},           {1000, "Unhandled ErrorCode"},
+        {0, "ErrorCode::FolderNotEmpty"}, {5, "ErrorCode::ReadOnlyProvider"}, {6, "ErrorCode::FileTooLarge"},
+        {7, "ErrorCode::ResourceInUse"},  {12, "ErrorCode::Unknown"},         {13, "Unhandled ErrorCode"},
+        {-1, "Unhandled ErrorCode"},
     };
     for (const auto& [value, text] : table)
         EXPECT_EQ(streamed(static_cast<ErrorCode>(value)), text) << value;
-    // The stream is handed back for chaining.
     std::ostringstream out;
     out << ErrorCode::IOError << '|' << ErrorCode::Unknown;
     EXPECT_EQ(out.str(), "ErrorCode::IOError|ErrorCode::Unknown");
-}
-
-TEST(ErrorCodeTest, ProviderCodesMapWithTheThreeSwappedRows)
-{
-    auto table = vfs_test::libraryCodeOfProviderCode();
-    table.insert(table.end(), {{99, ErrorCode::Unknown}, {-1, ErrorCode::Unknown}});
-    for (const auto& [value, expected] : table)
-        EXPECT_EQ(vfs::toErrorCode(static_cast<provider::ErrorCode>(value)), expected) << value;
 }
 
 class ExceptionTest : public testing::Test {
@@ -82,115 +68,68 @@ protected:
     }
 };
 
-TEST_F(ExceptionTest, CarriesCodeAndLocationAsBoostErrorInformation)
-{
-    const vfs::Exception error(ErrorCode::ResourceInUse, location);
-    EXPECT_EQ(error.getErrorCode(), ErrorCode::ResourceInUse);
-    EXPECT_EQ(error.getLocation(), location);
-    const auto* code = boost::get_error_info<vfs::ErrorCodeInfo>(error);
-    const auto* iri = boost::get_error_info<vfs::AbsoluteIRIInfo>(error);
-    ASSERT_NE(code, nullptr);
-    ASSERT_NE(iri, nullptr);
-    EXPECT_EQ(*code, ErrorCode::ResourceInUse);
-    EXPECT_EQ(*iri, location);
-    EXPECT_EQ(error.getExceptionContextsString(), u"");
-    EXPECT_FALSE(error.topExceptionContext().has_value());
-}
-
 TEST_F(ExceptionTest, TextNamesTheProviderClassAndAlwaysHasTheContextPart)
 {
     ASSERT_NE(location.toAsciiString(), location.toString()) << "the location must need escaping";
     const vfs::Exception bare(ErrorCode::ResourceNotFound, location);
     EXPECT_EQ(std::string(bare.what()), expectedText("ErrorCode::ResourceNotFound", ""));
     EXPECT_EQ(bare.ToUstring(), fl::i18n::utf8_to_ustring(bare.what()));
+    EXPECT_EQ(*boost::get_error_info<vfs::ErrorCodeInfo>(bare), ErrorCode::ResourceNotFound);
+    EXPECT_EQ(*boost::get_error_info<vfs::AbsoluteIRIInfo>(bare), location);
 
     vfs::Exception withContexts(ErrorCode::FileTooLarge, location);
     withContexts.withExceptionContexts(contexts({u"open", u"EFBIG"}));
     EXPECT_EQ(std::string(withContexts.what()), expectedText("ErrorCode::FileTooLarge", "open:EFBIG"));
-
-    const vfs::Exception odd(static_cast<ErrorCode>(42), location);
-    EXPECT_EQ(std::string(odd.what()), expectedText("Unhandled ErrorCode", ""));
+    EXPECT_EQ(std::string(vfs::Exception(static_cast<ErrorCode>(42), location).what()),
+              expectedText("Unhandled ErrorCode", ""));
 }
 
-TEST_F(ExceptionTest, ContextsJoinPopAndTopFromTheFront)
+TEST_F(ExceptionTest, ContextsJoinPopAndTopFromTheFrontAndAreReplacedWhole)
 {
     vfs::Exception error(ErrorCode::IOError, location);
+    EXPECT_FALSE(error.topExceptionContext().has_value());
     vfs::Exception& self = error.withExceptionContexts(contexts({u"a", u"b", u"c"}));
     EXPECT_EQ(&self, &error);
     EXPECT_EQ(error.getExceptionContextsString(), u"a:b:c");
-    ASSERT_TRUE(error.topExceptionContext().has_value());
     EXPECT_EQ(*error.topExceptionContext(), ExceptionContext(u"a", u"detail of a"));
-
     error.popExceptionContext();
     EXPECT_EQ(error.getExceptionContextsString(), u"b:c");
-    EXPECT_EQ(error.topExceptionContext()->getExceptionContextKey(), u"b");
     error.popExceptionContext();
-    EXPECT_EQ(error.getExceptionContextsString(), u"c");
     error.popExceptionContext();
+    error.popExceptionContext(); // popping nothing is harmless
     EXPECT_EQ(error.getExceptionContextsString(), u"");
     EXPECT_FALSE(error.topExceptionContext().has_value());
-    error.popExceptionContext();
-    EXPECT_EQ(error.getExceptionContextsString(), u"");
-
-    // Replacing, not appending.
     error.withExceptionContexts(contexts({u"x"})).withExceptionContexts(contexts({u"y", u"z"}));
     EXPECT_EQ(error.getExceptionContextsString(), u"y:z");
-    error.withExceptionContexts({});
-    EXPECT_EQ(error.getExceptionContextsString(), u"");
 }
 
-TEST_F(ExceptionTest, CopiesOwnTheirContexts)
-{
-    vfs::Exception original(ErrorCode::NoSpaceLeft, location);
-    original.withExceptionContexts(contexts({u"a", u"b"}));
-
-    const vfs::Exception copy(original);
-    copy.popExceptionContext();
-    EXPECT_EQ(copy.getExceptionContextsString(), u"b");
-    EXPECT_EQ(original.getExceptionContextsString(), u"a:b");
-    EXPECT_EQ(copy.getErrorCode(), ErrorCode::NoSpaceLeft);
-    EXPECT_EQ(copy.getLocation(), location);
-
-    vfs::Exception assigned(ErrorCode::Unknown, AbsoluteIRI{u"mem://v/"});
-    assigned = original;
-    EXPECT_EQ(assigned.getErrorCode(), ErrorCode::NoSpaceLeft);
-    EXPECT_EQ(assigned.getLocation(), location);
-    EXPECT_EQ(assigned.getExceptionContextsString(), u"a:b");
-    EXPECT_EQ(std::string(assigned.what()), expectedText("ErrorCode::NoSpaceLeft", "a:b"));
-}
-
-TEST_F(ExceptionTest, CloneAndRethrowKeepEverything)
+TEST_F(ExceptionTest, CopiesClonesAndRethrowsKeepEverythingAndOwnTheirContexts)
 {
     vfs::Exception original(ErrorCode::ReadOnlyProvider, location);
     original.withExceptionContexts(contexts({u"write", u"EROFS"}));
+    const auto same = [&](const vfs::Exception& error) {
+        EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider);
+        EXPECT_EQ(error.getLocation(), location);
+        EXPECT_EQ(std::string(error.what()), expectedText("ErrorCode::ReadOnlyProvider", "write:EROFS"));
+    };
+
+    const vfs::Exception copy(original);
+    copy.popExceptionContext();
+    EXPECT_EQ(copy.getExceptionContextsString(), u"EROFS");
+    EXPECT_EQ(original.getExceptionContextsString(), u"write:EROFS");
+    vfs::Exception assigned(ErrorCode::Unknown, AbsoluteIRI{u"mem://v/"});
+    assigned = original;
+    same(assigned);
 
     const std::unique_ptr<const boost::exception_detail::clone_base> clone(original.clone());
     const auto* cloned = dynamic_cast<const vfs::Exception*>(clone.get());
     ASSERT_NE(cloned, nullptr);
-    EXPECT_EQ(cloned->getErrorCode(), ErrorCode::ReadOnlyProvider);
-    EXPECT_EQ(cloned->getExceptionContextsString(), u"write:EROFS");
-
-    vfs_test::inspectThrown<vfs::Exception>([&] { cloned->rethrow(); }, [&](const vfs::Exception& error) {
-        EXPECT_EQ(error.getLocation(), location);
-        EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
-    });
-
+    same(*cloned);
+    vfs_test::inspectThrown<vfs::Exception>([&] { cloned->rethrow(); }, same);
     // Thrown with a plain throw, boost::current_exception still captures the whole object.
-    const auto captured = vfs_test::boostCaptured([&] { throw original; });
-    vfs_test::inspectThrown<vfs::Exception>(vfs_test::rethrowing(captured), [&](const vfs::Exception& error) {
-        EXPECT_EQ(error.getErrorCode(), ErrorCode::ReadOnlyProvider);
-        EXPECT_EQ(error.getExceptionContextsString(), u"write:EROFS");
-        EXPECT_EQ(std::string(error.what()), expectedText("ErrorCode::ReadOnlyProvider", "write:EROFS"));
-    });
-}
-
-TEST_F(ExceptionTest, IsCatchableThroughEveryBase)
-{
-    const vfs::Exception error(ErrorCode::IOError, location);
-    EXPECT_THROW(boost::throw_exception(error), IInternalException);
-    EXPECT_THROW(boost::throw_exception(error), boost::exception);
-    EXPECT_THROW(boost::throw_exception(error), std::exception);
-    EXPECT_THROW(error.rethrow(), vfs::Exception);
+    vfs_test::inspectThrown<vfs::Exception>(vfs_test::rethrowing(vfs_test::boostCaptured([&] { throw original; })), same);
+    EXPECT_THROW(boost::throw_exception(original), IInternalException);
+    EXPECT_THROW(boost::throw_exception(original), std::exception);
 }
 
 template <class E>
@@ -226,19 +165,14 @@ TYPED_TEST(ChangeEventsExceptionTest, TextLocationCloneAndRethrow)
     EXPECT_THROW(boost::throw_exception(error), boost::exception);
 }
 
-TEST(ValueExceptionTest, InvalidIRIMessage)
+TEST(ValueExceptionTest, MessagesNameTheTypeAndTheValueAndSurviveCopies)
 {
-    const std::vector<std::pair<ustring, std::string>> cases = {
-        {u"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"\"}"},
-        {u"no scheme", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"no scheme\"}"},
-        {u"x:\u00e4\"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"x:\xC3\xA4\"\"}"},
-    };
-    for (const auto& [text, message] : cases) {
+    for (const auto& [text, message] : std::vector<std::pair<ustring, std::string>>{
+             {u"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"\"}"},
+             {u"x:\u00e4\"", "foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"x:\xC3\xA4\"\"}"}}) {
         const vfs::InvalidIRIException error(text);
         EXPECT_EQ(error.getInvalidIRIString(), text);
         EXPECT_EQ(std::string(error.what()), message);
-        const vfs::InvalidIRIException copy(error);
-        EXPECT_EQ(std::string(copy.what()), message);
         vfs::InvalidIRIException assigned(u"other");
         assigned = error;
         EXPECT_EQ(assigned.getInvalidIRIString(), text);
@@ -246,23 +180,15 @@ TEST(ValueExceptionTest, InvalidIRIMessage)
     }
     // A lone surrogate cannot be UTF-8; the message still exists and the text is kept exactly.
     const ustring broken(u"file:///\xD800");
-    const vfs::InvalidIRIException error(broken);
-    EXPECT_EQ(error.getInvalidIRIString(), broken);
-    EXPECT_THAT(error.what(), testing::StartsWith("foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"file:///"));
-}
+    EXPECT_EQ(vfs::InvalidIRIException(broken).getInvalidIRIString(), broken);
+    EXPECT_THAT(vfs::InvalidIRIException(broken).what(),
+                testing::StartsWith("foundation::storage::vfs::InvalidIRIException{invalidIRIString=\"file:///"));
 
-TEST(ValueExceptionTest, UnsupportedIRISchemeMessage)
-{
     const vfs::UnsupportedIRISchemeException error(u"http");
-    EXPECT_EQ(error.getScheme(), u"http");
-    EXPECT_STREQ(error.what(), "foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
-    EXPECT_STREQ(vfs::UnsupportedIRISchemeException(u"").what(),
-                 "foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"\"}");
     vfs::UnsupportedIRISchemeException assigned(u"zip");
     assigned = error;
     EXPECT_EQ(assigned.getScheme(), u"http");
-    EXPECT_STREQ(assigned.what(), error.what());
-
+    EXPECT_STREQ(assigned.what(), "foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
     // Storage systems throw it wrapped, as the library throws InvalidIRIException.
     vfs_test::inspectThrown<IInternalException>(
         [&] { foundation::core::except::throwInternal(error); }, [](const IInternalException& wrapped) {
@@ -270,7 +196,6 @@ TEST(ValueExceptionTest, UnsupportedIRISchemeMessage)
             ASSERT_NE(original, nullptr);
             EXPECT_EQ(original->getScheme(), u"http");
             EXPECT_NE(dynamic_cast<const boost::exception*>(&wrapped), nullptr);
-            EXPECT_EQ(wrapped.ToUstring(), u"foundation::storage::vfs::UnsupportedIRISchemeException{scheme=\"http\"}");
         });
 }
 

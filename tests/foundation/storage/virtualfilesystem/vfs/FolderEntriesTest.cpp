@@ -31,19 +31,10 @@ using vfs::Folder;
 using vfs::FolderEntry;
 using vfs::ListEntry;
 
-template <class Call>
-ErrorCode codeOf(Call&& call)
-{
-    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call),
-                                                   [](const vfs::Exception& error) { return error.getErrorCode(); });
-}
+constexpr auto codeOf = [](auto&& call) { return vfs_test::libraryErrorOf(call); };
 
-class FolderEntriesTest : public testing::TestWithParam<std::string> {
+class FolderEntriesTest : public vfs_test::OnEachScheme {
 protected:
-    const vfs_test::ProviderLayers& layers() const
-    {
-        return storage.layers(ustring(GetParam().begin(), GetParam().end()));
-    }
     std::uint64_t calls() const { return layers().calls->total(); }
     std::uint64_t calls(ProviderOperation operation) const { return layers().calls->count(operation); }
     void resetCalls() const { layers().calls->reset(); }
@@ -55,12 +46,9 @@ protected:
         file.truncateToSize(size);
         return file;
     }
-
-    vfs_test::DecoratedStorage storage;
-    vfs_test::WorkingFolder work{GetParam(), storage.ref};
 };
 
-INSTANTIATE_TEST_SUITE_P(Providers, FolderEntriesTest, testing::Values("file", "mem"));
+INSTANTIATE_TEST_SUITE_P(Providers, FolderEntriesTest, testing::Values("file", "mem"), vfs_test::schemeName);
 
 TEST_P(FolderEntriesTest, AttributesGivenAtConstructionAreKeptAndNeverFetched)
 {

@@ -43,22 +43,14 @@ static_assert(std::input_iterator<FolderListingIterator<FileEntry>>);
 static_assert(std::ranges::input_range<FolderListing<Entry>>);
 static_assert(std::ranges::input_range<const FolderListing<ListEntry>>);
 
-template <class Call>
-ErrorCode codeOf(Call&& call)
-{
-    return vfs_test::inspectThrown<vfs::Exception>(std::forward<Call>(call),
-                                                   [](const vfs::Exception& error) { return error.getErrorCode(); });
-}
+constexpr auto codeOf = [](auto&& call) { return vfs_test::libraryErrorOf(call); };
 
-class FolderListingTest : public testing::TestWithParam<std::string> {
+class FolderListingTest : public vfs_test::OnEachScheme {
 protected:
     explicit FolderListingTest(vfs_test::ListingRecorder::Behaviour behaviour = {})
-        : storage({}, vfs_test::recordingWrap(slot, behaviour))
+        : FolderListingTest(std::make_shared<vfs_test::RecorderSlot>(), behaviour)
     {
     }
-
-    ustring scheme() const { return ustring(GetParam().begin(), GetParam().end()); }
-    const vfs_test::ProviderLayers& layers() const { return storage.layers(scheme()); }
     vfs_test::ListingRecorder& recorder() const
     {
         layers();
@@ -78,12 +70,17 @@ protected:
         work.file(u"sub/inner.txt").createFile();
     }
 
-    std::shared_ptr<vfs_test::RecorderSlot> slot = std::make_shared<vfs_test::RecorderSlot>();
-    vfs_test::DecoratedStorage storage;
-    vfs_test::WorkingFolder work{GetParam(), storage.ref};
+private:
+    FolderListingTest(std::shared_ptr<vfs_test::RecorderSlot> made, vfs_test::ListingRecorder::Behaviour behaviour)
+        : OnEachScheme(vfs_test::recordingWrap(made, behaviour)), slot(std::move(made))
+    {
+    }
+
+protected:
+    std::shared_ptr<vfs_test::RecorderSlot> slot;
 };
 
-INSTANTIATE_TEST_SUITE_P(Providers, FolderListingTest, testing::Values("file", "mem"));
+INSTANTIATE_TEST_SUITE_P(Providers, FolderListingTest, testing::Values("file", "mem"), vfs_test::schemeName);
 
 TEST_P(FolderListingTest, EachMemberYieldsItsKindOfChild)
 {
@@ -160,7 +157,7 @@ protected:
     WithheldAttributesTest() : FolderListingTest({.ignorePattern = false, .withholdAttributes = true}) {}
 };
 
-INSTANTIATE_TEST_SUITE_P(Providers, WithheldAttributesTest, testing::Values("file", "mem"));
+INSTANTIATE_TEST_SUITE_P(Providers, WithheldAttributesTest, testing::Values("file", "mem"), vfs_test::schemeName);
 
 TEST_P(WithheldAttributesTest, EntriesFetchWhatTheListingDidNotBring)
 {
