@@ -184,15 +184,29 @@ std::streampos BufferedIODevice::tell() const
     return seek(0, std::ios_base::cur);
 }
 
+// The Boost buffer's own sync swallows the device's exception; writing the pending output here
+// first lets a failure keep its code (NoSpaceLeft, ReadOnlyProvider, ...).
+void BufferedIODevice::writeOut()
+{
+    if (pptr() == nullptr || pptr() == pbase() || !boost::iostreams::stream_buffer<IODevice>::is_open())
+        return;
+    (**this).write(pbase(), pptr() - pbase());
+    setp(pbase(), epptr());
+}
+
 void BufferedIODevice::flush()
 {
+    asIOException<IOWriteException>([&] { writeOut(); });
     if (asIOException<IOWriteException>([&] { return pubsync(); }) != 0)
         boost::throw_exception(IOWriteException(ErrorCode::IOError));
 }
 
 void BufferedIODevice::close()
 {
-    asIOException<IOCloseException>([&] { boost::iostreams::stream_buffer<IODevice>::close(); });
+    asIOException<IOCloseException>([&] {
+        writeOut();
+        boost::iostreams::stream_buffer<IODevice>::close();
+    });
     m_closed = true;
 }
 

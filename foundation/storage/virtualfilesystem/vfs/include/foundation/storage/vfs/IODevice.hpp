@@ -76,6 +76,8 @@ public:
     bool is_open() const;
 
 private:
+    void writeOut();
+
     bool m_closed = false;
 };
 
