@@ -53,6 +53,8 @@ std::streamsize FileStreamBuffer::xsgetn(char* s, std::streamsize n)
     std::streamsize done = buffered;
     if (n - done < bufferSize || pptr() != nullptr || !is_complete())
         return done + filtering_streambuf::xsgetn(s + done, n - done);
+    // Text mode delivers less than it reads; the short remainders cost a few small reads, which is
+    // still cheaper than copying a whole buffer.
     while (done < n) {
         const std::streamsize got = deviceRead(s + done, n - done);
         if (got <= 0)

@@ -3,6 +3,7 @@
 #include <foundation/storage/vfs.hpp>
 
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+#include <foundation/storage/vfs/detail/TextModeAdapter.hpp>
 
 #include <DecoratedStorage.hpp>
 #include <ExceptionCapture.hpp>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 
 namespace {
@@ -191,6 +193,26 @@ TEST_P(StreamTest, CFileOverAStorageFile)
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, StreamTest, testing::Values("file", "mem"));
+
+// The block-wise removal agrees with the plain rule on random text of CRs, LFs and letters.
+TEST(TextModeTest, CrLfRemovalMatchesTheByteByByteRule)
+{
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        std::string text(random() % 100, 'a');
+        for (char& c : text)
+            c = "\r\na"[random() % 3];
+        std::string expected;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            if (text[i] != '\r' || i + 1 == text.size() || text[i + 1] != '\n')
+                expected += text[i];
+        }
+        std::string compacted(text.size(), '\0');
+        compacted.resize(static_cast<std::size_t>(
+            vfs::detail::copyWithoutCrBeforeLf(text.data(), text.data() + text.size(), compacted.data()) - compacted.data()));
+        ASSERT_EQ(compacted, expected) << testing::PrintToString(text);
+    }
+}
 
 TEST(RawPosixFILETest, ForwardsToTheCLibraryAndClosesOnlyWhatItOwns)
 {
