@@ -2,12 +2,15 @@
 // failures of the stream family, and transactional streams that publish whole files or nothing.
 
 #include <ProviderHarness.hpp>
+#include <Threads.hpp>
 
 #include <foundation/storage/provider/ByteStream.hpp>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -166,6 +169,39 @@ TEST_P(StreamConformance, TransactionalStreamsPublishTheWholeFileOnCommitOnly)
     committed->close(StreamClosePolicy::Commit);
     EXPECT_EQ(contentOf(location), "new content");
     EXPECT_EQ(tree().size(), 1u);
+}
+
+// Streams of one provider on different files, plain and transactional, used by several threads at
+// once while another thread lists the folder.
+TEST_P(StreamConformance, StreamsOnDifferentFilesWorkFromSeveralThreadsAtOnce)
+{
+    constexpr int writers = 4;
+    std::vector<std::function<void()>> tasks;
+    for (int i = 0; i < writers; ++i) {
+        tasks.push_back([&, i] {
+            const std::string chunk(1000, static_cast<char>('a' + i));
+            const auto plain = provider->openStream(below(u"plain" + ustring(1, u'0' + i)), {});
+            const auto transaction = provider->openTransactionalStream(below(u"tx" + ustring(1, u'0' + i)), {});
+            for (int round = 0; round < 50; ++round) {
+                plain->write(chunk.data(), 1000);
+                transaction->write(chunk.data(), 1000);
+            }
+            plain->close();
+            transaction->close(StreamClosePolicy::Commit);
+        });
+    }
+    tasks.push_back([&] {
+        // Names only: temporary files come and go meanwhile.
+        for (int round = 0; round < 20; ++round)
+            for (auto it = provider->list(root, {}); it->hasNext();)
+                it->next();
+    });
+    vfs_test::runTogether(tasks);
+    for (int i = 0; i < writers; ++i) {
+        const std::string expected(50000, static_cast<char>('a' + i));
+        EXPECT_EQ(contentOf(below(u"plain" + ustring(1, u'0' + i))), expected);
+        EXPECT_EQ(contentOf(below(u"tx" + ustring(1, u'0' + i))), expected);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, StreamConformance, testing::ValuesIn(allProviders()), providerName);
