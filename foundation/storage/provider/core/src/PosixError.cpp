@@ -219,4 +219,12 @@ void throwPosixError(int error, const char* call, const StorageIRI& location)
     boost::throw_exception(posixError(error, call, location));
 }
 
+void throwPosixStreamError(StreamOperation operation, int error, const char* call, const StorageIRI& location,
+                           std::optional<ErrorCode> code)
+{
+    const Exception failure = posixError(error, call, location);
+    throwByteStreamFailure(operation, fl::i18n::ustring_to_utf8_lossy(location.toString() + u": " + failure.getMessage()),
+                           code.value_or(failure.getErrorCode()), failure.getAllExceptionContexts());
+}
+
 } // namespace foundation::storage::provider

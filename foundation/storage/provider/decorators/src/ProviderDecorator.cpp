@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <type_traits>
 
 namespace foundation::storage::provider::decorators {
 
@@ -66,6 +67,22 @@ const char* toString(ProviderOperation operation) noexcept
         return "configure";
     case ProviderOperation::Shutdown:
         return "shutdown";
+    case ProviderOperation::OpenReadOnlyStream:
+        return "openReadOnlyStream";
+    case ProviderOperation::OpenStream:
+        return "openStream";
+    case ProviderOperation::OpenTransactionalStream:
+        return "openTransactionalStream";
+    case ProviderOperation::StreamRead:
+        return "read";
+    case ProviderOperation::StreamWrite:
+        return "write";
+    case ProviderOperation::StreamSeek:
+        return "seek";
+    case ProviderOperation::StreamFlush:
+        return "flush";
+    case ProviderOperation::StreamClose:
+        return "close";
     case ProviderOperation::Count_:
         break;
     }
@@ -234,6 +251,76 @@ std::unique_ptr<IFolderEntryIterator> ProviderDecorator::list(const StorageIRI& 
     return m_wrapped->list(location, options);
 }
 
+// A wrapped provider's stream that tells its decorator about every call.
+template <class Stream>
+class DecoratedStream final : public Stream {
+public:
+    DecoratedStream(const ProviderDecorator& owner, StorageIRI location, std::unique_ptr<Stream> inner)
+        : m_owner(&owner), m_keepAlive(owner.weak_from_this().lock()), m_location(std::move(location)),
+          m_inner(std::move(inner))
+    {
+    }
+
+    std::streamsize read(char* s, std::streamsize n) override
+    {
+        m_owner->before(ProviderOperation::StreamRead, m_location);
+        return m_inner->read(s, n);
+    }
+    std::streamsize write(const char* s, std::streamsize n) override
+    {
+        m_owner->before(ProviderOperation::StreamWrite, m_location);
+        return m_inner->write(s, n);
+    }
+    std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override
+    {
+        m_owner->before(ProviderOperation::StreamSeek, m_location);
+        return m_inner->seek(off, way);
+    }
+    void flush() override
+    {
+        m_owner->before(ProviderOperation::StreamFlush, m_location);
+        m_inner->flush();
+    }
+    void close() override
+    {
+        m_owner->before(ProviderOperation::StreamClose, m_location);
+        m_inner->close();
+    }
+    void close(StreamClosePolicy policy)
+        requires std::is_base_of_v<TransactionalByteStream, Stream>
+    {
+        m_owner->before(ProviderOperation::StreamClose, m_location);
+        m_inner->close(policy);
+    }
+
+private:
+    const ProviderDecorator* m_owner;
+    std::shared_ptr<const ProviderDecorator> m_keepAlive;
+    StorageIRI m_location;
+    std::unique_ptr<Stream> m_inner;
+};
+
+std::unique_ptr<ByteStream> ProviderDecorator::openReadOnlyStream(const StorageIRI& location) const
+{
+    before(ProviderOperation::OpenReadOnlyStream, location);
+    return std::make_unique<DecoratedStream<ByteStream>>(*this, location, m_wrapped->openReadOnlyStream(location));
+}
+
+std::unique_ptr<ByteStream> ProviderDecorator::openStream(const StorageIRI& location,
+                                                          const ByteStreamOpenOptions& options) const
+{
+    before(ProviderOperation::OpenStream, location);
+    return std::make_unique<DecoratedStream<ByteStream>>(*this, location, m_wrapped->openStream(location, options));
+}
+
+std::unique_ptr<TransactionalByteStream> ProviderDecorator::openTransactionalStream(
+    const StorageIRI& location, const ByteStreamOpenOptions& options) const
+{
+    before(ProviderOperation::OpenTransactionalStream, location);
+    return std::make_unique<DecoratedStream<TransactionalByteStream>>(
+        *this, location, m_wrapped->openTransactionalStream(location, options));
+}
+
 void ProviderDecorator::flushFilesystem(const StorageIRI& location) const
 {
     before(ProviderOperation::FlushFilesystem, location);
@@ -343,9 +430,29 @@ void FaultInjectingProvider::before(ProviderOperation operation, const StorageIR
             }
         }
     }
-    if (code)
-        throwProviderError(*code, location,
-                           {ExceptionContext(u"fault-injection"), ExceptionContext(fl::i18n::utf8_to_ustring(toString(operation)))});
+    if (!code)
+        return;
+    ExceptionContexts contexts{ExceptionContext(u"fault-injection"), ExceptionContext(fl::i18n::utf8_to_ustring(toString(operation)))};
+    const auto streamOperation = [operation]() -> std::optional<StreamOperation> {
+        switch (operation) {
+        case ProviderOperation::StreamRead:
+            return StreamOperation::Read;
+        case ProviderOperation::StreamWrite:
+            return StreamOperation::Write;
+        case ProviderOperation::StreamSeek:
+            return StreamOperation::Seek;
+        case ProviderOperation::StreamFlush:
+            return StreamOperation::Flush;
+        case ProviderOperation::StreamClose:
+            return StreamOperation::Close;
+        default:
+            return std::nullopt;
+        }
+    }();
+    if (streamOperation)
+        throwByteStreamFailure(*streamOperation, std::string("injected fault: ") + toString(operation), *code,
+                               std::move(contexts));
+    throwProviderError(*code, location, std::move(contexts));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -29,49 +29,6 @@ constexpr std::size_t wholeFileChunk = std::size_t(1) << 30;
 constexpr std::size_t fallbackBufferSize = 1024 * 1024;
 constexpr std::size_t fallbackBufferAlignment = 4096;
 
-std::string temporaryName()
-{
-    thread_local std::mt19937_64 random{std::random_device{}()};
-    char name[40];
-    std::snprintf(name, sizeof name, ".vfs-copy-%016llx", static_cast<unsigned long long>(random()));
-    return name;
-}
-
-// A temporary file in the target's folder, removed unless published.
-class TemporaryFile {
-public:
-    TemporaryFile(int folder, const StorageIRI& target) : m_folder(folder)
-    {
-        for (int attempt = 0;; ++attempt) {
-            m_name = temporaryName();
-            m_file = FileDescriptor(::openat(folder, m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-            if (m_file)
-                return;
-            if (errno != EEXIST || attempt == 16)
-                fail(errno, "openat", target);
-        }
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-    ~TemporaryFile()
-    {
-        m_file.reset();
-        if (!m_published)
-            ::unlinkat(m_folder, m_name.c_str(), 0);
-    }
-
-    int fd() const noexcept { return m_file.get(); }
-    const std::string& name() const noexcept { return m_name; }
-    int close() noexcept { return m_file.close(); }
-    void published() noexcept { m_published = true; }
-
-private:
-    int m_folder;
-    std::string m_name;
-    FileDescriptor m_file;
-    bool m_published = false;
-};
-
 struct FreeDeleter {
     void operator()(void* memory) const noexcept { std::free(memory); }
 };
@@ -111,8 +68,8 @@ bool kernelCannotCopy(int error) noexcept
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == ENOTSUP;
 }
 
-// Copies everything from the current offset of `in` to `out`, reporting after each chunk. False
-// when the progress callback cancelled.
+} // namespace
+
 bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& options, const StorageIRI& from,
                  const StorageIRI& to)
 {
@@ -143,8 +100,6 @@ bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& opt
             return false;
     }
 }
-
-} // namespace
 
 TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options)
 {
@@ -188,7 +143,7 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
     FileDescriptor folder(::open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         fail(errno, "open", to);
-    TemporaryFile temporary(folder.get(), to);
+    TemporaryFile temporary(folder.get(), to, ".vfs-copy-", O_WRONLY, 0600);
     if (!copyContent(in.get(), temporary.fd(), static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
         return TransactionStatus::NothingDone;
     if (::fchmod(temporary.fd(), sourceInfo.st_mode & 07777) != 0)

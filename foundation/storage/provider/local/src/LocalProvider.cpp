@@ -471,11 +471,29 @@ public:
     TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
                                const StorageIRI& destination, const CopyFileOptions& options) const override
     {
-        // Any instance of this provider reaches the same disk.
+        // Any instance of this provider reaches the same disk; other storage is written through its
+        // streams.
         if (!dynamic_cast<const LocalProvider*>(&destinationProvider))
-            throwProviderError(ErrorCode::UnsupportedOperation, destination,
-                               {ExceptionContext(u"cross-provider-copy")});
+            return copyFileThroughStreams(*this, location, destinationProvider, destination, options);
         return detail::copyFile(location, destination, options);
+    }
+
+    // ---- byte streams --------------------------------------------------------------------------
+
+    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override
+    {
+        return detail::openReadOnlyStream(location);
+    }
+
+    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
+    {
+        return detail::openStream(location, options);
+    }
+
+    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+                                                                     const ByteStreamOpenOptions& options) const override
+    {
+        return detail::openTransactionalStream(location, options);
     }
 
     // ---- listing -------------------------------------------------------------------------------

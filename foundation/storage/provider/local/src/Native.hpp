@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -66,6 +67,36 @@ fl::filesystem::path nativePath(const StorageIRI& location);
                          const char16_t* extra = nullptr);
 // ResourceNotFound for a location of the other kind; `mismatch` is "not-a-file" or "not-a-folder".
 [[noreturn]] void failKind(const StorageIRI& location, const char16_t* mismatch);
+
+// A temporary file "<prefix><random>" created (O_EXCL) in the folder `folder` beside `target`, with
+// `flags` (O_WRONLY or O_RDWR) and `mode`; removed on destruction unless published. Creation failures
+// are thrown for `target`.
+class TemporaryFile {
+public:
+    TemporaryFile(int folder, const StorageIRI& target, const char* prefix, int flags, mode_t mode);
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile();
+
+    int fd() const noexcept { return m_file.get(); }
+    const std::string& name() const noexcept { return m_name; }
+    int close() noexcept { return m_file.close(); }
+    void published() noexcept { m_published = true; }
+    // Closes and removes it now.
+    void discard() noexcept;
+
+private:
+    int m_folder;
+    std::string m_name;
+    FileDescriptor m_file;
+    bool m_published = false;
+};
+
+// Copies everything from the current offset of `in` to that of `out` (copy_file_range, or through
+// a buffer where the kernel cannot), calling options.progress after each chunk. False when the
+// progress callback cancelled.
+bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& options, const StorageIRI& from,
+                 const StorageIRI& to);
 
 // Times on disk and in attributes. A time outside what boost::posix_time can hold (before 1400 or
 // after 9999) is clamped to the nearest one it can.
@@ -140,6 +171,12 @@ private:
     std::unique_ptr<std::byte[]> m_buffer;
     std::size_t m_filled = 0;
 };
+
+// The byte streams of IProvider on the local disk.
+std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location);
+std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options);
+std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+                                                                 const ByteStreamOpenOptions& options);
 
 // The children of the folder at `location` (see IProvider::list).
 std::unique_ptr<IFolderEntryIterator> listFolder(const StorageIRI& location, const ListOptions& options);

@@ -1,5 +1,6 @@
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
+#include "Stream.hpp"
 #include "Tree.hpp"
 
 #include <foundation/storage/provider/PosixError.hpp>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <cstddef>
 #include <limits>
 #include <mutex>
@@ -167,7 +169,9 @@ std::unique_ptr<Node> newFile(std::vector<std::byte> bytes = {}, bool writable =
 // memory in tests.
 class MemoryProvider final : public IProvider,
                              public extensions::IInvalidatable,
-                             public extensions::IFlushableFilesystem {
+                             public extensions::IFlushableFilesystem,
+                             public StreamHost,
+                             public std::enable_shared_from_this<MemoryProvider> {
 public:
     explicit MemoryProvider(MemoryProviderOptions options) : m_options(options) {}
 
@@ -476,8 +480,7 @@ public:
         constexpr const char* operation = "copyFile";
         checkLocation(location);
         if (&destinationProvider != this)
-            throwProviderError(ErrorCode::UnsupportedOperation, destination,
-                               {ExceptionContext(ascii(operation)), ExceptionContext(u"cross-provider-copy")});
+            return copyFileThroughStreams(*this, location, destinationProvider, destination, options);
         checkDestination(operation, destination);
         const ReplacementPolicy policy = options.replacementPolicy;
         checkPolicy(operation, location, policy);
@@ -526,6 +529,164 @@ public:
         m_usedBytes += bytes.size();
         putChild(*to.parent, destination.getName(), newFile(std::move(bytes), writable));
         return TransactionStatus::Completed;
+    }
+
+    // ---- byte streams --------------------------------------------------------------------------
+    // Streams name their file by location and find it again on every call, under the lock: a file
+    // removed meanwhile fails the next call with ResourceNotFound. Streams keep the provider alive.
+
+    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        {
+            std::shared_lock lock(m_mutex);
+            if (!existingIn(rootOf(location), "open", location).asFile())
+                wrongKind("open", location, true);
+        }
+        return makeStream(shared_from_this(), location, true, false, false);
+    }
+
+    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
+    {
+        constexpr const char* operation = "open";
+        checkLocation(location);
+        checkOpenOptions(location, options);
+        std::vector<std::byte> dropped; // freed after the lock is released
+        {
+            std::unique_lock lock(m_mutex);
+            checkChangeable(operation, location);
+            const Place<Node> place = placeIn(rootForChange(location), operation, location);
+            if (!place.node) {
+                if (options.creation == ByteStreamCreation::OpenExisting)
+                    fail(ENOENT, operation, location);
+                if (!place.parent->writable)
+                    fail(EACCES, operation, location);
+                putChild(*place.parent, location.getName(), newFile());
+            } else {
+                if (!place.node->asFile())
+                    wrongKind(operation, location, true);
+                if (!place.node->writable)
+                    fail(EACCES, operation, location);
+                if (options.keepContent == 0 && place.node->size() != 0) {
+                    m_usedBytes -= place.node->size();
+                    dropped.swap(place.node->asFile()->bytes);
+                    place.node->lastModified = now();
+                }
+            }
+        }
+        return makeStream(shared_from_this(), location, options.access == ByteStreamAccess::ReadWrite, true,
+                          options.writeAtPosition == 0);
+    }
+
+    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+                                                                     const ByteStreamOpenOptions& options) const override
+    {
+        constexpr const char* operation = "open";
+        checkLocation(location);
+        checkOpenOptions(location, options);
+        std::vector<std::byte> content;
+        {
+            std::shared_lock lock(m_mutex);
+            checkChangeable(operation, location);
+            const Place<const Node> place = placeIn(rootOf(location), operation, location);
+            if (!place.node) {
+                if (options.creation == ByteStreamCreation::OpenExisting)
+                    fail(ENOENT, operation, location);
+                if (!place.parent->writable)
+                    fail(EACCES, operation, location);
+            } else {
+                if (!place.node->asFile())
+                    wrongKind(operation, location, true);
+                if (!place.node->writable)
+                    fail(EACCES, operation, location);
+                if (options.keepContent != 0) {
+                    try {
+                        content = place.node->asFile()->bytes;
+                    } catch (const std::bad_alloc&) {
+                        fail(ENOSPC, operation, location);
+                    }
+                }
+            }
+        }
+        return makeTransactionalStream(shared_from_this(), location, std::move(content),
+                                       options.access == ByteStreamAccess::ReadWrite, options.writeAtPosition == 0,
+                                       options.creation == ByteStreamCreation::OpenExisting);
+    }
+
+    std::size_t readAt(const StorageIRI& location, std::uint64_t offset, char* s, std::size_t n) const override
+    {
+        std::shared_lock lock(m_mutex);
+        const std::vector<std::byte>& bytes = streamedFile(rootOf(location), location, StreamOperation::Read).bytes;
+        if (offset >= bytes.size())
+            return 0;
+        const std::size_t got = std::min(n, static_cast<std::size_t>(bytes.size() - offset));
+        std::memcpy(s, bytes.data() + offset, got);
+        return got;
+    }
+
+    std::uint64_t writeAt(const StorageIRI& location, std::uint64_t offset, bool append, const char* s,
+                          std::size_t n) const override
+    {
+        std::unique_lock lock(m_mutex);
+        if (m_options.readOnly)
+            throwPosixStreamError(StreamOperation::Write, EROFS, "write", location);
+        Node::File& file = streamedFile(rootForChange(location), location, StreamOperation::Write);
+        const std::uint64_t old = file.bytes.size();
+        const std::uint64_t at = append ? old : offset;
+        const std::uint64_t end = at + n;
+        if (end > old) {
+            roomFor(location, old, end, StreamOperation::Write);
+            try {
+                file.bytes.resize(end);
+            } catch (const std::bad_alloc&) {
+                throwPosixStreamError(StreamOperation::Write, ENOSPC, "write", location);
+            }
+            m_usedBytes += end - old;
+        }
+        std::memcpy(file.bytes.data() + at, s, n);
+        existingIn(rootForChange(location), "write", location).lastModified = now();
+        return end;
+    }
+
+    std::uint64_t sizeAt(const StorageIRI& location, StreamOperation operation) const override
+    {
+        std::shared_lock lock(m_mutex);
+        return streamedFile(rootOf(location), location, operation).bytes.size();
+    }
+
+    void checkRoom(const StorageIRI& location, std::uint64_t size, StreamOperation operation) const override
+    {
+        std::shared_lock lock(m_mutex);
+        const Node* node = walk(rootOf(location), location, location.getPathView().size()).first;
+        roomFor(location, node ? node->size() : 0, size, operation);
+    }
+
+    void commit(const StorageIRI& location, std::vector<std::byte>& bytes, bool mustExist) const override
+    {
+        std::vector<std::byte> replaced; // freed after the lock is released
+        std::unique_lock lock(m_mutex);
+        if (m_options.readOnly)
+            throwPosixStreamError(StreamOperation::Close, EROFS, "commit", location);
+        const auto [parent, error] = walk(rootForChange(location), location, location.getPathView().size() - 1);
+        if (!parent || !parent->asFolder())
+            throwPosixStreamError(StreamOperation::Close, parent ? ENOTDIR : error, "commit", location);
+        auto& children = parent->asFolder()->children;
+        const auto found = children.find(location.getName());
+        Node* node = found == children.end() ? nullptr : found->second.get();
+        if (node && !node->asFile())
+            throwPosixStreamError(StreamOperation::Close, EISDIR, "commit", location);
+        if (!node && mustExist)
+            throwPosixStreamError(StreamOperation::Close, ENOENT, "commit", location);
+        if (!(node ? node->writable : parent->writable))
+            throwPosixStreamError(StreamOperation::Close, EACCES, "commit", location);
+        const std::uint64_t old = node ? node->size() : 0;
+        roomFor(location, old, bytes.size(), StreamOperation::Close);
+        if (!node)
+            node = &putChild(*parent, location.getName(), newFile());
+        replaced.swap(node->asFile()->bytes);
+        node->asFile()->bytes.swap(bytes);
+        node->lastModified = now();
+        m_usedBytes = m_usedBytes - old + node->size();
     }
 
     // The entries are taken under the shared lock; the iterator then holds no lock and its clones
@@ -660,7 +821,42 @@ private:
                                                            expected + ", not \"" + value + "\""));
     }
 
+    static void checkOpenOptions(const StorageIRI& location, const ByteStreamOpenOptions& options)
+    {
+        const bool access = options.access == ByteStreamAccess::Write || options.access == ByteStreamAccess::ReadWrite;
+        const bool creation = options.creation == ByteStreamCreation::CreateIfMissing ||
+                              options.creation == ByteStreamCreation::OpenExisting;
+        if (!access || !creation)
+            badArgument("open", location, u"bad-open-options");
+    }
+
     // Callers hold m_mutex from here on.
+
+    template <class N>
+    static auto streamedFile(N& root, const StorageIRI& location, StreamOperation operation)
+        -> std::conditional_t<std::is_const_v<N>, const Node::File&, Node::File&>
+    {
+        const auto [node, error] = walk(root, location, location.getPathView().size());
+        if (!node)
+            throwPosixStreamError(operation, error, "find", location);
+        auto* file = node->asFile();
+        if (!file)
+            throwPosixStreamError(operation, EISDIR, "find", location);
+        return *file;
+    }
+
+    // Whether a file of `released` bytes may become `size` bytes long.
+    void roomFor(const StorageIRI& location, std::uint64_t released, std::uint64_t size, StreamOperation operation) const
+    {
+        if (size <= released)
+            return;
+        if (size > largestFile())
+            throwPosixStreamError(operation, EFBIG, "write", location);
+        const std::uint64_t kept = m_usedBytes - released;
+        if (size > m_options.quotaBytes || kept > m_options.quotaBytes - size)
+            throwPosixStreamError(operation, ENOSPC, "write", location);
+    }
+
 
     void checkChangeable(const char* operation, const StorageIRI& location) const
     {

@@ -194,4 +194,19 @@ bool File::operator<(const File& other) const noexcept { return m_item.getLocati
 
 std::ostream& operator<<(std::ostream& out, const File& file) { return out << file.getLocation(); }
 
+provider::ByteStreamDevice File::open(const provider::ByteStreamOpenOptions& options) const
+{
+    return detail::translated([&] { return provider::ByteStreamDevice(m_item.openStream(options)); });
+}
+
+provider::ByteStreamDevice File::openReadOnly() const
+{
+    return detail::translated([&] { return provider::ByteStreamDevice(m_item.openReadOnlyStream()); });
+}
+
+provider::TransactionalStreamDevice File::openTransactionalStream(const provider::ByteStreamOpenOptions& options) const
+{
+    return detail::translated([&] { return provider::TransactionalStreamDevice(m_item.openTransactionalStream(options)); });
+}
+
 } // namespace foundation::storage::vfs

@@ -131,9 +131,13 @@ TEST_F(MemoryProviderTest, TransfersOutOfTheProviderAreUnsupportedAndUnknownPoli
                           ErrorCode::InvalidLocation, source, "unknown-policy"));
     // Another memory provider is other storage, even for the same volume name.
     const auto other = makeMemoryProvider();
-    EXPECT_TRUE(failsWith([&] { memory->copyFile(source, *other, at(u"t"), {}); }, ErrorCode::UnsupportedOperation, at(u"t"),
-                          "cross-provider-copy"));
-    EXPECT_EQ(other->exists(at(u"t")), ExistenceType::NotFound);
+    const StorageIRI target = at(u"target.txt");
+    EXPECT_EQ(memory->copyFile(source, *other, target, {}), provider::TransactionStatus::Completed);
+    EXPECT_EQ(other->getFileAttributes(target).getSize(), 3u);
+    EXPECT_EQ(memory->exists(target), ExistenceType::NotFound);
+
+    EXPECT_TRUE(failsWith([&] { memory->moveFile(source, target, static_cast<ReplacementPolicy>(42)); },
+                          ErrorCode::InvalidLocation, source, "unknown-policy"));
     EXPECT_EQ(memory->exists(source), ExistenceType::File);
 }
 

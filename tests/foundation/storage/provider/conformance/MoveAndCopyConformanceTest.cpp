@@ -2,6 +2,8 @@
 
 #include <ProviderHarness.hpp>
 
+#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include <gtest/gtest.h>
@@ -317,6 +319,33 @@ TEST_P(MoveAndCopyConformance, ACancelledCopyLeavesNoTargetAndKeepsAReplacedOne)
             EXPECT_EQ(tree(), before);
         }
     }
+}
+
+TEST_P(MoveAndCopyConformance, CopyToAnotherProviderWritesThroughItsTransactionalStream)
+{
+    const StorageIRI file = makeFile(u"file.txt");
+    {
+        const auto out = provider->openStream(file, {});
+        out->write("content", 7);
+        out->close();
+    }
+    const auto other = std::make_shared<provider::decorators::FaultInjectingProvider>(provider::memory::makeMemoryProvider());
+    const StorageIRI elsewhere(u"mem://other/copy.txt");
+
+    // A write failing in the middle leaves no target behind.
+    other->addFault({.operation = provider::decorators::ProviderOperation::StreamWrite, .code = ErrorCode::NoSpaceLeft});
+    EXPECT_TRUE(failsWith([&] { provider->copyFile(file, *other, elsewhere, {}); }, ErrorCode::NoSpaceLeft, elsewhere,
+                          "fault-injection"));
+    EXPECT_EQ(other->exists(elsewhere), ExistenceType::NotFound);
+    other->clearFaults();
+
+    EXPECT_EQ(provider->copyFile(file, *other, elsewhere, {}), TransactionStatus::Completed);
+    char bytes[16] = {};
+    EXPECT_EQ(other->openReadOnlyStream(elsewhere)->read(bytes, sizeof bytes), 7);
+    EXPECT_STREQ(bytes, "content");
+    EXPECT_TRUE(failsWith([&] { provider->copyFile(file, *other, elsewhere, {}); }, ErrorCode::ResourceAlreadyExists,
+                          elsewhere));
+    EXPECT_EQ(sizeOf(file), 7u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, MoveAndCopyConformance, testing::ValuesIn(allProviders()), providerName);

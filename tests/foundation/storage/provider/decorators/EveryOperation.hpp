@@ -19,6 +19,8 @@ struct OperationCall {
     // What before() is told: the operation's subject; the empty IRI for configure() and shutdown().
     StorageIRI subject;
     std::function<void(const provider::IProvider&)> call;
+    // Calls the decorator sees in all: a stream call needs its stream opened first.
+    std::uint64_t total = 1;
 };
 
 // The calls work on `root`, which must hold the file "file.txt" and the folders "folder" and
@@ -65,6 +67,14 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
         {Operation::GetFilenameSensitivity, root, [=](P p) { p.getFilenameSensitivity(root); }},
         {Operation::GetPathComparator, root, [=](P p) { p.getPathComparator(root); }},
         {Operation::GetProviderStorageInfo, root, [=](P p) { p.getProviderStorageInfo(root); }},
+        {Operation::OpenReadOnlyStream, file, [=](P p) { p.openReadOnlyStream(file); }},
+        {Operation::OpenStream, fresh, [=](P p) { p.openStream(fresh, {}); }},
+        {Operation::OpenTransactionalStream, fresh, [=](P p) { p.openTransactionalStream(fresh, {}); }},
+        {Operation::StreamRead, file, [=](P p) { char c; p.openReadOnlyStream(file)->read(&c, 1); }, 2},
+        {Operation::StreamWrite, fresh, [=](P p) { p.openStream(fresh, {})->write("x", 1); }, 2},
+        {Operation::StreamSeek, file, [=](P p) { p.openReadOnlyStream(file)->seek(0, std::ios_base::end); }, 2},
+        {Operation::StreamFlush, fresh, [=](P p) { p.openStream(fresh, {})->flush(); }, 2},
+        {Operation::StreamClose, fresh, [=](P p) { p.openTransactionalStream(fresh, {})->close(provider::StreamClosePolicy::Commit); }, 2},
         {Operation::Configure, StorageIRI(), [](P p) { p.configure(boost::property_tree::ptree()); }},
         {Operation::Shutdown, StorageIRI(), [](P p) { p.shutdown(); }},
     };

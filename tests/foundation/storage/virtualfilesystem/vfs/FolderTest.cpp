@@ -389,11 +389,17 @@ TEST(FolderMoveTest, AcrossSchemesCopiesThenRemovesWithoutAskingTheProviderToMov
     EXPECT_FALSE(memory.folder(u"tree").folderExists());
     EXPECT_EQ(treeOf(disk.root()), (std::vector<ustring>{u"tree/", u"tree/a/", u"tree/a/b/", u"tree/c/"}));
 
-    // Files cannot cross providers yet: the move fails and the source is whole.
+    // A file that cannot be written on the other side fails the move, and the source stays whole.
     build(memory, {u"withFile/x/f"});
+    const auto fault = storage.layers(u"file").faults->addFault(
+        {.operation = ProviderOperation::StreamClose, .code = provider::ErrorCode::NoSpaceLeft});
     EXPECT_EQ(codeOf([&] { memory.folder(u"withFile").moveFolder(disk.folder(u"withFile"), ReplacementPolicy::Replace); }),
-              ErrorCode::UnsupportedOperation);
+              ErrorCode::NoSpaceLeft);
     EXPECT_EQ(treeOf(memory.root()), (std::vector<ustring>{u"withFile/", u"withFile/x/", u"withFile/x/f"}));
+    storage.layers(u"file").faults->removeFault(fault);
+    // The failed attempt left the folders on the disk; merging completes the move.
+    memory.folder(u"withFile").moveFolder(disk.folder(u"withFile"), ReplacementPolicy::MergeFolders);
+    EXPECT_TRUE(disk.file(u"withFile/x/f").fileExists());
 
     EXPECT_EQ(storage.layers(u"mem").calls->count(ProviderOperation::MoveFolder), 0u);
     EXPECT_EQ(storage.layers(u"file").calls->count(ProviderOperation::MoveFolder), 0u);

@@ -11,6 +11,10 @@
 #include <foundation/storage/vfs/FolderEntries.hpp>
 #include <foundation/storage/vfs/FolderListing.hpp>
 #include <foundation/storage/vfs/FolderVisitor.hpp>
+#include <foundation/storage/vfs/FileStream.hpp>
+#include <foundation/storage/vfs/IODevice.hpp>
+#include <foundation/storage/vfs/OpenMode.hpp>
+#include <foundation/storage/vfs/PosixFILE.hpp>
 #include <foundation/storage/vfs/IOException.hpp>
 #include <foundation/storage/vfs/ProviderExtensions.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/storage/provider/Attributes.hpp>
+#include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/Enumerations.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/FolderEntryIterator.hpp>
@@ -99,6 +100,20 @@ public:
     // ---- listing -------------------------------------------------------------------------------
     // The children of the folder at `location` (ResourceNotFound when it is none).
     virtual std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const = 0;
+
+    // ---- byte streams --------------------------------------------------------------------------
+    // Streams on the file at `location` (ResourceNotFound when none is there, or a folder); opening
+    // failures are provider Exceptions, failures of the open stream ByteStreamFailures. A stream
+    // stays usable after the provider object is released by everyone else.
+    // Reading from the start; writes fail (PermissionDenied).
+    virtual std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const = 0;
+    // Writing (and reading, with ByteStreamAccess::ReadWrite) from the start, as `options` say.
+    virtual std::unique_ptr<ByteStream> openStream(const StorageIRI& location,
+                                                   const ByteStreamOpenOptions& options) const = 0;
+    // As openStream(), but the file takes what was written only on close(Commit), whole (see
+    // TransactionalByteStream); with keepContent the stream starts with the file's content.
+    virtual std::unique_ptr<TransactionalByteStream> openTransactionalStream(
+        const StorageIRI& location, const ByteStreamOpenOptions& options) const = 0;
 
     // ---- the storage as a whole ----------------------------------------------------------------
     // Makes everything written below `location` durable.

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/Exception.hpp>
+
+#include <optional>
 
 namespace foundation::storage::provider {
 
@@ -19,5 +22,11 @@ VFS_EXPORT const char* errnoName(int error) noexcept;
 // (call, errno name), message strerror(error).
 VFS_EXPORT Exception posixError(int error, const char* call, const StorageIRI& location);
 [[noreturn]] VFS_EXPORT void throwPosixError(int error, const char* call, const StorageIRI& location);
+// The same failure met inside an open byte stream: the ByteStreamFailure leaf of `operation` with the
+// code (or `code` where the errno means something else there), the contexts (call, errno name) and
+// the message "<location>: <strerror>".
+[[noreturn]] VFS_EXPORT void throwPosixStreamError(StreamOperation operation, int error, const char* call,
+                                                   const StorageIRI& location,
+                                                   std::optional<ErrorCode> code = std::nullopt);
 
 } // namespace foundation::storage::provider

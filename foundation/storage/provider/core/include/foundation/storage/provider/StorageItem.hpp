@@ -71,6 +71,16 @@ public:
     std::unique_ptr<IFolderEntryIterator> listAllRecursive(ustring pattern) const { return list(ListKind::All, true, std::move(pattern), true); }
     std::unique_ptr<IFolderEntryIterator> listAllRecursiveNamesOnly(ustring pattern) const { return list(ListKind::All, false, std::move(pattern), true); }
 
+    std::unique_ptr<ByteStream> openReadOnlyStream() const { return m_provider->openReadOnlyStream(m_location); }
+    std::unique_ptr<ByteStream> openStream(const ByteStreamOpenOptions& options) const
+    {
+        return m_provider->openStream(m_location, options);
+    }
+    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const ByteStreamOpenOptions& options) const
+    {
+        return m_provider->openTransactionalStream(m_location, options);
+    }
+
     void flushFilesystem() const { m_provider->flushFilesystem(m_location); }
     FilenameSensitivity getFilenameSensitivity() const { return m_provider->getFilenameSensitivity(m_location); }
     PathComparatorFunction getPathComparator() const { return m_provider->getPathComparator(m_location); }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
@@ -14,6 +15,7 @@ namespace foundation::storage::vfs {
 class Folder;
 namespace detail {
 struct HandleAccess;
+struct StreamAccess;
 }
 
 // A file location bound to the provider that serves it. A cheap value: constructing one never
@@ -88,11 +90,18 @@ public:
 private:
     friend class Folder;
     friend struct detail::HandleAccess;
+    // The devices and streams open files through it.
+    friend struct detail::StreamAccess;
 
     File(provider::StorageItem item, StorageSystemReference system);
 
     provider::TransactionStatus doCopyFile(const File& destination, const provider::CopyFileOptions& options) const;
     void doMoveFile(const File& destination, const provider::ReplacementPolicy& policy) const;
+
+    // Provider streams on this file; failures translated. The returned device owns the stream.
+    provider::ByteStreamDevice open(const provider::ByteStreamOpenOptions& options) const;
+    provider::ByteStreamDevice openReadOnly() const;
+    provider::TransactionalStreamDevice openTransactionalStream(const provider::ByteStreamOpenOptions& options) const;
 
     provider::StorageItem m_item;
     StorageSystemReference m_storageSystem;

@@ -46,6 +46,15 @@ enum class ProviderOperation : std::int32_t {
     GetProviderStorageInfo,
     Configure,
     Shutdown,
+    OpenReadOnlyStream,
+    OpenStream,
+    OpenTransactionalStream,
+    // Calls on a stream opened through the decorator; their subject is the stream's location.
+    StreamRead,
+    StreamWrite,
+    StreamSeek,
+    StreamFlush,
+    StreamClose,
     Count_ // number of operations; not an operation
 };
 inline constexpr std::size_t providerOperationCount = static_cast<std::size_t>(ProviderOperation::Count_);
@@ -64,14 +73,17 @@ inline std::ostream& operator<<(std::ostream& out, ProviderOperation operation)
 // empty IRI for configure() and shutdown(). A copy whose destination provider is this decorator
 // itself reaches the wrapped provider with the wrapped provider as destination, so that a provider
 // recognises a copy within itself through any stack of decorators. Listings are checked when they
-// are made; their iterators come from the wrapped provider unchanged.
+// are made; their iterators come from the wrapped provider unchanged. Streams are wrapped, so that
+// before() also sees each read, write, seek, flush and close (Stream* operations); a stream keeps
+// its decorator alive when the decorator is owned by a shared_ptr, and must not outlive it otherwise.
 //
 // The optional interfaces (extensions::IInvalidatable, extensions::IFlushableFilesystem) are passed
 // through to the wrapped provider when it has them, and do nothing when it has not, so a decorated
 // provider offers exactly what the wrapped one does.
 class VFS_EXPORT ProviderDecorator : public IProvider,
                                      public extensions::IInvalidatable,
-                                     public extensions::IFlushableFilesystem {
+                                     public extensions::IFlushableFilesystem,
+                                     public std::enable_shared_from_this<ProviderDecorator> {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
     explicit ProviderDecorator(std::shared_ptr<IProvider> wrapped);
@@ -111,6 +123,11 @@ public:
     std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location,
                                                const ListOptions& options) const override;
 
+    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override;
+    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override;
+    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+                                                                     const ByteStreamOpenOptions& options) const override;
+
     void flushFilesystem(const StorageIRI& location) const override;
     FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override;
     PathComparatorFunction getPathComparator(const StorageIRI& location) const override;
@@ -123,6 +140,9 @@ protected:
     virtual void before(ProviderOperation operation, const StorageIRI& location) const;
 
 private:
+    template <class Stream>
+    friend class DecoratedStream;
+
     std::shared_ptr<IProvider> m_wrapped;
 };
 
@@ -159,7 +179,8 @@ public:
     std::uint64_t failuresInjected(std::size_t id) const;
 
 protected:
-    // Throws Exception(code, location) with contexts "fault-injection" and the operation's name.
+    // Throws Exception(code, location) with contexts "fault-injection" and the operation's name; for
+    // the Stream* operations the matching ByteStreamFailure instead (a flush fails as a write).
     void before(ProviderOperation operation, const StorageIRI& location) const override;
 
 private:

@@ -28,7 +28,7 @@ struct MemoryProviderOptions {
 // cannot be removed or moved (ResourceInUse). Failures carry the operation's name and the errno
 // name a disk would report ("removeFolder", "ENOTEMPTY"), or "not-a-file" / "not-a-folder" for a
 // location of the other kind. Files and folders move and copy across volumes of one provider;
-// copyFile into another provider is UnsupportedOperation ("cross-provider-copy"). Listings are
+// copyFile into another provider writes through that provider's transactional stream. Listings are
 // snapshots in code-unit order and every extended feature but RecursiveWatching is native.
 VFS_EXPORT std::shared_ptr<IProvider> makeMemoryProvider(MemoryProviderOptions options = {});
 
