@@ -119,6 +119,9 @@ TEST_F(ToolTest, ReadingCommandsPrintWhatIsThere)
         EXPECT_EQ(found, (std::vector<std::string>{at(".hidden"), at("a/b/y.dat"), at("a/x.txt")})) << walk;
     }
 
+    const Outcome cat = vfsTool({"cat", at("a/x.txt"), "file://" + at("a/x.txt")});
+    EXPECT_EQ(cat.out, "hello\nhello\n");
+
     const Outcome stat = vfsTool({"stat", at("a/x.txt")});
     EXPECT_NE(stat.out.find("Size: 6\n"), std::string::npos) << stat.out;
     EXPECT_NE(stat.out.find("Type: file\n"), std::string::npos);
@@ -193,6 +196,7 @@ TEST_F(ToolTest, BadInputGivesOneErrorLineAndTheRightExitCode)
         {{"mkdir", at("no/parent")}, 1, "vfs: mkdir: no such file or folder: " + at("no/parent")},
         {{"mkdir", at("a")}, 1, "vfs: mkdir: already exists: " + at("a")},
         {{"tree", at("a/x.txt")}, 1, "vfs: tree: not a folder: " + at("a/x.txt")},
+        {{"cat", at("a")}, 1, "vfs: cat: is a folder: " + at("a")},
         {{"ls", "zip:nowhere:/x"}, 2, "vfs: ls: neither an IRI nor a path: zip:nowhere:/x"},
         {{"ls", "ftp://host/x"}, 2, "vfs: ls: no storage for the scheme: ftp"},
         {{"cp", at("a/x.txt")}, 2, "vfs: cp: DST is required"},

@@ -25,16 +25,17 @@ extern "C" void onInterrupt(int)
 }
 
 // The words for a library error code; "not a folder" and "not a file" come from the contexts.
-std::string describe(const vfs::Exception& error)
+std::string describe(vfs::ErrorCode code, const ustring& contexts)
 {
-    const ustring contexts = error.getExceptionContextsString();
     if (contexts.find(u"not-a-folder") != ustring::npos)
         return "not a folder";
     if (contexts.find(u"not-a-file") != ustring::npos)
         return "not a file";
     if (contexts.find(u"into-itself") != ustring::npos)
         return "cannot move or copy a folder into itself";
-    switch (error.getErrorCode()) {
+    if (contexts.find(u"circular_symlink") != ustring::npos)
+        return "a link leads back into the copy";
+    switch (code) {
     case vfs::ErrorCode::FolderNotEmpty: return "folder not empty";
     case vfs::ErrorCode::InvalidLocation: return "invalid location";
     case vfs::ErrorCode::PermissionDenied: return "permission denied";
@@ -80,6 +81,11 @@ void checkInterrupted()
 std::string utf8(const ustring& text) { return fl::i18n::ustring_to_utf8_lossy(text); }
 
 ustring utf16(const std::string& text) { return fl::i18n::utf8_to_ustring_lossy(text); }
+
+std::string describe(const vfs::IOException& error)
+{
+    return describe(error.getErrorCode(), error.getExceptionContextsString());
+}
 
 std::string display(const vfs::AbsoluteIRI& location)
 {
@@ -140,7 +146,8 @@ int reportCurrentFailure(const std::string& command)
         printFailure(command, error.what(), error.location());
         return error.exitCode();
     } catch (const vfs::Exception& error) {
-        printFailure(command, describe(error), display(error.getLocation()));
+        printFailure(command, describe(error.getErrorCode(), error.getExceptionContextsString()),
+                     display(error.getLocation()));
     } catch (const vfs::UnsupportedIRISchemeException& error) {
         printFailure(command, "no storage for the scheme", utf8(error.getScheme()));
         return Usage;

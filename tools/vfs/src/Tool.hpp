@@ -63,6 +63,8 @@ private:
 // How a person reads a location: a local path for file IRIs, the IRI otherwise.
 std::string display(const vfs::AbsoluteIRI& location);
 std::string utf8(const ustring& text);
+// The words for a failed stream operation ("no space left", "input/output error", ...).
+std::string describe(const vfs::IOException& error);
 ustring utf16(const std::string& text);
 
 // Runs one command's body; every failure becomes "vfs: COMMAND: WHAT: LOCATION" on stderr and

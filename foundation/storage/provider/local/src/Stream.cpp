@@ -271,7 +271,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
     if (existing) {
         info = openedStat(existing.get(), location);
         // The rename would replace a file that its mode protects; refuse as opening it would.
-        if (!writableAt(AT_FDCWD, path.c_str(), info.st_mode))
+        if (!WriteAccess(AT_FDCWD, path.c_str()).allows(info))
             fail(EACCES, "open", location);
     }
 
