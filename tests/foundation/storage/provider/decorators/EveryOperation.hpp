@@ -38,6 +38,7 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
     const StorageIRI movedFile(root, u"moved.txt");
     const StorageIRI movedFolder(root, u"moved-folder");
     const auto time = boost::posix_time::from_time_t(1'600'000'000);
+    const provider::ChangeEventCallback ignoreChanges = [](auto&&...) {};
     return {
         {Operation::Exists, file, [=](P p) { p.exists(file); }},
         {Operation::ExistsExtended, file, [=](P p) { p.existsExtended(file); }},
@@ -65,6 +66,17 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
         {Operation::GetFilenameSensitivity, root, [=](P p) { p.getFilenameSensitivity(root); }},
         {Operation::GetPathComparator, root, [=](P p) { p.getPathComparator(root); }},
         {Operation::GetProviderStorageInfo, root, [=](P p) { p.getProviderStorageInfo(root); }},
+        {Operation::PublishFileEvents, file, [=](P p) { p.publishFileEvents(file, ignoreChanges, {}); }},
+        {Operation::PublishFolderEvents, root,
+         [=](P p) { p.publishFolderEvents(root, ignoreChanges, {}, provider::RecursiveFileWatching::NonRecursive); }},
+        {Operation::StopPublishingFileEvents, file, [=](P p) { p.stopPublishingFileEvents(file); }},
+        {Operation::StopPublishingFolderEvents, root, [=](P p) { p.stopPublishingFolderEvents(root); }},
+        {Operation::StartChangePollingMechanism, root,
+         [=](P p) {
+             p.startChangePollingMechanism(root, ignoreChanges, {}, std::chrono::hours(1),
+                                           provider::RecursiveChangePolling::NonRecursive);
+         }},
+        {Operation::StopChangePollingMechanism, root, [=](P p) { p.stopChangePollingMechanism(root); }},
         {Operation::Configure, StorageIRI(), [](P p) { p.configure(boost::property_tree::ptree()); }},
         {Operation::Shutdown, StorageIRI(), [](P p) { p.shutdown(); }},
     };
