@@ -136,8 +136,9 @@ struct ChangePoller::Core {
             for (auto it = self->pollings.begin(); it != self->pollings.end(); ++it)
                 if (it->second.due < next->second.due)
                     next = it;
-            if (Clock::now() < next->second.due) {
-                self->wake.wait_until(lock, next->second.due);
+            if (const Clock::time_point due = next->second.due; Clock::now() < due) {
+                // A copy: the polling may be stopped, and its entry erased, while this waits.
+                self->wake.wait_until(lock, due);
                 continue;
             }
             const StorageIRI folder = next->first;
