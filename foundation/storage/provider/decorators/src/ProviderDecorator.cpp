@@ -83,6 +83,18 @@ const char* toString(ProviderOperation operation) noexcept
         return "flush";
     case ProviderOperation::StreamClose:
         return "close";
+    case ProviderOperation::PublishFileEvents:
+        return "publishFileEvents";
+    case ProviderOperation::PublishFolderEvents:
+        return "publishFolderEvents";
+    case ProviderOperation::StopPublishingFileEvents:
+        return "stopPublishingFileEvents";
+    case ProviderOperation::StopPublishingFolderEvents:
+        return "stopPublishingFolderEvents";
+    case ProviderOperation::StartChangePollingMechanism:
+        return "startChangePollingMechanism";
+    case ProviderOperation::StopChangePollingMechanism:
+        return "stopChangePollingMechanism";
     case ProviderOperation::Count_:
         break;
     }
@@ -357,6 +369,46 @@ void ProviderDecorator::shutdown() const
     m_wrapped->shutdown();
 }
 
+void ProviderDecorator::publishFileEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                          const ChangeKinds& kinds) const
+{
+    before(ProviderOperation::PublishFileEvents, location);
+    m_wrapped->publishFileEvents(location, std::move(callback), kinds);
+}
+
+void ProviderDecorator::publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                            const ChangeKinds& kinds, RecursiveFileWatching recursive) const
+{
+    before(ProviderOperation::PublishFolderEvents, location);
+    m_wrapped->publishFolderEvents(location, std::move(callback), kinds, recursive);
+}
+
+void ProviderDecorator::stopPublishingFileEvents(const StorageIRI& location) const
+{
+    before(ProviderOperation::StopPublishingFileEvents, location);
+    m_wrapped->stopPublishingFileEvents(location);
+}
+
+void ProviderDecorator::stopPublishingFolderEvents(const StorageIRI& location) const
+{
+    before(ProviderOperation::StopPublishingFolderEvents, location);
+    m_wrapped->stopPublishingFolderEvents(location);
+}
+
+void ProviderDecorator::startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback,
+                                                    const ChangeKinds& kinds, std::chrono::milliseconds interval,
+                                                    RecursiveChangePolling recursive) const
+{
+    before(ProviderOperation::StartChangePollingMechanism, location);
+    m_wrapped->startChangePollingMechanism(location, std::move(callback), kinds, interval, recursive);
+}
+
+void ProviderDecorator::stopChangePollingMechanism(const StorageIRI& location) const
+{
+    before(ProviderOperation::StopChangePollingMechanism, location);
+    m_wrapped->stopChangePollingMechanism(location);
+}
+
 // ---------------------------------------------------------------------------------------------
 // FaultInjectingProvider
 
@@ -468,6 +520,15 @@ bool FeatureMaskingProvider::hasFeature(const StorageIRI& location, ExtendedFeat
     if (m_hidden.contains(feature))
         return false;
     return ProviderDecorator::hasFeature(location, feature);
+}
+
+void FeatureMaskingProvider::publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                                 const ChangeKinds& kinds, RecursiveFileWatching recursive) const
+{
+    if (recursive == RecursiveFileWatching::Recursive && m_hidden.contains(ExtendedFeature::RecursiveWatching))
+        throwProviderError(ErrorCode::UnsupportedOperation, location,
+                           {ExceptionContext(u"feature-masked"), ExceptionContext(u"publishFolderEvents")});
+    ProviderDecorator::publishFolderEvents(location, std::move(callback), kinds, recursive);
 }
 
 void FeatureMaskingProvider::removeFolderRecursively(const StorageIRI& location) const

@@ -1,7 +1,9 @@
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 
 #include "Native.hpp"
+#include "Watcher.hpp"
 
+#include <foundation/storage/provider/ChangePoller.hpp>
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <boost/property_tree/ptree.hpp>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <limits>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -148,8 +151,8 @@ private:
 
 // ---------------------------------------------------------------------------------------------
 
-// The provider keeps no state: every operation converts the IRI and asks the kernel, so any number
-// of threads may call it at once.
+// The provider keeps no state but its watcher and poller: every operation converts the IRI and asks
+// the kernel, so any number of threads may call it at once.
 class LocalProvider final : public IProvider, public extensions::IFlushableFilesystem {
 public:
     // ---- existence and kind --------------------------------------------------------------------
@@ -199,7 +202,7 @@ public:
     {
         static_cast<void>(nativePath(location));
         return feature == ExtendedFeature::RecursiveRemoval || feature == ExtendedFeature::RecursiveListing ||
-               feature == ExtendedFeature::FlatWildcardListing;
+               feature == ExtendedFeature::FlatWildcardListing || feature == ExtendedFeature::RecursiveWatching;
     }
 
     bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
@@ -553,9 +556,64 @@ public:
                            u"the local provider has no setting \"" + key + u"\"");
     }
 
-    void shutdown() const override {}
+    void shutdown() const override
+    {
+        m_poller.stopAll();
+        if (detail::Watcher* watcher = existingWatcher())
+            watcher->unwatchAll();
+    }
+
+    // ---- change events -------------------------------------------------------------------------
+
+    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
+    {
+        watcher(location).watchFile(location, std::move(callback), kinds);
+    }
+
+    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                             RecursiveFileWatching recursive) const override
+    {
+        watcher(location).watchFolder(location, std::move(callback), kinds, recursive == RecursiveFileWatching::Recursive);
+    }
+
+    void stopPublishingFileEvents(const StorageIRI& location) const override
+    {
+        if (detail::Watcher* watcher = existingWatcher())
+            watcher->unwatch(location, true);
+    }
+
+    void stopPublishingFolderEvents(const StorageIRI& location) const override
+    {
+        if (detail::Watcher* watcher = existingWatcher())
+            watcher->unwatch(location, false);
+    }
+
+    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const override
+    {
+        static_cast<void>(nativePath(location));
+        m_poller.start(location, std::move(callback), kinds, interval, recursive);
+    }
+
+    void stopChangePollingMechanism(const StorageIRI& location) const override { m_poller.stop(location); }
 
 private:
+    // The watcher, made with the first watch; `location` is named if inotify cannot be set up.
+    detail::Watcher& watcher(const StorageIRI& location) const
+    {
+        static_cast<void>(nativePath(location));
+        std::lock_guard lock(m_watcherMutex);
+        if (!m_watcher)
+            m_watcher = std::make_unique<detail::Watcher>(location);
+        return *m_watcher;
+    }
+
+    detail::Watcher* existingWatcher() const
+    {
+        std::lock_guard lock(m_watcherMutex);
+        return m_watcher.get();
+    }
+
     // stat of the location with links followed; `symlink` tells whether the location itself is one.
     static struct stat followedStat(const fl::filesystem::path& path, const StorageIRI& location, bool& symlink)
     {
@@ -582,6 +640,11 @@ private:
             failAs(ErrorCode::ResourceAlreadyExists, error, "mkdir", location, u"not-a-folder");
         fail(error, "mkdir", location);
     }
+
+    // Last, so that their threads end first. The watcher lives from the first watch to the end.
+    mutable std::mutex m_watcherMutex;
+    mutable std::unique_ptr<detail::Watcher> m_watcher;
+    mutable ChangePoller m_poller{*this};
 };
 
 } // namespace

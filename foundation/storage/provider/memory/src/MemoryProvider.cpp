@@ -1,8 +1,10 @@
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
 #include "Stream.hpp"
+#include "Notifier.hpp"
 #include "Tree.hpp"
 
+#include <foundation/storage/provider/ChangePoller.hpp>
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <boost/property_tree/ptree.hpp>
@@ -207,9 +209,8 @@ public:
         case ExtendedFeature::RecursiveListing:
         case ExtendedFeature::FlatWildcardListing:
         case ExtendedFeature::RecursiveWildcardListing:
-            return true;
         case ExtendedFeature::RecursiveWatching:
-            break;
+            return true;
         }
         return false;
     }
@@ -264,7 +265,10 @@ public:
             badArgument("setLastModified", location, u"not-a-time");
         std::unique_lock lock(m_mutex);
         checkChangeable("setLastModified", location);
-        existingIn(rootForChange(location), "setLastModified", location).lastModified = time;
+        Node& node = existingIn(rootForChange(location), "setLastModified", location);
+        node.lastModified = time;
+        // As on disk, where setting the modification time alone reads as a modification.
+        changed(events::Kind::Modified, location, node);
     }
 
     void setWritable(const StorageIRI& location, bool writable) const override
@@ -272,7 +276,9 @@ public:
         checkLocation(location);
         std::unique_lock lock(m_mutex);
         checkChangeable("setWritable", location);
-        existingIn(rootForChange(location), "setWritable", location).writable = writable;
+        Node& node = existingIn(rootForChange(location), "setWritable", location);
+        node.writable = writable;
+        changed(events::Kind::AttributesChanged, location, node);
     }
 
     void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
@@ -304,6 +310,7 @@ public:
         }
         m_usedBytes = m_usedBytes - old + size;
         node.lastModified = now();
+        changed(events::Kind::Modified, location, node);
     }
 
     void createFile(const StorageIRI& location) const override { create("createFile", location, false); }
@@ -324,6 +331,7 @@ public:
             fail(EACCES, operation, location);
         m_usedBytes -= place.node->size();
         removed = takeChild(*place.parent, location.getName());
+        changed(events::Kind::Removed, location, *removed);
     }
 
     void createFolder(const StorageIRI& location) const override { create("createFolder", location, true); }
@@ -354,8 +362,16 @@ public:
         checkChangeable(operation, location);
         if (!node->writable)
             fail(EACCES, operation, location);
-        for (; segment != path.end(); ++segment)
+        std::size_t made = 0;
+        for (; segment != path.end(); ++segment, ++made)
             node = &putChild(*node, ustring(*segment), newFolder());
+        if (m_notifier.active()) {
+            std::vector<StorageIRI> folders{location}; // the made folders, deepest first
+            while (folders.size() < made)
+                folders.push_back(folders.back().getParent());
+            for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+                m_notifier.record(events::Kind::Created, *it, true);
+        }
     }
 
     void removeFolder(const StorageIRI& location) const override
@@ -368,7 +384,8 @@ public:
         checkRemovableFolder(operation, location, place);
         if (!place.node->asFolder()->children.empty())
             fail(ENOTEMPTY, operation, location);
-        takeChild(*place.parent, location.getName());
+        const auto removedFolder = takeChild(*place.parent, location.getName());
+        changed(events::Kind::Removed, location, *removedFolder);
     }
 
     // All or nothing: every folder that would have to give up a child is checked before anything goes.
@@ -398,6 +415,16 @@ public:
             fail(EACCES, operation, locked->empty() ? location : StorageIRI(location, *locked));
         m_usedBytes -= bytes;
         removed = takeChild(*place.parent, location.getName());
+        if (m_notifier.active()) {
+            // Contents before their folder, deepest first, as a disk reports a recursive removal.
+            std::vector<std::pair<ustring, bool>> below;
+            forEachBelow(*removed, [&](std::u16string_view path, const Node& node) {
+                below.emplace_back(ustring(path), node.asFolder() != nullptr);
+            });
+            for (auto it = below.rbegin(); it != below.rend(); ++it)
+                m_notifier.record(events::Kind::Removed, StorageIRI(location, it->first), it->second);
+            changed(events::Kind::Removed, location, *removed);
+        }
     }
 
     void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
@@ -428,7 +455,8 @@ public:
             m_usedBytes -= to.node->size();
             replaced = takeChild(*to.parent, destination.getName());
         }
-        putChild(*to.parent, destination.getName(), takeChild(*from.parent, location.getName()));
+        const Node& moved = putChild(*to.parent, destination.getName(), takeChild(*from.parent, location.getName()));
+        renamed(location, destination, moved);
     }
 
     void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
@@ -468,7 +496,8 @@ public:
         if (from.node == to.node)
             return;
         std::unique_ptr<Node> moving = takeChild(*from.parent, location.getName());
-        putChild(*to.parent, destination.getName(), std::move(moving));
+        const Node& moved = putChild(*to.parent, destination.getName(), std::move(moving));
+        renamed(location, destination, moved);
     }
 
     // The bytes are taken under a shared lock, progress is reported with no lock held, and the
@@ -527,7 +556,8 @@ public:
             replaced = takeChild(*to.parent, destination.getName());
         }
         m_usedBytes += bytes.size();
-        putChild(*to.parent, destination.getName(), newFile(std::move(bytes), writable));
+        const Node& copied = putChild(*to.parent, destination.getName(), newFile(std::move(bytes), writable));
+        changed(replaced ? events::Kind::Modified : events::Kind::Created, destination, copied);
         return TransactionStatus::Completed;
     }
 
@@ -561,7 +591,7 @@ public:
                     fail(ENOENT, operation, location);
                 if (!place.parent->writable)
                     fail(EACCES, operation, location);
-                putChild(*place.parent, location.getName(), newFile());
+                changed(events::Kind::Created, location, putChild(*place.parent, location.getName(), newFile()));
             } else {
                 if (!place.node->asFile())
                     wrongKind(operation, location, true);
@@ -571,6 +601,7 @@ public:
                     m_usedBytes -= place.node->size();
                     dropped.swap(place.node->asFile()->bytes);
                     place.node->lastModified = now();
+                    changed(events::Kind::Modified, location, *place.node);
                 }
             }
         }
@@ -644,7 +675,9 @@ public:
             m_usedBytes += end - old;
         }
         std::memcpy(file.bytes.data() + at, s, n);
-        existingIn(rootForChange(location), "write", location).lastModified = now();
+        Node& node = existingIn(rootForChange(location), "write", location);
+        node.lastModified = now();
+        changed(events::Kind::Modified, location, node);
         return end;
     }
 
@@ -681,12 +714,14 @@ public:
             throwPosixStreamError(StreamOperation::Close, EACCES, "commit", location);
         const std::uint64_t old = node ? node->size() : 0;
         roomFor(location, old, bytes.size(), StreamOperation::Close);
-        if (!node)
+        const bool created = node == nullptr;
+        if (created)
             node = &putChild(*parent, location.getName(), newFile());
         replaced.swap(node->asFile()->bytes);
         node->asFile()->bytes.swap(bytes);
         node->lastModified = now();
         m_usedBytes = m_usedBytes - old + node->size();
+        changed(created ? events::Kind::Created : events::Kind::Modified, location, *node);
     }
 
     // The entries are taken under the shared lock; the iterator then holds no lock and its clones
@@ -782,13 +817,74 @@ public:
     void shutdown() const override
     {
         decltype(m_volumes) dropped; // destroyed after the lock is released
+        m_poller.stopAll();
+        m_notifier.unwatchAll();
         std::unique_lock lock(m_mutex);
         dropped.swap(m_volumes);
         m_usedBytes = 0;
         m_newVolume.lastModified = now();
     }
 
+    // ---- change events -------------------------------------------------------------------------
+    // The notifier reports what this provider changes; changes made under the same location by
+    // other means (there are none in memory) could not be seen.
+
+    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
+    {
+        checkWatchable("publishFileEvents", location, true);
+        m_notifier.watch(location, true, false, std::move(callback), kinds);
+    }
+
+    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                             RecursiveFileWatching recursive) const override
+    {
+        checkWatchable("publishFolderEvents", location, false);
+        m_notifier.watch(location, false, recursive == RecursiveFileWatching::Recursive, std::move(callback), kinds);
+    }
+
+    void stopPublishingFileEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, true); }
+    void stopPublishingFolderEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, false); }
+
+    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const override
+    {
+        checkLocation(location);
+        m_poller.start(location, std::move(callback), kinds, interval, recursive);
+    }
+
+    void stopChangePollingMechanism(const StorageIRI& location) const override { m_poller.stop(location); }
+
 private:
+    void checkWatchable(const char* operation, const StorageIRI& location, bool file) const
+    {
+        checkLocation(location);
+        std::shared_lock lock(m_mutex);
+        const Node& node = existingIn(rootOf(location), operation, location);
+        if ((node.asFile() != nullptr) != file)
+            wrongKind(operation, location, file);
+    }
+
+    // Records a change for the watches, when there are any. Called under the lock, after the change.
+    void changed(events::Kind kind, const StorageIRI& location, const Node& node) const
+    {
+        if (m_notifier.active())
+            m_notifier.record(kind, location, node.asFolder() != nullptr);
+    }
+
+    void renamed(const StorageIRI& from, const StorageIRI& to, const Node& node) const
+    {
+        if (!m_notifier.active())
+            return;
+        const std::string cookie = std::to_string(m_notifier.nextCookie());
+        boost::property_tree::ptree leaving, arriving;
+        leaving.put("rename.cookie", cookie);
+        leaving.put("rename.to", fl::i18n::ustring_to_utf8_lossy(to.toString()));
+        arriving.put("rename.cookie", cookie);
+        arriving.put("rename.from", fl::i18n::ustring_to_utf8_lossy(from.toString()));
+        m_notifier.record(events::Kind::RenamedFrom, from, node.asFolder() != nullptr, std::move(leaving));
+        m_notifier.record(events::Kind::RenamedTo, to, node.asFolder() != nullptr, std::move(arriving));
+    }
+
     static void checkLocation(const StorageIRI& location)
     {
         if (const ustring scheme = location.getScheme(); scheme != u"mem")
@@ -881,7 +977,8 @@ private:
             fail(EEXIST, operation, location);
         if (!place.parent->writable)
             fail(EACCES, operation, location);
-        putChild(*place.parent, location.getName(), folder ? newFolder() : newFile());
+        const Node& made = putChild(*place.parent, location.getName(), folder ? newFolder() : newFile());
+        changed(events::Kind::Created, location, made);
     }
 
     static void checkRemovableFolder(const char* operation, const StorageIRI& location, const Place<Node>& place)
@@ -943,6 +1040,9 @@ private:
     mutable std::uint64_t m_usedBytes = 0; // file content of every volume
     // What a volume nobody has changed reads as; a volume brought into being starts as its copy.
     mutable Node m_newVolume{Node::Folder{}, now()};
+    // Last, so that their threads end before the state they read goes.
+    mutable Notifier m_notifier;
+    mutable ChangePoller m_poller{*this};
 };
 
 } // namespace

@@ -1,7 +1,9 @@
+#include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 
+#include <boost/make_shared.hpp>
 #include <boost/throw_exception.hpp>
 
 namespace foundation::storage::vfs {
@@ -12,6 +14,7 @@ struct DefaultStorageSystem::State {
     bool shutDown = false;
     std::shared_ptr<provider::IProvider> local;
     std::shared_ptr<provider::IProvider> memory;
+    const boost::shared_ptr<msg_svc::eventmgr::EventMgr> eventMgr = boost::make_shared<msg_svc::eventmgr::EventMgr>();
 
     std::shared_ptr<provider::IProvider> decorate(const ustring& scheme, std::shared_ptr<provider::IProvider> built) const
     {
@@ -37,8 +40,14 @@ void DefaultStorageSystem::shutdown() const
         local = std::move(m_state->local);
         memory = std::move(m_state->memory);
     }
-    // The providers are released outside the lock: their destructors may join watcher threads.
+    // Outside the lock: ending watches waits for their callbacks, which build handles through this
+    // system; and the providers' destructors may join watcher threads.
+    for (const auto& released : {local, memory})
+        if (released)
+            released->shutdown();
 }
+
+boost::shared_ptr<msg_svc::eventmgr::EventMgr> DefaultStorageSystem::getEventMgr() const { return m_state->eventMgr; }
 
 std::shared_ptr<provider::IProvider> DefaultStorageSystem::buildProvider(const provider::StorageIRI& location) const
 {

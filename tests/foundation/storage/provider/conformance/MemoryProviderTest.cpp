@@ -93,7 +93,8 @@ TEST_F(MemoryProviderTest, EveryNamedVolumeHasAnEmptyRootFolderOfItsOwn)
         EXPECT_FALSE(memory->list(root, {})->hasNext());
         // Suites skip what a provider lacks, so what memory has natively is pinned here.
         for (const auto feature : {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
-                                   ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWildcardListing})
+                                   ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWildcardListing,
+                                   ExtendedFeature::RecursiveWatching})
             EXPECT_TRUE(memory->hasFeature(root, feature)) << feature;
     }
     memory->createFile(StorageIRI(u"mem://a/only-here"));

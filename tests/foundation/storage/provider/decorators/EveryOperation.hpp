@@ -40,6 +40,7 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
     const StorageIRI movedFile(root, u"moved.txt");
     const StorageIRI movedFolder(root, u"moved-folder");
     const auto time = boost::posix_time::from_time_t(1'600'000'000);
+    const provider::ChangeEventCallback ignoreChanges = [](auto&&...) {};
     return {
         {Operation::Exists, file, [=](P p) { p.exists(file); }},
         {Operation::ExistsExtended, file, [=](P p) { p.existsExtended(file); }},
@@ -75,6 +76,17 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
         {Operation::StreamSeek, file, [=](P p) { p.openReadOnlyStream(file)->seek(0, std::ios_base::end); }, 2},
         {Operation::StreamFlush, fresh, [=](P p) { p.openStream(fresh, {})->flush(); }, 2},
         {Operation::StreamClose, fresh, [=](P p) { p.openTransactionalStream(fresh, {})->close(provider::StreamClosePolicy::Commit); }, 2},
+        {Operation::PublishFileEvents, file, [=](P p) { p.publishFileEvents(file, ignoreChanges, {}); }},
+        {Operation::PublishFolderEvents, root,
+         [=](P p) { p.publishFolderEvents(root, ignoreChanges, {}, provider::RecursiveFileWatching::NonRecursive); }},
+        {Operation::StopPublishingFileEvents, file, [=](P p) { p.stopPublishingFileEvents(file); }},
+        {Operation::StopPublishingFolderEvents, root, [=](P p) { p.stopPublishingFolderEvents(root); }},
+        {Operation::StartChangePollingMechanism, root,
+         [=](P p) {
+             p.startChangePollingMechanism(root, ignoreChanges, {}, std::chrono::hours(1),
+                                           provider::RecursiveChangePolling::NonRecursive);
+         }},
+        {Operation::StopChangePollingMechanism, root, [=](P p) { p.stopChangePollingMechanism(root); }},
         {Operation::Configure, StorageIRI(), [](P p) { p.configure(boost::property_tree::ptree()); }},
         {Operation::Shutdown, StorageIRI(), [](P p) { p.shutdown(); }},
     };

@@ -4,6 +4,7 @@
 
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
+#include <foundation/storage/vfs/Events.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/File.hpp>
 #include <foundation/storage/vfs/FileOrFolder.hpp>

@@ -2,6 +2,7 @@
 
 #include <foundation/storage/provider/Attributes.hpp>
 #include <foundation/storage/provider/ByteStream.hpp>
+#include <foundation/storage/provider/ChangeEvents.hpp>
 #include <foundation/storage/provider/Enumerations.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/FolderEntryIterator.hpp>
@@ -9,6 +10,7 @@
 
 #include <boost/property_tree/ptree_fwd.hpp>
 
+#include <chrono>
 #include <memory>
 
 namespace foundation::storage::provider {
@@ -126,6 +128,33 @@ public:
     virtual void configure(const boost::property_tree::ptree& settings) const = 0;
     // Releases what the provider holds (watchers, memory volumes' content).
     virtual void shutdown() const = 0;
+
+    // ---- change events -------------------------------------------------------------------------
+    // A provider keeps at most one watch of each sort (file, folder, polling) per location: starting
+    // one again replaces its callback and kinds, and stopping ends it however often it was started;
+    // stopping a watch that does not exist does nothing. Once stop returns, the watch's callback is
+    // not running on another thread and is not called again. Callbacks run on the provider's own
+    // thread (see ChangeEventCallback). shutdown() ends every watch.
+    //
+    // Failures: a missing location, or one of the other kind, is ResourceNotFound ("not-a-file",
+    // "not-a-folder"); a storage that cannot watch throws ChangeEventsNotSupportedException, and one
+    // that cannot add this watch (a kernel limit reached) ChangeEventsSubscriptionException.
+
+    // Reports changes of the file at `location`, also its replacement by another file.
+    virtual void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                   const ChangeKinds& kinds) const = 0;
+    // Reports changes of the folder at `location` and of its children; with Recursive (providers
+    // with ExtendedFeature::RecursiveWatching only, UnsupportedOperation otherwise) of everything
+    // below it, including folders created later.
+    virtual void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                                     RecursiveFileWatching recursive) const = 0;
+    virtual void stopPublishingFileEvents(const StorageIRI& location) const = 0;
+    virtual void stopPublishingFolderEvents(const StorageIRI& location) const = 0;
+    // Polls the folder at `location` every `interval` (see ChangePoller, which providers use).
+    virtual void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback,
+                                             const ChangeKinds& kinds, std::chrono::milliseconds interval,
+                                             RecursiveChangePolling recursive) const = 0;
+    virtual void stopChangePollingMechanism(const StorageIRI& location) const = 0;
 };
 
 namespace extensions {

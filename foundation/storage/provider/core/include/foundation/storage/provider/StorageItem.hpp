@@ -88,6 +88,24 @@ public:
     void configure(const boost::property_tree::ptree& settings) const { m_provider->configure(settings); }
     void shutdownProvider() const { m_provider->shutdown(); }
 
+    // Change events (see IProvider).
+    void publishFileEvents(ChangeEventCallback callback, const ChangeKinds& kinds) const
+    {
+        m_provider->publishFileEvents(m_location, std::move(callback), kinds);
+    }
+    void publishFolderEvents(ChangeEventCallback callback, const ChangeKinds& kinds, RecursiveFileWatching recursive) const
+    {
+        m_provider->publishFolderEvents(m_location, std::move(callback), kinds, recursive);
+    }
+    void stopPublishingFileEvents() const { m_provider->stopPublishingFileEvents(m_location); }
+    void stopPublishingFolderEvents() const { m_provider->stopPublishingFolderEvents(m_location); }
+    void startChangePollingMechanism(ChangeEventCallback callback, const ChangeKinds& kinds,
+                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const
+    {
+        m_provider->startChangePollingMechanism(m_location, std::move(callback), kinds, interval, recursive);
+    }
+    void stopChangePollingMechanism() const { m_provider->stopChangePollingMechanism(m_location); }
+
 private:
     std::unique_ptr<IFolderEntryIterator> list(ListKind kind, bool withAttributes, ustring pattern, bool recursive = false) const
     {

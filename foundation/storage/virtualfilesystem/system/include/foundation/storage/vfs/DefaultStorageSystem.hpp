@@ -21,7 +21,8 @@ struct DefaultStorageSystemOptions {
 
 // A ready storage system: file:/// on the local disk and mem://VOLUME/ in process memory (each
 // instance has its own volumes). Any other scheme throws UnsupportedIRISchemeException. Providers
-// are built once, on first use, and shared by every handle. Thread-safe.
+// are built once, on first use, and shared by every handle. It owns an event manager, into which
+// the change events of its files and folders are published (see Events.hpp). Thread-safe.
 //
 //   auto system = std::make_shared<DefaultStorageSystem>();
 //   StorageSystemReference ref{std::weak_ptr<StorageSystem>(system)};
@@ -31,14 +32,16 @@ public:
     explicit DefaultStorageSystem(DefaultStorageSystemOptions options);
     ~DefaultStorageSystem() override;
 
-    // Releases the providers (and so the content of every memory volume). Later operations fail
-    // with UnsupportedOperation.
+    // Shuts the providers down and releases them (so the content of every memory volume goes and
+    // every watch and polling ends). Later operations fail with UnsupportedOperation.
     void shutdown() const override;
 
 protected:
     std::shared_ptr<provider::IProvider> buildProvider(const provider::StorageIRI& location) const override;
 
 private:
+    boost::shared_ptr<msg_svc::eventmgr::EventMgr> getEventMgr() const override;
+
     struct State;
     std::unique_ptr<State> m_state;
 };

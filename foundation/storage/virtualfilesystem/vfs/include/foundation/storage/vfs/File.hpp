@@ -1,6 +1,7 @@
 #pragma once
 
 #include <foundation/storage/provider/ByteStream.hpp>
+#include <foundation/storage/events/Event.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
@@ -9,13 +10,17 @@
 
 #include <cstdint>
 #include <ostream>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
 class Folder;
+class EventPublisher;
+class RecursiveEventPublisher;
 namespace detail {
 struct HandleAccess;
 struct StreamAccess;
+struct EventAccess;
 }
 
 // A file location bound to the provider that serves it. A cheap value: constructing one never
@@ -94,6 +99,13 @@ private:
     friend struct detail::StreamAccess;
 
     File(provider::StorageItem item, StorageSystemReference system);
+
+    // ---- change events (reached through the functions of Events.hpp) ----
+    friend struct detail::EventAccess;
+    void publishEvents(const EventPublisher& publisher, const std::vector<events::Kind>& kinds) const;
+    // Always Exception(InvalidLocation): a file cannot be watched recursively.
+    void publishEventsRecursively(const RecursiveEventPublisher& publisher, const std::vector<events::Kind>& kinds) const;
+    void stopPublishingEvents() const;
 
     provider::TransactionStatus doCopyFile(const File& destination, const provider::CopyFileOptions& options) const;
     void doMoveFile(const File& destination, const provider::ReplacementPolicy& policy) const;

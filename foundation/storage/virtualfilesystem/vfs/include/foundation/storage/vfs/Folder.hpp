@@ -8,9 +8,11 @@
 #include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/variant/variant_fwd.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
@@ -149,6 +151,16 @@ private:
     friend struct detail::HandleAccess;
 
     Folder(provider::StorageItem item, StorageSystemReference system);
+
+    // ---- change events (reached through the functions of Events.hpp) ----
+    friend struct detail::EventAccess;
+    void publishEvents(const EventPublisher& publisher, const std::vector<events::Kind>& kinds) const;
+    // Exception(UnsupportedOperation) when the provider cannot watch recursively.
+    void publishEventsRecursively(const RecursiveEventPublisher& publisher, const std::vector<events::Kind>& kinds) const;
+    void stopPublishingEvents() const;
+    void startChangePolling(const EventPublisher& publisher, const std::vector<events::Kind>& kinds,
+                            std::chrono::milliseconds interval) const;
+    void stopChangePolling() const;
 
     // The provider's iterators behind the listings; the pattern is handed on unchanged.
     std::unique_ptr<provider::IFolderEntryIterator> doListAll(ustring pattern) const;

@@ -55,6 +55,13 @@ enum class ProviderOperation : std::int32_t {
     StreamSeek,
     StreamFlush,
     StreamClose,
+    // change events
+    PublishFileEvents,
+    PublishFolderEvents,
+    StopPublishingFileEvents,
+    StopPublishingFolderEvents,
+    StartChangePollingMechanism,
+    StopChangePollingMechanism,
     Count_ // number of operations; not an operation
 };
 inline constexpr std::size_t providerOperationCount = static_cast<std::size_t>(ProviderOperation::Count_);
@@ -135,6 +142,16 @@ public:
     void configure(const boost::property_tree::ptree& settings) const override;
     void shutdown() const override;
 
+    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback,
+                           const ChangeKinds& kinds) const override;
+    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                             RecursiveFileWatching recursive) const override;
+    void stopPublishingFileEvents(const StorageIRI& location) const override;
+    void stopPublishingFolderEvents(const StorageIRI& location) const override;
+    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const override;
+    void stopChangePollingMechanism(const StorageIRI& location) const override;
+
 protected:
     // Called before each operation is forwarded; may throw to make the operation fail.
     virtual void before(ProviderOperation operation, const StorageIRI& location) const;
@@ -200,11 +217,14 @@ private:
 // provider behaves as one without the feature: with RecursiveRemoval hidden, removeFolderRecursively
 // fails with UnsupportedOperation; with RecursiveListing hidden, so does a recursive list(); with
 // FlatWildcardListing (RecursiveWildcardListing) hidden, a flat (recursive) list() ignores the
-// pattern, as the contract lets such a provider do.
+// pattern, as the contract lets such a provider do; with RecursiveWatching hidden, a recursive
+// publishFolderEvents() fails with UnsupportedOperation.
 class VFS_EXPORT FeatureMaskingProvider : public ProviderDecorator {
 public:
     FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden);
     bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override;
+    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                             RecursiveFileWatching recursive) const override;
     void removeFolderRecursively(const StorageIRI& location) const override;
     std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location,
                                                const ListOptions& options) const override;

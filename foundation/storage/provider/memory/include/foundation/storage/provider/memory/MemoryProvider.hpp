@@ -29,7 +29,8 @@ struct MemoryProviderOptions {
 // name a disk would report ("removeFolder", "ENOTEMPTY"), or "not-a-file" / "not-a-folder" for a
 // location of the other kind. Files and folders move and copy across volumes of one provider;
 // copyFile into another provider writes through that provider's transactional stream. Listings are
-// snapshots in code-unit order and every extended feature but RecursiveWatching is native.
+// snapshots in code-unit order and every extended feature is native. Change events come from a
+// notifier thread of the provider's own, in the order of the changes.
 VFS_EXPORT std::shared_ptr<IProvider> makeMemoryProvider(MemoryProviderOptions options = {});
 
 } // namespace foundation::storage::provider::memory

@@ -1,0 +1,121 @@
+// The local provider's inotify watcher where the kernel sets limits: a full event queue, the limit
+// of watches (reached through the fault-injecting seam of InotifyFaults.hpp), and a provider
+// released by its own watcher thread.
+
+#include <ChangeRecorder.hpp>
+#include <InotifyFaults.hpp>
+#include <ProviderHarness.hpp>
+#include <TaskCount.hpp>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+
+namespace {
+
+using namespace vfs_test;
+using foundation::storage::events::Kind;
+using provider::RecursiveFileWatching;
+
+TEST(LocalWatcherTest, AFullKernelQueueIsReportedAsOverflow)
+{
+    LocalHarness harness;
+    const auto local = harness.provider();
+    const StorageIRI a = harness.makeFile(u"a"), b = harness.makeFile(u"b");
+    ChangeRecorder recorder;
+    auto record = recorder.callback();
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool blocked = false, release = false;
+    // The first report holds the watcher thread, so that the kernel's queue fills behind it.
+    local->publishFolderEvents(harness.root(), [&](const auto&... args) {
+        {
+            std::unique_lock lock(mutex);
+            if (!blocked) {
+                blocked = true;
+                changed.notify_all();
+                changed.wait(lock, [&] { return release; });
+            }
+        }
+        record(args...);
+    }, {}, RecursiveFileWatching::NonRecursive);
+
+    long queueLimit = 16384;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> queueLimit;
+    local->truncateToSize(a, 1);
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return blocked; }));
+    }
+    // Alternating names, so that the kernel cannot merge neighbouring events.
+    for (long i = 0; i < queueLimit + 1000; ++i)
+        local->setLastModified(i % 2 ? a : b, boost::posix_time::from_time_t(1'600'000'000 + i));
+    {
+        std::lock_guard lock(mutex);
+        release = true;
+        changed.notify_all();
+    }
+    EXPECT_TRUE(recorder.waitForSequence({{Kind::Overflow, "", true}}));
+    const auto extras = recorder.extras();
+    EXPECT_FALSE(extras.back().get<std::string>("reason", "").empty());
+    local->shutdown();
+}
+
+TEST(LocalWatcherTest, TheLimitOfWatchesFailsTheWatchWholeOrIsReportedForLaterFolders)
+{
+    LocalHarness harness;
+    const auto local = harness.provider();
+    for (const auto* folder : {u"t/a/x", u"t/b", u"t/c"})
+        harness.makeFolder(folder);
+    const StorageIRI tree(harness.root(), u"t");
+    ChangeRecorder recorder;
+    {
+        const long before = inotify_faults::added - inotify_faults::removed;
+        inotify_faults::Limit limit(2);
+        const auto error = thrown<provider::ChangeEventsSubscriptionException>(
+            [&] { local->publishFolderEvents(tree, recorder.callback(), {}, RecursiveFileWatching::Recursive); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getStorageIRI(), tree);
+        EXPECT_NE(error->getReason().find(u"max_user_watches"), ustring::npos);
+        EXPECT_EQ(inotify_faults::added - inotify_faults::removed, before) << "a failed watch left kernel watches";
+    }
+
+    local->publishFolderEvents(tree, recorder.callback(), {}, RecursiveFileWatching::Recursive);
+    {
+        inotify_faults::Limit limit(0);
+        local->createFolder(StorageIRI(tree, u"late"));
+        ASSERT_TRUE(recorder.waitForSequence({{Kind::Created, "late", true}, {Kind::Overflow, "late", true}}))
+            << testing::PrintToString(recorder.changes());
+    }
+    local->createFile(StorageIRI(tree, u"a/x/still-seen"));
+    EXPECT_TRUE(recorder.waitForSequence({{Kind::Created, "a/x/still-seen", false}}));
+    local->shutdown();
+}
+
+TEST(LocalWatcherTest, AProviderReleasedByItsOwnWatcherThreadEndsThatThread)
+{
+    const std::size_t before = threadCount();
+    LocalHarness harness;
+    std::mutex mutex;
+    auto local = provider::local::makeLocalProvider();
+    std::condition_variable done;
+    bool released = false;
+    local->publishFolderEvents(harness.root(), [&](const auto&...) {
+        std::lock_guard lock(mutex);
+        local.reset(); // the last owner: the provider and its watcher go on the watcher thread
+        released = true;
+        done.notify_all();
+    }, {}, RecursiveFileWatching::NonRecursive);
+    harness.makeFile(u"trigger");
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(done.wait_for(lock, std::chrono::seconds(10), [&] { return released; }));
+    }
+    EXPECT_TRUE(threadsDropTo(before));
+}
+
+} // namespace
