@@ -6,6 +6,8 @@
 #include <boost/exception/info.hpp>
 #include <boost/throw_exception.hpp>
 
+#include <deque>
+
 namespace foundation::storage::vfs {
 
 namespace detail {
@@ -150,9 +152,20 @@ void Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
         boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
     detail::FolderCopyVisitor visitor(destination, policy);
     walkFolder(*this, visitor);
-    if (!visitor.collected().empty())
-        boost::throw_exception(boost::enable_error_info(visitor.collected().front())
-                               << CollectedCopyFailures(visitor.collected()));
+    if (visitor.collected().empty())
+        return;
+    // A fresh exception like the first: a copy would share its error information with the copy
+    // inside the list it carries, and so never be freed.
+    const Exception& first = visitor.collected().front();
+    Exception contexts(first);
+    std::deque<provider::ExceptionContext> kept;
+    for (auto top = contexts.topExceptionContext(); top; top = contexts.topExceptionContext()) {
+        kept.push_back(*top);
+        contexts.popExceptionContext();
+    }
+    Exception summary(first.getErrorCode(), first.getLocation());
+    summary.withExceptionContexts(std::move(kept));
+    boost::throw_exception(boost::enable_error_info(summary) << CollectedCopyFailures(visitor.collected()));
 }
 
 void Folder::copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const
