@@ -167,6 +167,8 @@ TEST_F(ToolTest, ChangingCommandsChangeTheTree)
     EXPECT_EQ(vfsTool({"touch", at("new/t.txt")}).exitCode, 0);
     EXPECT_TRUE(fs::is_regular_file(at("new/t.txt")));
 
+    EXPECT_EQ(vfsTool({"cp", "-r", at("a"), at("new")}).exitCode, 0);
+    EXPECT_EQ(slurp(at("new/a/b/y.dat")), std::string(2048, 'y'));
     EXPECT_EQ(vfsTool({"cp", at("a/x.txt"), at("new")}).exitCode, 0);
     EXPECT_EQ(slurp(at("new/x.txt")), "hello\n");
     EXPECT_EQ(vfsTool({"mv", at("new/x.txt"), at("new/deep/moved.txt")}).exitCode, 0);
@@ -192,6 +194,7 @@ TEST_F(ToolTest, BadInputGivesOneErrorLineAndTheRightExitCode)
     const std::vector<Case> cases = {
         {{"ls", at("missing")}, 1, "vfs: ls: no such file or folder: " + at("missing")},
         {{"cp", at("a"), at("copy")}, 1, "vfs: cp: is a folder (use -r): " + at("a")},
+        {{"cp", "-r", at("a"), at("a/b")}, 1, "vfs: cp: invalid location: " + at("a/b/a")},
         {{"rm", at("a")}, 1, "vfs: rm: is a folder (use -r): " + at("a")},
         {{"mkdir", at("no/parent")}, 1, "vfs: mkdir: no such file or folder: " + at("no/parent")},
         {{"mkdir", at("a")}, 1, "vfs: mkdir: already exists: " + at("a")},

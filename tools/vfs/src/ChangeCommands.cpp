@@ -52,7 +52,10 @@ int runCp(Tool& tool, const CpOptions& options)
     if (kind == provider::ExistenceType::Folder) {
         if (!options.recursive)
             throw ToolError("is a folder (use -r)", options.source);
-        throw ToolError("copying folders is not available yet", options.source);
+        if (tool.kindAt(target) == provider::ExistenceType::File)
+            throw ToolError("cannot replace a file with a folder", display(target));
+        tool.folder(source).copyFolder(tool.folder(target), policy);
+        return Success;
     }
     if (tool.kindAt(target) == provider::ExistenceType::Folder)
         throw ToolError("cannot replace a folder with a file", display(target));

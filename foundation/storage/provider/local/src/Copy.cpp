@@ -148,7 +148,7 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
         return TransactionStatus::NothingDone;
     if (::fchmod(temporary.fd(), sourceInfo.st_mode & 07777) != 0)
         fail(errno, "fchmod", to);
-    if (::fsync(temporary.fd()) != 0)
+    if (options.durable && ::fsync(temporary.fd()) != 0)
         fail(errno, "fsync", to);
     if (const int error = temporary.close())
         fail(error, "close", to);

@@ -67,7 +67,11 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
     if (!merging && target.fileExists())
         return FolderVisitResult::Continue;
     try {
-        source.copyFile(target, m_policy);
+        // Not synced file by file: copyFolder flushes the destination once, at the end.
+        provider::CopyFileOptions options;
+        options.replacementPolicy = m_policy;
+        options.durable = false;
+        source.copyFile(target, options);
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
         if (m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied)
@@ -152,6 +156,7 @@ void Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
         boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
     detail::FolderCopyVisitor visitor(destination, policy);
     walkFolder(*this, visitor);
+    Folder(destination).flushFilesystem();
     if (visitor.collected().empty())
         return;
     // A fresh exception like the first: a copy would share its error information with the copy

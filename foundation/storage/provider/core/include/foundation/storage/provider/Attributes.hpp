@@ -129,6 +129,10 @@ inline PathComparatorFunction makePathComparator(FilenameSensitivity storage)
 struct CopyFileOptions {
     ReplacementPolicy replacementPolicy = ReplacementPolicy::FailIfExists;
     std::function<bool(std::uint64_t copied, std::uint64_t total)> progress;
+    // True: the content is on the disk before the target appears under its name. False: it appears
+    // whole all the same, but reaches the disk when the storage next flushes; for callers that copy
+    // many files and flush once at the end (a file-by-file sync costs milliseconds each).
+    bool durable = true;
 };
 
 } // namespace foundation::storage::provider
