@@ -13,6 +13,10 @@
 #include <string>
 #include <vector>
 
+#include <chrono>
+#include <csignal>
+#include <thread>
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -23,6 +27,8 @@ extern char** environ;
 namespace {
 
 namespace fs = std::filesystem;
+
+std::string slurp(const fs::path& path);
 
 struct Outcome {
     int exitCode = -1;
@@ -38,31 +44,67 @@ std::string slurp(const fs::path& path)
     return text.str();
 }
 
-// Runs the tool with `arguments`, stdout and stderr captured in files (no pipe can fill up).
-Outcome vfsTool(const std::vector<std::string>& arguments)
-{
-    const vfs_test::TempDir capture;
-    const fs::path out = capture.path() / "out";
-    const fs::path err = capture.path() / "err";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::vector<std::string> storage{VFS_TOOL_PATH};
-    storage.insert(storage.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : storage)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_t child = 0;
-    const int spawned = posix_spawn(&child, VFS_TOOL_PATH, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0)
-        throw std::runtime_error("cannot start " VFS_TOOL_PATH);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return Outcome{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), slurp(out), slurp(err)};
-}
+// The tool started with `arguments`, stdout and stderr captured in files (no pipe can fill up).
+class Started {
+public:
+    explicit Started(const std::vector<std::string>& arguments)
+        : m_out(m_capture.path() / "out"), m_err(m_capture.path() / "err")
+    {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        std::vector<std::string> storage{VFS_TOOL_PATH};
+        storage.insert(storage.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (std::string& argument : storage)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        const int spawned = posix_spawn(&m_pid, VFS_TOOL_PATH, &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0)
+            throw std::runtime_error("cannot start " VFS_TOOL_PATH);
+    }
+    Started(const Started&) = delete;
+    Started& operator=(const Started&) = delete;
+    ~Started()
+    {
+        if (m_pid != 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    std::string out() const { return slurp(m_out); }
+    std::string err() const { return slurp(m_err); }
+    // Waits (at most 10 s) until `text` shows in the captured output (`err` or not).
+    bool waitForOutput(const std::string& text, bool err = false) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while ((err ? this->err() : out()).find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    void signal(int number) const { kill(m_pid, number); }
+    Outcome finish()
+    {
+        int status = 0;
+        waitpid(m_pid, &status, 0);
+        m_pid = 0;
+        return Outcome{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out(), err()};
+    }
+
+private:
+    const vfs_test::TempDir m_capture;
+    const fs::path m_out;
+    const fs::path m_err;
+    pid_t m_pid = 0;
+};
+
+Outcome vfsTool(const std::vector<std::string>& arguments) { return Started(arguments).finish(); }
 
 std::vector<std::string> lines(const std::string& text)
 {
@@ -180,6 +222,23 @@ TEST_F(ToolTest, ChangingCommandsChangeTheTree)
     EXPECT_EQ(vfsTool({"rm", "-r", at("empty/deep"), at("new/t.txt")}).exitCode, 0);
     EXPECT_FALSE(fs::exists(at("empty/deep")));
     EXPECT_FALSE(fs::exists(at("new/t.txt")));
+}
+
+TEST_F(ToolTest, WatchPrintsOneLinePerChangeUntilInterrupted)
+{
+    for (const std::string mode : {"-r", "--poll=20"}) {
+        SCOPED_TRACE(mode);
+        const std::string watched = at("a");
+        Started watch({"watch", mode, watched});
+        ASSERT_TRUE(watch.waitForOutput("watching " + watched, true)) << watch.err();
+        tree.writeFile("a/new" + mode + ".txt", "n");
+        EXPECT_TRUE(watch.waitForOutput("created\tfile\tfile://" + at("a/new" + mode + ".txt") + "\n")) << watch.out();
+        watch.signal(SIGINT);
+        const Outcome outcome = watch.finish();
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    }
+    EXPECT_EQ(vfsTool({"watch", "--poll", "10", at("a/x.txt")}).exitCode, 1);
+    EXPECT_EQ(vfsTool({"watch", at("missing")}).exitCode, 1);
 }
 
 // Bad input: one line "vfs: COMMAND: WHAT: LOCATION" (or a usage line), the right exit code, and

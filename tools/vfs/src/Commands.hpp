@@ -18,5 +18,6 @@ struct CommandSet {
 void addListCommands(const CommandSet& commands);   // ls, tree, find, du
 void addItemCommands(const CommandSet& commands);   // stat, cat, touch, mkdir
 void addChangeCommands(const CommandSet& commands); // cp, mv, rm
+void addWatchCommand(const CommandSet& commands);   // watch
 
 } // namespace vfs_tool

@@ -24,6 +24,7 @@ int main(int argc, char** argv)
     addListCommands(commands);
     addItemCommands(commands);
     addChangeCommands(commands);
+    addWatchCommand(commands);
     for (CLI::App* command : app.get_subcommands({}))
         command->set_help_flag("--help", "Show this command's help");
 
