@@ -265,7 +265,7 @@ std::unique_ptr<IFolderEntryIterator> ProviderDecorator::list(const StorageIRI& 
 
 // A wrapped provider's stream that tells its decorator about every call.
 template <class Stream>
-class DecoratedStream final : public Stream {
+class DecoratedStream : public Stream {
 public:
     DecoratedStream(const ProviderDecorator& owner, StorageIRI location, std::unique_ptr<Stream> inner)
         : m_owner(&owner), m_keepAlive(owner.weak_from_this().lock()), m_location(std::move(location)),
@@ -298,18 +298,24 @@ public:
         m_owner->before(ProviderOperation::StreamClose, m_location);
         m_inner->close();
     }
-    void close(StreamClosePolicy policy)
-        requires std::is_base_of_v<TransactionalByteStream, Stream>
-    {
-        m_owner->before(ProviderOperation::StreamClose, m_location);
-        m_inner->close(policy);
-    }
 
-private:
+protected:
     const ProviderDecorator* m_owner;
     std::shared_ptr<const ProviderDecorator> m_keepAlive;
     StorageIRI m_location;
     std::unique_ptr<Stream> m_inner;
+};
+
+// The transactional form adds the close that commits or discards.
+class DecoratedTransactionalStream final : public DecoratedStream<TransactionalByteStream> {
+public:
+    using DecoratedStream::DecoratedStream;
+    using DecoratedStream::close;
+    void close(StreamClosePolicy policy) override
+    {
+        m_owner->before(ProviderOperation::StreamClose, m_location);
+        m_inner->close(policy);
+    }
 };
 
 std::unique_ptr<ByteStream> ProviderDecorator::openReadOnlyStream(const StorageIRI& location) const
@@ -329,8 +335,8 @@ std::unique_ptr<TransactionalByteStream> ProviderDecorator::openTransactionalStr
     const StorageIRI& location, const ByteStreamOpenOptions& options) const
 {
     before(ProviderOperation::OpenTransactionalStream, location);
-    return std::make_unique<DecoratedStream<TransactionalByteStream>>(
-        *this, location, m_wrapped->openTransactionalStream(location, options));
+    return std::make_unique<DecoratedTransactionalStream>(*this, location,
+                                                          m_wrapped->openTransactionalStream(location, options));
 }
 
 void ProviderDecorator::flushFilesystem(const StorageIRI& location) const

@@ -159,6 +159,7 @@ protected:
 private:
     template <class Stream>
     friend class DecoratedStream;
+    friend class DecoratedTransactionalStream;
 
     std::shared_ptr<IProvider> m_wrapped;
 };
