@@ -224,6 +224,45 @@ TEST_F(ToolTest, ChangingCommandsChangeTheTree)
     EXPECT_FALSE(fs::exists(at("new/t.txt")));
 }
 
+// Ctrl-C stops a tree copy or removal between two files and says what it left.
+TEST_F(ToolTest, InterruptedTreeWorkIsReported)
+{
+    constexpr int files = 2000;
+    for (int i = 0; i < files; ++i)
+        tree.writeFile("big/f" + std::to_string(i), "x");
+    const auto count = [](const fs::path& folder) {
+        std::error_code error;
+        std::ptrdiff_t entries = 0;
+        for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+            ++entries;
+        return entries;
+    };
+    const auto interruptOnceUnderWay = [&](const std::vector<std::string>& arguments, const fs::path& watched,
+                                           const auto& underWay) {
+        Started started(arguments);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!underWay(watched) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        started.signal(SIGINT);
+        return started.finish();
+    };
+
+    const Outcome copied = interruptOnceUnderWay({"cp", "-r", at("big"), at("copy")}, at("copy"),
+                                                 [](const fs::path& copy) { return fs::exists(copy); });
+    EXPECT_EQ(copied.exitCode, 1);
+    EXPECT_NE(copied.err.find("interrupted after"), std::string::npos) << copied.err;
+    EXPECT_NE(copied.err.find("partial copy left: " + at("copy")), std::string::npos) << copied.err;
+    EXPECT_LT(count(at("copy")), files);
+    EXPECT_EQ(count(at("big")), files);
+
+    const Outcome removed = interruptOnceUnderWay({"rm", "-r", at("big")}, at("big"), [&](const fs::path& big) {
+        return count(big) < files;
+    });
+    EXPECT_EQ(removed.exitCode, 1);
+    EXPECT_NE(removed.err.find("partly removed: " + at("big")), std::string::npos) << removed.err;
+    EXPECT_GT(count(at("big")), 0);
+}
+
 TEST_F(ToolTest, WatchPrintsOneLinePerChangeUntilInterrupted)
 {
     for (const std::string mode : {"-r", "--poll=20"}) {

@@ -23,6 +23,18 @@ vfs::AbsoluteIRI landingPlace(Tool& tool, const vfs::AbsoluteIRI& source, const 
     return destination;
 }
 
+// Feeds a tree copy's or removal's running totals into the progress line, and stops the work on
+// Ctrl-C.
+vfs::TreeProgressObserver drawingOn(Progress& progress)
+{
+    auto shown = std::make_shared<vfs::TreeProgress>();
+    return [&progress, shown](const vfs::TreeProgress& now) {
+        progress.add(now.files + now.folders - shown->files - shown->folders, now.bytes - shown->bytes);
+        *shown = now;
+        return !interrupted().load(std::memory_order_relaxed);
+    };
+}
+
 provider::ReplacementPolicy policyNamed(const std::string& name)
 {
     static const std::map<std::string, provider::ReplacementPolicy> policies = {
@@ -54,7 +66,10 @@ int runCp(Tool& tool, const CpOptions& options)
             throw ToolError("is a folder (use -r)", options.source);
         if (tool.kindAt(target) == provider::ExistenceType::File)
             throw ToolError("cannot replace a file with a folder", display(target));
-        tool.folder(source).copyFolder(tool.folder(target), policy);
+        Progress progress("copied");
+        if (!tool.folder(source).copyFolder(tool.folder(target), policy, drawingOn(progress)))
+            throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
+                            display(target));
         return Success;
     }
     if (tool.kindAt(target) == provider::ExistenceType::Folder)
@@ -96,7 +111,10 @@ int runRm(Tool& tool, const std::vector<std::string>& operands, bool recursive)
             } else {
                 if (!recursive)
                     throw ToolError("is a folder (use -r)", operand);
-                tool.folder(location).removeFolder(vfs::FolderRemovalPolicy::Recursive);
+                if (!tool.folder(location).removeFolder(vfs::FolderRemovalPolicy::Recursive, drawingOn(progress)))
+                    throw ToolError(fmt::format("interrupted after {} items, partly removed", progress.items()),
+                                    operand);
+                return Success;
             }
             progress.add(1);
             return Success;

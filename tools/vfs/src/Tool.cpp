@@ -68,6 +68,8 @@ void installInterruptHandler()
 {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
+    // Interrupted reads and writes resume; the work itself notices the flag between steps.
+    action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);
 }

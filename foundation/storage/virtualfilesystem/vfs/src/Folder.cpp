@@ -182,7 +182,18 @@ void Folder::removeFolder(const FolderRemovalPolicy& policy) const
         return true;
     });
     if (!native)
-        detail::removeTreeByWalking(*this);
+        detail::removeTreeByWalking(*this, TreeProgressObserver());
+}
+
+bool Folder::removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer) const
+{
+    if (policy == FolderRemovalPolicy::NonRecursive) {
+        removeFolder(policy);
+        if (observer)
+            observer(TreeProgress{0, 1, 0}); // done already: nothing left to stop
+        return true;
+    }
+    return detail::removeTreeByWalking(*this, observer);
 }
 
 void Folder::moveFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const

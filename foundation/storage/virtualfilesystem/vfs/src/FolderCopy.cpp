@@ -20,9 +20,16 @@ bool isNotFound(const Exception& error) noexcept { return error.getErrorCode() =
 
 } // namespace
 
-FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy)
-    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy)
+FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, const TreeProgressObserver& observer)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_observer(observer)
 {
+}
+
+FolderVisitResult FolderCopyVisitor::report()
+{
+    if (m_observer && !m_observer(m_progress))
+        m_stopped = true;
+    return m_stopped ? FolderVisitResult::Stop : FolderVisitResult::Continue;
 }
 
 FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
@@ -57,21 +64,32 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
         target.createFolder();
     }
     m_current = std::move(target);
-    return FolderVisitResult::Continue;
+    ++m_progress.folders;
+    return report();
 }
 
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
 {
     const File target(*m_current, source.getName());
     const bool merging = m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
-    if (!merging && target.fileExists())
-        return FolderVisitResult::Continue;
+    if (!merging && target.fileExists()) {
+        ++m_progress.files;
+        return report();
+    }
     try {
         // Not synced file by file: copyFolder flushes the destination once, at the end.
         provider::CopyFileOptions options;
         options.replacementPolicy = m_policy;
         options.durable = false;
+        const std::uint64_t before = m_progress.bytes;
+        if (m_observer)
+            options.progress = [&](std::uint64_t copied, std::uint64_t) {
+                m_progress.bytes = before + copied;
+                return report() == FolderVisitResult::Continue;
+            };
         source.copyFile(target, options);
+        if (m_stopped)
+            return FolderVisitResult::Stop; // abandoned part way: the provider left no target
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
         if (m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied)
@@ -82,7 +100,8 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
         else if (code != ErrorCode::ResourceNotFound && code != ErrorCode::InvalidLocation)
             throw;
     }
-    return FolderVisitResult::Continue;
+    ++m_progress.files;
+    return report();
 }
 
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
@@ -99,7 +118,15 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
     return FolderVisitResult::Continue;
 }
 
-EntryDeletionVisitor::EntryDeletionVisitor(Folder root) : m_root(std::move(root)) {}
+EntryDeletionVisitor::EntryDeletionVisitor(Folder root, const TreeProgressObserver& observer)
+    : m_root(std::move(root)), m_observer(observer)
+{
+}
+
+FolderVisitResult EntryDeletionVisitor::report()
+{
+    return !m_observer || m_observer(m_progress) ? FolderVisitResult::Continue : FolderVisitResult::Stop;
+}
 
 FolderVisitResult EntryDeletionVisitor::visitBefore(const Folder& folder)
 {
@@ -113,8 +140,8 @@ FolderVisitResult EntryDeletionVisitor::visitBefore(const Folder& folder)
     }
     if (!link)
         return FolderVisitResult::Continue;
-    visit(File(folder.getParent(), folder.getName()));
-    return FolderVisitResult::Skip;
+    return visit(File(folder.getParent(), folder.getName())) == FolderVisitResult::Stop ? FolderVisitResult::Stop
+                                                                                          : FolderVisitResult::Skip;
 }
 
 FolderVisitResult EntryDeletionVisitor::visit(const File& file)
@@ -125,7 +152,8 @@ FolderVisitResult EntryDeletionVisitor::visit(const File& file)
         if (!isNotFound(error))
             throw;
     }
-    return FolderVisitResult::Continue;
+    ++m_progress.files;
+    return report();
 }
 
 FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
@@ -136,29 +164,41 @@ FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
         if (!isNotFound(error) || folder == m_root)
             throw;
     }
-    return FolderVisitResult::Continue;
+    ++m_progress.folders;
+    const FolderVisitResult answer = report();
+    return folder == m_root ? FolderVisitResult::Continue : answer; // nothing is left to stop
 }
 
-void removeTreeByWalking(const Folder& root)
+bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer)
 {
-    EntryDeletionVisitor visitor(root);
-    walkFolder(root, visitor);
+    EntryDeletionVisitor visitor(root, observer);
+    return walkFolder(root, visitor) != FolderVisitResult::Stop;
 }
 
 } // namespace detail
 
 void Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const
 {
+    copyFolder(destination, policy, TreeProgressObserver());
+}
+
+bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                        const TreeProgressObserver& observer) const
+{
     // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI source = getLocation();
     if ((source == target || source.isAncestorOf(target)) && folderExists())
         boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
-    detail::FolderCopyVisitor visitor(destination, policy);
+    detail::FolderCopyVisitor visitor(destination, policy, observer);
     walkFolder(*this, visitor);
+    if (visitor.stopped() && !destination.folderExists())
+        return false; // stopped before the first folder was made
     Folder(destination).flushFilesystem();
+    if (visitor.stopped())
+        return false;
     if (visitor.collected().empty())
-        return;
+        return true;
     // A fresh exception like the first: a copy would share its error information with the copy
     // inside the list it carries, and so never be freed.
     const Exception& first = visitor.collected().front();

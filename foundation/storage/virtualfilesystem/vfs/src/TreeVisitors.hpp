@@ -14,7 +14,8 @@ namespace foundation::storage::vfs::detail {
 // follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
 class FolderCopyVisitor : public FolderVisitor {
 public:
-    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy);
+    // `observer` may be empty; when not, it must outlive the visitor.
+    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, const TreeProgressObserver& observer);
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
@@ -22,12 +23,19 @@ public:
 
     // Permission failures put aside under MergeCollectingFailures, in the order met.
     const std::vector<Exception>& collected() const noexcept { return m_collected; }
+    bool stopped() const noexcept { return m_stopped; }
 
 private:
+    // Tells the observer; Stop once it answered false.
+    FolderVisitResult report();
+
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
     provider::ReplacementPolicy m_policy;
     std::vector<Exception> m_collected;
+    const TreeProgressObserver& m_observer;
+    TreeProgress m_progress;
+    bool m_stopped = false;
 };
 
 // Post-order deletion: files as the walk meets them, each folder after its contents, the root last.
@@ -35,16 +43,22 @@ private:
 // What vanishes meanwhile counts as removed, except the root itself.
 class EntryDeletionVisitor : public FolderVisitor {
 public:
-    explicit EntryDeletionVisitor(Folder root);
+    // `observer` may be empty; when not, it must outlive the visitor.
+    EntryDeletionVisitor(Folder root, const TreeProgressObserver& observer);
 
     FolderVisitResult visitBefore(const Folder& folder) override;
     FolderVisitResult visit(const File& file) override;
     FolderVisitResult visitAfter(const Folder& folder) override;
 
 private:
+    FolderVisitResult report();
+
     Folder m_root;
+    const TreeProgressObserver& m_observer;
+    TreeProgress m_progress;
 };
 
-void removeTreeByWalking(const Folder& root);
+// False when the observer stopped the removal.
+bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer);
 
 } // namespace foundation::storage::vfs::detail

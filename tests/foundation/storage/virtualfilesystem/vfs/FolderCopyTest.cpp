@@ -152,6 +152,35 @@ TEST_P(FolderCopyTest, PoliciesMeetAnExistingDestination)
     EXPECT_FALSE(work.file(u"d3/sub/g").fileExists());
 }
 
+TEST_P(FolderCopyTest, ObserversFollowCopyAndRemovalAndCanStopThem)
+{
+    vfs::TreeProgress last;
+    const auto follow = [&](const vfs::TreeProgress& progress) {
+        last = progress;
+        return true;
+    };
+    ASSERT_TRUE(src.copyFolder(work.folder(u"d"), ReplacementPolicy::FailIfExists, follow));
+    EXPECT_EQ(std::tie(last.files, last.folders, last.bytes), std::make_tuple(2u, 3u, 3u));
+    EXPECT_EQ(treeOf(work.folder(u"d")), srcTree);
+
+    // Stopped as the bytes of f arrive: f is not left behind half-made, nothing after it is copied.
+    EXPECT_FALSE(src.copyFolder(work.folder(u"e"), ReplacementPolicy::FailIfExists,
+                                [](const vfs::TreeProgress& progress) { return progress.bytes == 0; }));
+    EXPECT_FALSE(work.file(u"e/f").fileExists());
+    EXPECT_LT(treeOf(work.folder(u"e")).size(), srcTree.size());
+    EXPECT_EQ(treeOf(src), srcTree);
+
+    // A removal stopped after two entries leaves the other two.
+    EXPECT_FALSE(work.folder(u"d").removeFolder(vfs::FolderRemovalPolicy::Recursive,
+                                                [](const vfs::TreeProgress& progress) {
+                                                    return progress.files + progress.folders < 2;
+                                                }));
+    EXPECT_EQ(treeOf(work.folder(u"d")).size(), 2u);
+    EXPECT_TRUE(work.folder(u"d").removeFolder(vfs::FolderRemovalPolicy::Recursive, follow));
+    EXPECT_FALSE(work.folder(u"d").folderExists());
+    EXPECT_EQ(last.files + last.folders, 3u); // what was left, and d itself
+}
+
 TEST_P(FolderCopyTest, RecursiveRemovalTakesTheTreeOnly)
 {
     work.file(u"sibling").createFile();

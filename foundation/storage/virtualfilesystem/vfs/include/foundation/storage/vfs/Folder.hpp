@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <vector>
@@ -29,6 +30,18 @@ enum class FolderRemovalPolicy : std::int32_t {
 
 // "FolderRemovalPolicy::Recursive"; a value outside the enumeration writes nothing.
 VFS_EXPORT std::ostream& operator<<(std::ostream& out, const FolderRemovalPolicy& policy);
+
+// How far a tree copy or removal has got.
+struct TreeProgress {
+    std::uint64_t files = 0;   // files copied (or found already there) or removed
+    std::uint64_t folders = 0; // folders made or merged into (copy), or removed
+    std::uint64_t bytes = 0;   // bytes copied, the file under way included; 0 for a removal
+};
+
+// Told after each file and each folder of a tree copy or removal, and during the copy of a large
+// file after each chunk, on the calling thread. Answering false stops the work there: a file being
+// copied is abandoned without a target, what is done stays done.
+using TreeProgressObserver = std::function<bool(const TreeProgress& progress)>;
 
 // A storage's ordering of paths, as its provider defines it: true when `first` orders before
 // `second` under the name rules the CaseModifier selects. Calling an empty comparator (a
@@ -91,6 +104,9 @@ public:
     // tree entry by entry (files, then each folder after its contents). Nothing is rolled back when a
     // removal fails part way.
     void removeFolder(const FolderRemovalPolicy& policy) const;
+    // As above, telling `observer` of each entry removed; false when the observer stopped it. The
+    // library walks the tree itself for this one (a provider's own recursive removal cannot report).
+    bool removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer) const;
     // A native move where the provider can; otherwise (another scheme, a provider that cannot move
     // there, or a merging policy over an existing target) a copy under `policy` followed by a
     // recursive removal of this folder. A failing copy removes nothing; a failing removal leaves the
@@ -133,6 +149,11 @@ public:
     // InvalidLocation before anything is copied; a link inside the tree that leads back above the
     // copy fails with InvalidLocation and the context "circular_symlink". Nothing is rolled back.
     void copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const;
+    // As above, telling `observer` how far the copy has got; false when the observer stopped it (the
+    // part copied stays, without the folders' modification times, and permission failures collected
+    // until then are not reported).
+    bool copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                    const TreeProgressObserver& observer) const;
     // copyFolder into the folder of this folder's name inside `destination`.
     void copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const;
 
