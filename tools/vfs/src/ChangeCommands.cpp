@@ -74,7 +74,18 @@ int runCp(Tool& tool, const CpOptions& options)
     }
     if (tool.kindAt(target) == provider::ExistenceType::Folder)
         throw ToolError("cannot replace a folder with a file", display(target));
-    tool.file(source).copyFile(tool.file(target), policy);
+    Progress progress("copied");
+    provider::CopyFileOptions copyOptions;
+    copyOptions.replacementPolicy = policy;
+    std::uint64_t shown = 0;
+    copyOptions.progress = [&](std::uint64_t copied, std::uint64_t) {
+        progress.add(0, copied - shown);
+        shown = copied;
+        return !interrupted().load(std::memory_order_relaxed);
+    };
+    if (tool.file(source).copyFile(tool.file(target), copyOptions) == provider::TransactionStatus::NothingDone &&
+        interrupted().load(std::memory_order_relaxed))
+        throw ToolError("interrupted, nothing copied", display(target));
     return Success;
 }
 
