@@ -422,40 +422,24 @@ Watcher::~Watcher()
 
 void Watcher::watchFile(const StorageIRI& location, ChangeEventCallback callback, ChangeKinds kinds)
 {
-    const fl::filesystem::path path = nativePath(location);
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0)
-        fail(errno, "stat", location);
-    if (S_ISDIR(info.st_mode))
-        failKind(location, u"not-a-file");
-    const Core::Key key(location, true);
-    const auto id = m_core->callbacks.add(std::move(callback));
-    std::optional<CallbackTable::Id> replaced;
-    int failure = 0;
-    {
-        std::lock_guard lock(m_core->mutex);
-        if (const auto old = m_core->watches.find(key); old != m_core->watches.end()) {
-            replaced = old->second.callback;
-            m_core->releaseAll(key, old->second);
-            m_core->watches.erase(old);
-        }
-        Core::Watch watch{id, false, std::move(kinds), path.filename().native(), {}};
-        failure = m_core->add(key, watch, path.parent_path().native(), location.getParent(), true);
-        if (failure == 0)
-            m_core->watches.emplace(key, std::move(watch));
-    }
-    finishStart(location, id, replaced, failure);
+    start(location, std::move(callback), std::move(kinds), true, false);
 }
 
 void Watcher::watchFolder(const StorageIRI& location, ChangeEventCallback callback, ChangeKinds kinds, bool recursive)
+{
+    start(location, std::move(callback), std::move(kinds), false, recursive);
+}
+
+void Watcher::start(const StorageIRI& location, ChangeEventCallback callback, ChangeKinds kinds, bool file,
+                    bool recursive)
 {
     const fl::filesystem::path path = nativePath(location);
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0)
         fail(errno, "stat", location);
-    if (!S_ISDIR(info.st_mode))
-        failKind(location, u"not-a-folder");
-    const Core::Key key(location, false);
+    if (S_ISDIR(info.st_mode) == file)
+        failKind(location, file ? u"not-a-file" : u"not-a-folder");
+    const Core::Key key(location, file);
     const auto id = m_core->callbacks.add(std::move(callback));
     std::optional<CallbackTable::Id> replaced;
     int failure = 0;
@@ -466,15 +450,16 @@ void Watcher::watchFolder(const StorageIRI& location, ChangeEventCallback callba
             m_core->releaseAll(key, old->second);
             m_core->watches.erase(old);
         }
-        Core::Watch watch{id, recursive, std::move(kinds), {}, {}};
-        int error = m_core->add(key, watch, path.native(), location, true);
-        if (error == 0 && recursive)
-            error = m_core->addBelow(key, watch, path.native(), location, nullptr);
-        if (error != 0)
+        // A file is watched through its folder, for the events that name it.
+        Core::Watch watch{id, recursive, std::move(kinds), file ? path.filename().native() : std::string(), {}};
+        failure = file ? m_core->add(key, watch, path.parent_path().native(), location.getParent(), true)
+                       : m_core->add(key, watch, path.native(), location, true);
+        if (failure == 0 && recursive)
+            failure = m_core->addBelow(key, watch, path.native(), location, nullptr);
+        if (failure != 0)
             m_core->releaseAll(key, watch); // all or nothing: a watch must cover its whole tree
         else
             m_core->watches.emplace(key, std::move(watch));
-        failure = error;
     }
     finishStart(location, id, replaced, failure);
 }

@@ -37,6 +37,9 @@ public:
     struct Core;
 
 private:
+    // Adds the kernel watches of a file (through its folder) or a folder (and its tree when
+    // recursive), replacing an earlier watch of the same location.
+    void start(const StorageIRI& location, ChangeEventCallback callback, ChangeKinds kinds, bool file, bool recursive);
     void finishStart(const StorageIRI& location, provider::detail::CallbackTable::Id added,
                      std::optional<provider::detail::CallbackTable::Id> replaced, int failure);
 
