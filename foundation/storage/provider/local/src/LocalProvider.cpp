@@ -452,6 +452,10 @@ public:
         const fl::filesystem::path target = destinationPath(destination);
         if (!S_ISDIR(statOf(source, location).st_mode))
             failKind(location, u"not-a-folder");
+        // rename() refuses it too (EINVAL), but would name the source: the destination is the
+        // location at fault.
+        if (location.isAncestorOf(destination))
+            failAs(ErrorCode::InvalidLocation, EINVAL, "rename", destination, u"into-itself");
 
         if (policy != ReplacementPolicy::Replace) {
             // The merging policies (and keeping the newer) are the library's business: a folder in

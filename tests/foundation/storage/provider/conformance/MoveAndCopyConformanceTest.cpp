@@ -211,9 +211,8 @@ TEST_P(MoveAndCopyConformance, MoveAndCopyFailuresReportCodeAndLocationAndLeaveT
         {"moveFolder of a file", [&] { provider->moveFolder(file, free, replace); }, ErrorCode::ResourceNotFound, {file}, "not-a-folder"},
         {"moveFolder without target parent", [&] { provider->moveFolder(folder, noParent, replace); }, ErrorCode::ResourceNotFound, {noParent}},
         {"moveFolder below a file", [&] { provider->moveFolder(folder, belowFile, replace); }, ErrorCode::ResourceNotFound, {belowFile}},
-        // Source and destination are equally the subject of this refusal.
         {"moveFolder into itself", [&] { provider->moveFolder(folder, insideItself, replace); }, ErrorCode::InvalidLocation,
-         {folder, insideItself}},
+         {insideItself}, "into-itself"},
     };
     for (const ReplacementPolicy policy : allPolicies) {
         cases.push_back({"copy of nothing", [&, policy] { copy(missing, free, policy); }, ErrorCode::ResourceNotFound, {missing}});
