@@ -124,9 +124,13 @@ conversion_error::conversion_error(const std::string& what, std::size_t offset)
 
 std::string ustring_to_utf8(std::u16string_view text)
 {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
+    // The ASCII prefix (usually all of a path) narrows unit by unit without a code point each.
+    std::string out(text.size(), '\0');
+    std::size_t i = 0;
+    for (; i < text.size() && text[i] < 0x80; ++i)
+        out[i] = static_cast<char>(text[i]);
+    out.resize(i);
+    while (i < text.size()) {
         const std::size_t at = i;
         char32_t c;
         if (!nextUtf16(text, i, c))

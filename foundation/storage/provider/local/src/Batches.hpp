@@ -1,6 +1,6 @@
 #pragma once
 
-// The iterator of every local listing, flat or recursive. A directory reader fills batches of
+// The iterator of every local listing, flat or recursive. A directory walk fills batches of
 // finished entries; the batches form a chain shared by an iterator and its clones, each of which
 // walks it at its own pace and takes the chain's lock only to step past the last batch anybody has
 // read. Batches that every iterator has passed are freed.
