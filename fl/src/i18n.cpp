@@ -1,4 +1,8 @@
+#include <fl/i18n/append_utf8.hpp>
 #include <fl/i18n/ustring.hpp>
+
+#include <cstdint>
+#include <cstring>
 
 namespace fl::i18n {
 
@@ -120,9 +124,13 @@ conversion_error::conversion_error(const std::string& what, std::size_t offset)
 
 std::string ustring_to_utf8(std::u16string_view text)
 {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
+    // The ASCII prefix (usually all of a path) narrows unit by unit without a code point each.
+    std::string out(text.size(), '\0');
+    std::size_t i = 0;
+    for (; i < text.size() && text[i] < 0x80; ++i)
+        out[i] = static_cast<char>(text[i]);
+    out.resize(i);
+    while (i < text.size()) {
         const std::size_t at = i;
         char32_t c;
         if (!nextUtf16(text, i, c))
@@ -148,28 +156,47 @@ std::string ustring_to_utf8_lossy(std::u16string_view text)
 // widening them is a loop the compiler vectorises.
 namespace {
 
+// Appends the leading ASCII run of `text` to `out`, eight bytes at a time while it can; returns its
+// length. Names and paths are mostly ASCII, so this is nearly all of a conversion.
 std::size_t widenAsciiPrefix(std::string_view text, ustring& out)
 {
-    out.resize(text.size());
+    const std::size_t start = out.size();
+    out.resize(start + text.size());
+    char16_t* to = out.data() + start;
     std::size_t i = 0;
+    for (std::uint64_t word; i + 8 <= text.size(); i += 8) {
+        std::memcpy(&word, text.data() + i, sizeof word);
+        if ((word & 0x8080808080808080u) != 0)
+            break;
+        for (std::size_t k = i; k < i + 8; ++k)
+            to[k] = static_cast<unsigned char>(text[k]);
+    }
     for (; i < text.size() && static_cast<unsigned char>(text[i]) < 0x80; ++i)
-        out[i] = static_cast<char16_t>(text[i]);
-    out.resize(i);
+        to[i] = static_cast<unsigned char>(text[i]);
+    out.resize(start + i);
     return i;
 }
 
 } // namespace
 
-ustring utf8_to_ustring(std::string_view text)
+void append_utf8(ustring& out, std::string_view text)
 {
-    ustring out;
+    const std::size_t start = out.size();
     for (std::size_t i = widenAsciiPrefix(text, out); i < text.size();) {
         const std::size_t at = i;
         char32_t c;
-        if (!nextUtf8(text, i, c))
+        if (!nextUtf8(text, i, c)) {
+            out.resize(start);
             throw conversion_error("ill-formed UTF-8 sequence", at);
+        }
         appendUtf16(out, c);
     }
+}
+
+ustring utf8_to_ustring(std::string_view text)
+{
+    ustring out;
+    append_utf8(out, text);
     return out;
 }
 

@@ -1,3 +1,4 @@
+#include <fl/i18n/append_utf8.hpp>
 #include <fl/i18n/ustring.hpp>
 
 #include <ExceptionCapture.hpp>
@@ -145,6 +146,20 @@ const BadUtf8 badUtf8Cases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, I18nBadUtf8, ::testing::ValuesIn(badUtf8Cases));
+
+TEST(I18n, AppendingConvertsWhereverTheFirstOtherByteStandsAndFailsWithoutATrace)
+{
+    // ASCII is widened eight bytes at a time: the first other byte goes to every offset.
+    for (std::size_t at = 0; at < 20; ++at) {
+        SCOPED_TRACE(at);
+        const ustring expected = u"x" + ustring(at, u'a') + u"\u00E9bcdefghij";
+        ustring out = u"x";
+        append_utf8(out, std::string(at, 'a') + "\xC3\xA9" + "bcdefghij");
+        EXPECT_EQ(out, expected);
+        EXPECT_EQ(failureOffset([&] { append_utf8(out, std::string(at, 'a') + "\xFF" + "bc"); }), at);
+        EXPECT_EQ(out, expected) << "left as it was";
+    }
+}
 
 TEST(I18n, Utf32OutsideTheCodeSpaceIsRejected)
 {

@@ -57,7 +57,8 @@ StorageIRI fileIRI(const std::string& native)
 
 std::optional<fl::filesystem::path> localPath(const StorageIRI& iri)
 {
-    if (iri.getScheme() != u"file" || iri.hasInnerIRI() || !iri.hasPath() || !iri.getAuthority().empty() ||
+    // Schemes are kept in lower case: the text's start tells the scheme without a copy of it.
+    if (!iri.toString().starts_with(u"file:") || iri.hasInnerIRI() || !iri.hasPath() || !iri.getAuthority().empty() ||
         iri.getPath().find(u'\0') != ustring::npos)
         return std::nullopt;
     return fl::filesystem::path(fl::i18n::ustring_to_utf8(iri.getPath()));

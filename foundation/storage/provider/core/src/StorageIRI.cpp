@@ -2,6 +2,8 @@
 
 #include <foundation/storage/provider/Exception.hpp>
 
+#include "UnitScan.hpp"
+
 #include <boost/throw_exception.hpp>
 
 #include <array>
@@ -497,6 +499,13 @@ DataPtr parse(std::u16string_view text, std::size_t offset, ustring& reason)
     return build(scheme, false, {}, nullptr, false, {}, opaque);
 }
 
+// A single path segment without surrogates: valid UTF-16 that needs no normalisation, told in one
+// pass (the names listings hand to handles are nearly all of this kind).
+bool isSimpleName(std::u16string_view name) noexcept
+{
+    return !name.empty() && name != u"." && name != u".." && !detail::holdsAny(name, u'/', u'/', true);
+}
+
 // A single path segment that needs no normalisation.
 bool isPlainName(std::u16string_view name) noexcept
 {
@@ -573,6 +582,10 @@ StorageIRI::StorageIRI(const StorageIRI& base, ustring relative)
     if (!b.hasPath)
         throwInvalid(base, u"cannot resolve \"" + relative + u"\" against \"" + b.text + u"\", which has no path",
                      u"base has no path");
+    if (isSimpleName(relative)) {
+        m_data = lazyChild(base.m_data, std::move(relative));
+        return;
+    }
     if (!fl::i18n::is_valid_utf16(relative))
         throwInvalid(base, u"cannot resolve \"" + relative + u"\": lone surrogate", u"lone surrogate");
     if (relative.empty()) {

@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 
+#include "UnitScan.hpp"
+
 #include <stdexcept>
 
 namespace foundation::storage::provider {
@@ -16,8 +18,8 @@ namespace {
 
 StorageIRI childLocation(const StorageIRI& folder, ustring name)
 {
-    // The common case, a plain name, needs only the NUL test.
-    if (!name.empty() && name != u"." && name != u".." && name.find_first_of(u"/\0", 0, 2) == ustring::npos)
+    // The common case, a plain name, needs only the NUL test, done in the same pass.
+    if (!name.empty() && name != u"." && name != u".." && !detail::holdsAny(name, u'/', u'\0', false))
         return StorageIRI(folder, std::move(name));
     if (name.empty())
         refuseChild(folder, name, u"empty name");

@@ -29,6 +29,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -201,6 +202,10 @@ TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreLeftOutOfListingsAndRemovedWithT
         EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, withAttributes, u"*"))),
                     testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"));
         EXPECT_TRUE(listed(folder, options(ListKind::Folders, withAttributes)).empty());
+        ListOptions recursive = options(ListKind::All, withAttributes);
+        recursive.recursive = true;
+        EXPECT_THAT(namesOf(listed(folder, recursive)), testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"))
+            << "a folder whose name is left out is not entered";
     }
     // Removal works on the bytes on disk, so it takes what listings leave out as well.
     local->removeFolderRecursively(at(folder));
@@ -209,8 +214,9 @@ TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreLeftOutOfListingsAndRemovedWithT
 
 TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndependentlyOnOtherThreads)
 {
-    // Names near the longest allowed, so that few entries fill several getdents64 batches.
-    constexpr int count = 1200;
+    // Names near the longest allowed, so that few entries fill several getdents64 batches; and more
+    // entries than one batch of the iterator holds, so that clones are made on either side of a seam.
+    constexpr int count = 2600;
     const auto folder = dir.makeFolder("big");
     std::set<std::string> expected;
     for (int i = 0; i < count; ++i) {
@@ -222,9 +228,11 @@ TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndepend
         expected.insert(name);
     }
 
-    for (const bool withAttributes : {false, true}) {
-        SCOPED_TRACE(withAttributes ? "with attributes" : "names only");
-        const auto original = local->list(at(folder), options(ListKind::All, withAttributes));
+    for (const auto& [withAttributes, recursive] : {std::pair{false, false}, {true, false}, {false, true}}) {
+        SCOPED_TRACE(std::string(withAttributes ? "with attributes" : "names only") + (recursive ? ", recursive" : ""));
+        ListOptions listOptions = options(ListKind::All, withAttributes);
+        listOptions.recursive = recursive;
+        const auto original = local->list(at(folder), listOptions);
         std::vector<std::unique_ptr<provider::IFolderEntryIterator>> clones;
         std::vector<std::size_t> clonedAt;
         std::vector<std::string> order;
@@ -233,7 +241,7 @@ TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndepend
         while (original->hasNext()) {
             original->next();
             order.push_back(fl::i18n::ustring_to_utf8(original->current().getName()));
-            if (order.size() == 400 || order.size() == 1000) {
+            if (order.size() % 250 == 0) {
                 clones.push_back(original->clone());
                 clonedAt.push_back(order.size());
             }
@@ -248,9 +256,9 @@ TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndepend
                 << "clone made after " << clonedAt[i] << " entries";
     }
     // A pattern that matches one late name: batches without a match are read past.
-    EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, false, u"entry-1199-*"))),
-                testing::ElementsAre("entry-1199-" + std::string(230, 'x')));
-    EXPECT_TRUE(listed(folder, options(ListKind::Folders, true, u"entry-1199-*")).empty());
+    EXPECT_THAT(namesOf(listed(folder, options(ListKind::All, false, u"entry-2599-*"))),
+                testing::ElementsAre("entry-2599-" + std::string(230, 'x')));
+    EXPECT_TRUE(listed(folder, options(ListKind::Folders, true, u"entry-2599-*")).empty());
 }
 
 TEST_F(LocalProviderTest, RecursiveRemovalRemovesLinksButNeverWhatTheyLeadTo)

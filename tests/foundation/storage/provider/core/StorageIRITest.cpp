@@ -1,5 +1,6 @@
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
+#include <foundation/storage/provider/StorageItem.hpp>
 
 #include <ExceptionCapture.hpp>
 #include <Threads.hpp>
@@ -20,6 +21,7 @@ namespace {
 using foundation::storage::provider::ErrorCode;
 using foundation::storage::provider::Exception;
 using foundation::storage::provider::StorageIRI;
+using foundation::storage::provider::childLocation;
 using fl::i18n::ustring;
 
 std::string utf8(std::u16string_view text) { return fl::i18n::ustring_to_utf8_lossy(text); }
@@ -409,6 +411,30 @@ TEST(StorageIRI, ResolutionRefusals)
     const auto error = invalidLocation([] { StorageIRI(StorageIRI(u"file:///a"), ustring(u"b") + char16_t(0xDC00)); });
     ASSERT_TRUE(error);
     EXPECT_EQ(error->getAllExceptionContexts().front().getDetail(), u"lone surrogate");
+}
+
+TEST(StorageIRI, ChildNamesAreCheckedWhereverTheTellingUnitStands)
+{
+    // Child names are scanned several units at a time: the unit that matters goes to every offset of
+    // names shorter than, as long as, and longer than one step.
+    const StorageIRI base(u"file:///base");
+    for (const std::size_t length : {1u, 3u, 4u, 5u, 8u, 11u}) {
+        for (std::size_t at = 0; at < length; ++at) {
+            SCOPED_TRACE(std::to_string(length) + " units, at " + std::to_string(at));
+            ustring name(length, u'n');
+            EXPECT_EQ(StorageIRI(base, name).getName(), name);
+            name[at] = u'/';
+            if (at > 0) { // a leading slash makes the name absolute
+                const ustring parsed = StorageIRI(u"file:///base/" + name).getName();
+                EXPECT_EQ(StorageIRI(base, name).getName(), parsed);
+                EXPECT_EQ(childLocation(base, name).getName(), parsed);
+            }
+            name[at] = char16_t(0xD800 + at);
+            EXPECT_TRUE(invalidLocation([&] { StorageIRI(base, name); })) << "lone surrogate";
+            name[at] = u'\0';
+            EXPECT_TRUE(invalidLocation([&] { childLocation(base, name); })) << "NUL";
+        }
+    }
 }
 
 TEST(StorageIRI, NestedConstruction)

@@ -1,0 +1,272 @@
+#include "Batches.hpp"
+
+#include <fl/i18n/append_utf8.hpp>
+#include <foundation/log/diagnostic_logger.hpp>
+#include <foundation/storage/provider/PosixError.hpp>
+
+#include <cerrno>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+
+namespace foundation::storage::provider::local::detail {
+
+namespace {
+
+// Entries per batch (a flat listing's batch is one getdents64 call, up to about 1600 short names):
+// enough to keep the lock and the chain's allocations out of the profile; small enough that a batch
+// stays in the caches and below the sizes at which malloc maps fresh pages or trims the heap.
+constexpr std::size_t batchEntries = 1024;
+constexpr std::size_t batchNameUnits = batchEntries * 24;
+
+// The walk and the chain of batches it fills. A failure ends the walk: it is thrown again to every
+// iterator that gets this far, rather than letting the listing go on without the entries of the
+// batch it broke off.
+class Chain {
+public:
+    explicit Chain(std::unique_ptr<DirectoryWalk> walk) : m_location(walk->location()), m_walk(std::move(walk)) {}
+
+    const StorageIRI& location() const noexcept { return m_location; }
+
+    // The batch after `batch`, reading one when no iterator has yet; null at the end.
+    std::shared_ptr<Batch> following(const std::shared_ptr<Batch>& batch)
+    {
+        std::lock_guard lock(m_mutex);
+        if (batch->next)
+            return batch->next;
+        if (m_failure)
+            std::rethrow_exception(m_failure);
+        if (!m_walk)
+            return nullptr;
+        auto fresh = std::make_shared<Batch>();
+        try {
+            fresh->reserve(batchEntries, batchNameUnits);
+            bool more = true;
+            while (more && fresh->size() < batchEntries)
+                more = m_walk->read(*fresh);
+            if (!more)
+                finish();
+        } catch (...) {
+            m_failure = std::current_exception();
+            m_walk.reset();
+            throw;
+        }
+        if (fresh->empty())
+            return nullptr;
+        batch->next = fresh;
+        return fresh;
+    }
+
+private:
+    // Releases the walk (and its descriptors) once the end is read.
+    void finish() noexcept
+    {
+        const std::size_t skipped = m_walk->skipped;
+        m_walk.reset();
+        if (skipped != 0 && logger().enabled(foundation::log::category_information)) {
+            try {
+                logger().write(foundation::log::category_information,
+                               "listing of " + fl::i18n::ustring_to_utf8(m_location.toString()) + " left out " +
+                                   std::to_string(skipped) + " entries whose names are not valid UTF-8");
+            } catch (...) {
+                // A diagnostic that cannot be composed is dropped.
+            }
+        }
+    }
+
+    std::mutex m_mutex;
+    const StorageIRI m_location;
+    std::unique_ptr<DirectoryWalk> m_walk; // null once the end is read or the walk failed
+    std::exception_ptr m_failure;
+};
+
+// Positions are (batch, index of the next entry in it); the entry before that is current(). A fresh
+// iterator stands on an empty batch ahead of the first real one.
+class BatchIterator final : public IFolderEntryIterator {
+public:
+    explicit BatchIterator(std::shared_ptr<Chain> chain) : m_chain(std::move(chain)), m_batch(std::make_shared<Batch>()) {}
+
+    FolderEntry current() const override
+    {
+        if (m_next == 0)
+            throwProviderError(ErrorCode::InternalError, m_chain->location(), {ExceptionContext(u"current-before-next")});
+        return m_batch->entry(m_next - 1);
+    }
+
+    bool hasNext() const override { return m_next < m_batch->size() || lookAhead(); }
+
+    void next() override
+    {
+        if (m_next < m_batch->size()) {
+            ++m_next;
+            return;
+        }
+        if (!lookAhead())
+            throwProviderError(ErrorCode::InternalError, m_chain->location(), {ExceptionContext(u"next-past-the-end")});
+        m_batch = std::move(m_ahead);
+        m_ahead.reset();
+        m_lookedAhead = false;
+        m_next = 1;
+    }
+
+    std::unique_ptr<IFolderEntryIterator> clone() const override
+    {
+        return std::unique_ptr<IFolderEntryIterator>(new BatchIterator(*this));
+    }
+
+private:
+    BatchIterator(const BatchIterator& other)
+        : IFolderEntryIterator(), m_chain(other.m_chain), m_batch(other.m_batch), m_next(other.m_next),
+          m_ahead(other.m_ahead), m_lookedAhead(other.m_lookedAhead)
+    {
+    }
+
+    bool lookAhead() const
+    {
+        if (!m_lookedAhead) {
+            m_ahead = m_chain->following(m_batch);
+            m_lookedAhead = true;
+        }
+        return m_ahead != nullptr;
+    }
+
+    std::shared_ptr<Chain> m_chain;
+    std::shared_ptr<Batch> m_batch;
+    std::size_t m_next = 0;
+    mutable std::shared_ptr<Batch> m_ahead;
+    mutable bool m_lookedAhead = false;
+};
+
+bool isFollowFailure(int error) noexcept
+{
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EACCES;
+}
+
+} // namespace
+
+// ---- Batch ---------------------------------------------------------------------------------------
+
+bool Batch::appendName(std::string_view raw)
+{
+    try {
+        fl::i18n::append_utf8(m_names, raw);
+    } catch (const fl::i18n::conversion_error&) {
+        return false;
+    }
+    return true;
+}
+
+void Batch::add(bool isFile, std::optional<FileAttributes> file, std::optional<FolderAttributes> folder)
+{
+    std::uint32_t attributes = none;
+    if (file) {
+        attributes = static_cast<std::uint32_t>(m_fileAttributes.size());
+        m_fileAttributes.push_back(*std::move(file));
+    } else if (folder) {
+        attributes = static_cast<std::uint32_t>(m_folderAttributes.size());
+        m_folderAttributes.push_back(*std::move(folder));
+    }
+    m_entries.push_back(Entry{static_cast<std::uint32_t>(m_names.size()), attributes, isFile});
+    m_committed = m_names.size();
+}
+
+void Batch::reserve(std::size_t entries, std::size_t nameUnits)
+{
+    m_entries.reserve(entries);
+    m_names.reserve(nameUnits);
+}
+
+FolderEntry Batch::entry(std::size_t index) const
+{
+    const Entry& entry = m_entries[index];
+    const std::size_t begin = index == 0 ? 0 : m_entries[index - 1].nameEnd;
+    ustring name = m_names.substr(begin, entry.nameEnd - begin);
+    if (entry.attributes == none)
+        return FolderEntry(std::move(name), entry.isFile);
+    if (entry.isFile)
+        return FolderEntry(std::move(name), true, m_fileAttributes[entry.attributes]);
+    return FolderEntry(std::move(name), false, std::nullopt, m_folderAttributes[entry.attributes]);
+}
+
+// ---- EntryInspector ------------------------------------------------------------------------------
+
+bool EntryInspector::take(Batch& batch, int folder, const char* raw, unsigned char type, const StorageIRI& listed)
+{
+    if (!m_withAttributes && type != DT_LNK && type != DT_UNKNOWN) {
+        const bool isFile = type != DT_DIR;
+        if (keep(isFile))
+            batch.add(isFile);
+        else
+            batch.drop();
+        return !isFile;
+    }
+    const auto location = [&] { return StorageIRI(listed, ustring(batch.pendingName())); };
+    struct stat info {};
+    bool symlink = type == DT_LNK;
+    bool enter = false;
+    if (!symlink) {
+        if (::fstatat(folder, raw, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (const int error = errno; error != ENOENT)
+                fail(error, "fstatat", location());
+            batch.drop();
+            return false;
+        }
+        symlink = S_ISLNK(info.st_mode);
+        enter = S_ISDIR(info.st_mode);
+    }
+    if (symlink && ::fstatat(folder, raw, &info, 0) != 0) {
+        if (const int error = errno; !isFollowFailure(error))
+            fail(error, "fstatat", location());
+        // Leads nowhere: a file without attributes.
+        if (keep(true))
+            batch.add(true);
+        else
+            batch.drop();
+        return false;
+    }
+    const bool isFile = !S_ISDIR(info.st_mode);
+    if (!keep(isFile)) {
+        batch.drop();
+        return enter;
+    }
+    if (!m_withAttributes) {
+        batch.add(isFile);
+        return enter;
+    }
+    if (!m_writeAccess)
+        m_writeAccess.emplace(folder, nullptr);
+    const bool writable = m_writeAccess->allows(info);
+    const std::u16string_view name = batch.pendingName();
+    const std::u16string_view bare = name.substr(name.rfind(u'/') + 1);
+    if (isFile)
+        batch.add(true, fileAttributes(info, writable, symlink, bare));
+    else
+        batch.add(false, std::nullopt, folderAttributes(info, writable, symlink, bare));
+    return enter;
+}
+
+// ---- the iterator --------------------------------------------------------------------------------
+
+std::unique_ptr<IFolderEntryIterator> iterateBatches(std::unique_ptr<DirectoryWalk> walk)
+{
+    return std::make_unique<BatchIterator>(std::make_shared<Chain>(std::move(walk)));
+}
+
+FileDescriptor openListedFolder(const StorageIRI& location)
+{
+    const fl::filesystem::path path = nativePath(location);
+    FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) {
+        const int error = errno;
+        struct stat info {};
+        if (error == ENOTDIR && ::stat(path.c_str(), &info) == 0)
+            failKind(location, u"not-a-folder");
+        fail(error, "open", location);
+    }
+    return folder;
+}
+
+} // namespace foundation::storage::provider::local::detail
