@@ -55,13 +55,13 @@ StorageIRI fileIRI(const std::string& native)
     return StorageIRI(fileRoot(), path);
 }
 
-std::optional<fl::filesystem::path> localPath(const StorageIRI& iri)
+std::optional<std::string> localPath(const StorageIRI& iri)
 {
     // Schemes are kept in lower case: the text's start tells the scheme without a copy of it.
     if (!iri.toString().starts_with(u"file:") || iri.hasInnerIRI() || !iri.hasPath() || !iri.getAuthority().empty() ||
         iri.getPath().find(u'\0') != ustring::npos)
         return std::nullopt;
-    return fl::filesystem::path(fl::i18n::ustring_to_utf8(iri.getPath()));
+    return fl::i18n::ustring_to_utf8(iri.getPath());
 }
 
 } // namespace
@@ -92,6 +92,11 @@ StorageIRI toCanonicalizedStorageIRI(const ustring& scheme, const fl::filesystem
 }
 
 fl::filesystem::path fromStorageIRI(const StorageIRI& iri)
+{
+    return fl::filesystem::path(localPathText(iri));
+}
+
+std::string localPathText(const StorageIRI& iri)
 {
     if (auto path = localPath(iri))
         return *std::move(path);

@@ -159,7 +159,7 @@ public:
 
     ExistenceType exists(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         struct stat info {};
         if (::stat(path.c_str(), &info) != 0) {
             const int error = errno;
@@ -172,7 +172,7 @@ public:
 
     ExistenceTypeExtended existsExtended(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         struct stat info {};
         if (::lstat(path.c_str(), &info) != 0) {
             const int error = errno;
@@ -217,7 +217,7 @@ public:
 
     FileAttributes getFileAttributes(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         bool symlink = false;
         const struct stat info = followedStat(path, location, symlink);
         if (S_ISDIR(info.st_mode))
@@ -228,7 +228,7 @@ public:
 
     FolderAttributes getFolderAttributes(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         bool symlink = false;
         const struct stat info = followedStat(path, location, symlink);
         if (!S_ISDIR(info.st_mode))
@@ -354,7 +354,7 @@ public:
 
     void createFolderRecursive(const StorageIRI& location) const override
     {
-        std::string path = nativePath(location).native();
+        std::string path = nativePath(location);
         while (path.size() > 1 && path.back() == '/')
             path.pop_back();
         // Up from the location until a folder exists or is made, then down again.
@@ -619,7 +619,7 @@ private:
     }
 
     // stat of the location with links followed; `symlink` tells whether the location itself is one.
-    static struct stat followedStat(const fl::filesystem::path& path, const StorageIRI& location, bool& symlink)
+    static struct stat followedStat(const std::string& path, const StorageIRI& location, bool& symlink)
     {
         struct stat info {};
         if (::lstat(path.c_str(), &info) != 0)

@@ -67,11 +67,11 @@ int FileDescriptor::close() noexcept
     return result == 0 ? 0 : errno;
 }
 
-fl::filesystem::path nativePath(const StorageIRI& location)
+std::string nativePath(const StorageIRI& location)
 {
     if (!location.hasPath())
         throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(u"no-path")});
-    return fromStorageIRI(location);
+    return localPathText(location);
 }
 
 void fail(int error, const char* call, const StorageIRI& location)

@@ -56,7 +56,7 @@ private:
 
 // The one way from an IRI to a local path. Refuses with InvalidLocation what fromStorageIRI refuses
 // (other schemes, remote authorities, NUL) and an IRI without a path.
-fl::filesystem::path nativePath(const StorageIRI& location);
+std::string nativePath(const StorageIRI& location);
 
 // The provider exception for a failed call, as throwPosixError builds it; a folder met where a file
 // was asked for (EISDIR) also carries "not-a-file".

@@ -186,6 +186,9 @@ VFS_EXPORT StorageIRI toCanonicalizedStorageIRI(const ustring& scheme, const fl:
 // The local path of a file IRI. Throws provider::Exception (InvalidLocation) for any other scheme,
 // for a non-local authority, and for a path holding NUL.
 VFS_EXPORT fl::filesystem::path fromStorageIRI(const StorageIRI& iri);
+// As fromStorageIRI, as the bytes a system call takes: a filesystem::path splits itself into
+// components as it is made, which costs more than the call for a stat of a cached file.
+VFS_EXPORT std::string localPathText(const StorageIRI& iri);
 // Whether two IRIs name the same resource: equal IRIs always do; two file IRIs also do when both
 // exist and are the same file on disk (same device and inode, links followed).
 VFS_EXPORT bool locationsAreEquivalent(const StorageIRI& a, const StorageIRI& b);
