@@ -636,7 +636,7 @@ void generateData(const std::string& kind, const fs::path& path, std::uint64_t s
     fs::remove_all(partial);
     if (kind == "tree") {
         // size x size folders of 20 files, under size top folders.
-        char name[32];
+        char name[64];
         for (std::uint64_t top = 0; top < size; ++top) {
             for (std::uint64_t sub = 0; sub < size; ++sub) {
                 std::snprintf(name, sizeof name, "d%03llu/s%02llu", static_cast<unsigned long long>(top),
@@ -651,7 +651,7 @@ void generateData(const std::string& kind, const fs::path& path, std::uint64_t s
         }
     } else if (kind == "folder") {
         fs::create_directories(partial);
-        char name[32];
+        char name[64];
         for (std::uint64_t i = 0; i < size; ++i) {
             std::snprintf(name, sizeof name, "file-%06llu.txt", static_cast<unsigned long long>(i));
             writeSmallFile(partial / name, i % 97 + 1);
