@@ -20,11 +20,14 @@ namespace foundation::storage::provider::local::detail {
 
 namespace {
 
+// The process id is part of the name: children forked from one process inherit its generator's
+// state and would otherwise try the same names, colliding with what a killed sibling left behind.
 std::string temporaryName(const char* prefix)
 {
     thread_local std::mt19937_64 random{std::random_device{}()};
-    char name[64];
-    std::snprintf(name, sizeof name, "%s%016llx", prefix, static_cast<unsigned long long>(random()));
+    char name[80];
+    std::snprintf(name, sizeof name, "%s%x-%016llx", prefix, static_cast<unsigned>(::getpid()),
+                  static_cast<unsigned long long>(random()));
     return name;
 }
 

@@ -252,13 +252,24 @@ private:
 
 } // namespace
 
-PosixFILE* openPosixFile(File file, const char* mode)
+namespace {
+
+// A C mode without its "b"s, which change nothing here wherever they stand.
+std::string withoutB(const char* mode)
 {
     std::string kept;
     for (const char* c = mode; c && *c; ++c) {
         if (*c != 'b')
             kept += *c;
     }
+    return kept;
+}
+
+} // namespace
+
+PosixFILE* openPosixFile(File file, const char* mode)
+{
+    const std::string kept = withoutB(mode);
     using provider::ByteStreamAccess;
     using provider::ByteStreamCreation;
     struct Row {
@@ -350,7 +361,9 @@ FILE* openCFile(File file, const char* mode)
 {
     std::unique_ptr<PosixFILE> adapter(openPosixFile(std::move(file), mode));
     const cookie_io_functions_t functions{cookieRead, cookieWrite, cookieSeek, cookieClose};
-    FILE* opened = ::fopencookie(adapter.get(), mode, functions);
+    // The C library reads a "b" only in a few places ("bw" it refuses, "rbb+" it takes as "r"), so
+    // it gets the mode the adapter was opened with, without them.
+    FILE* opened = ::fopencookie(adapter.get(), withoutB(mode).c_str(), functions);
     if (!opened)
         throw std::bad_alloc();
     adapter.release();

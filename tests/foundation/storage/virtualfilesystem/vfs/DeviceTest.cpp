@@ -15,13 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <string>
 #include <typeinfo>
-
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -266,40 +261,6 @@ TEST(TransactionalDeviceTest, AFullOrReadOnlyMemoryVolumeKeepsThePreviousContent
     EXPECT_TRUE(device.is_open()) << "a failed commit leaves the device open";
     device.close(StreamClosePolicy::Discard);
     EXPECT_EQ(contentOf(file), std::string(100, 'o'));
-}
-
-// A writer killed in the middle of a transactional write leaves the old file, never a part.
-TEST(TransactionalDeviceTest, AWriterKilledMidWriteLeavesTheOldContent)
-{
-    DecoratedStorage storage;
-    const WorkingFolder folder("file", storage.ref);
-    const File file = folder.file(u"crash.txt");
-    const std::string old(300000, 'o');
-    write(file, old);
-
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ready[0]);
-        vfs::TransactionalIODevice device(file, ByteStreamAccess::Write);
-        const std::string chunk(65536, 'n');
-        for (int i = 0;; ++i) {
-            device.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-            if (i == 8 && ::write(ready[1], "!", 1) != 1)
-                ::_exit(2);
-        }
-    }
-    ::close(ready[1]);
-    pollfd wait{ready[0], POLLIN, 0};
-    ASSERT_EQ(::poll(&wait, 1, 30000), 1) << "the writer never got going";
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ::close(ready[0]);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(contentOf(file), old);
 }
 
 } // namespace

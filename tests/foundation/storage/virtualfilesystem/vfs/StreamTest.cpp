@@ -180,6 +180,20 @@ TEST_P(StreamTest, CFileOverAStorageFile)
     EXPECT_NE(std::feof(in), 0);
     EXPECT_EQ(std::fclose(in), 0);
 
+    // A "b" anywhere changes nothing, also where the C library would not look for one.
+    FILE* update = vfs::openCFile(file, "rbb+");
+    ASSERT_NE(update, nullptr);
+    EXPECT_EQ(std::fputc('3', update), '3');
+    EXPECT_EQ(std::fclose(update), 0);
+    FILE* rewrite = vfs::openCFile(file, "bw");
+    ASSERT_NE(rewrite, nullptr);
+    EXPECT_GE(std::fputs("new", rewrite), 0);
+    EXPECT_EQ(std::fclose(rewrite), 0);
+    in = vfs::openCFile(file, "r");
+    ASSERT_NE(std::fgets(line, sizeof line, in), nullptr);
+    EXPECT_STREQ(line, "new");
+    EXPECT_EQ(std::fclose(in), 0);
+
     if (GetParam() == "mem") {
         boost::property_tree::ptree settings;
         settings.put("quotaBytes", "20");

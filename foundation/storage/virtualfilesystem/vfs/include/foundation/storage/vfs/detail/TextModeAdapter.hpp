@@ -153,7 +153,8 @@ public:
         m_staging.clear();
         stage(s, lf);
         while (lf) {
-            stage("\r", "\r" + 1);
+            static constexpr char cr = '\r';
+            stage(&cr, &cr + 1);
             const char* next = lf + 1 < end ? static_cast<const char*>(std::memchr(lf + 1, '\n', static_cast<std::size_t>(end - lf - 1)))
                                             : nullptr;
             stage(lf, next ? next : end);
