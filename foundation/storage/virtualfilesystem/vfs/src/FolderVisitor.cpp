@@ -47,6 +47,35 @@ private:
     detail::FolderListingIteratorImpl<AnyEntry> m_end;
 };
 
+// Where a walk has gone through links to folders: for each, the canonical location of the folder
+// holding the link. A link whose target holds one of these, or the folder it sits in, leads back
+// round: the kernel's limit on links per path does not end such a walk, since every level lists a
+// folder of its own.
+struct LinkTrail {
+    std::shared_ptr<const LinkTrail> up;
+    CanonicalAbsoluteIRI from;
+};
+using Trail = std::shared_ptr<const LinkTrail>;
+
+// The trail below `folder`; InvalidLocation with "circular_symlink" when it is a link that leads
+// back round. Costs one request per folder, and the canonical locations only at links.
+Trail enter(const Folder& folder, const Trail& trail)
+{
+    const auto kind = detail::translated([&] { return detail::HandleAccess::item(folder).existsExtended(); });
+    if (kind != provider::ExistenceTypeExtended::LinkToFolder)
+        return trail;
+    const CanonicalAbsoluteIRI target = folder.getCanonicalLocation();
+    CanonicalAbsoluteIRI from = folder.getParent().getCanonicalLocation();
+    const auto leadsBack = [&](const AbsoluteIRI& location) { return target == location || target.isAncestorOf(location); };
+    bool circular = leadsBack(from);
+    for (const LinkTrail* at = trail.get(); at && !circular; at = at->up.get())
+        circular = leadsBack(at->from);
+    if (circular)
+        boost::throw_exception(Exception(ErrorCode::InvalidLocation, target)
+                                   .withExceptionContexts({provider::ExceptionContext(u"circular_symlink")}));
+    return std::make_shared<const LinkTrail>(LinkTrail{trail, std::move(from)});
+}
+
 // How a failure inside folder `entry` ends its visit: a folder that has vanished simply ends.
 FolderVisitResult failedInside(FolderVisitor& visitor, const FolderEntry& entry, const Exception& error)
 {
@@ -55,17 +84,18 @@ FolderVisitResult failedInside(FolderVisitor& visitor, const FolderEntry& entry,
     return visitor.visitFolderEntryFailed(entry, error);
 }
 
-FolderVisitResult walkSequentially(const FolderEntry& folder, FolderVisitor& visitor)
+FolderVisitResult walkSequentially(const FolderEntry& folder, FolderVisitor& visitor, const Trail& trail)
 {
     const FolderVisitResult before = visitor.visitEntryBefore(folder);
     if (before != FolderVisitResult::Continue)
         return before;
     try {
+        const Trail inner = enter(folder.getFolder(), trail);
         for (Children children(folder.getFolder()); !children.done(); children.advance()) {
             const AnyEntry& child = children.current();
             const FolderVisitResult result = child.which() == 0
                                                  ? visitor.visitEntry(boost::get<FileEntry>(child))
-                                                 : walkSequentially(boost::get<FolderEntry>(child), visitor);
+                                                 : walkSequentially(boost::get<FolderEntry>(child), visitor, inner);
             if (result == FolderVisitResult::Stop)
                 return FolderVisitResult::Stop;
         }
@@ -86,7 +116,7 @@ public:
     {
     }
 
-    FolderVisitResult walkRoot(const FolderEntry& root) { return walk(root, &m_context); }
+    FolderVisitResult walkRoot(const FolderEntry& root) { return walk(root, &m_context, Trail()); }
 
 private:
     // The results of one folder's child tasks, and the first failure that escaped one of them (kept
@@ -134,6 +164,7 @@ private:
         ParallelFolderWalker* walker;
         ChildResults* results;
         AnyEntry child;
+        Trail trail;
 
         static Spawn* publish(Spawn* spawn) noexcept
         {
@@ -159,7 +190,7 @@ private:
             if (results->failed)
                 return;
             try {
-                results->add(walker->visitChild(child));
+                results->add(walker->visitChild(child, trail));
             } catch (...) {
                 results->fail(std::current_exception());
             }
@@ -178,16 +209,16 @@ private:
         }
     }
 
-    FolderVisitResult visitChild(const AnyEntry& child)
+    FolderVisitResult visitChild(const AnyEntry& child, const Trail& trail)
     {
         if (m_cancel())
             return FolderVisitResult::Stop;
         if (const auto* file = boost::get<FileEntry>(&child))
             return m_visitor.visitEntry(*file);
-        return walk(boost::get<FolderEntry>(child), nullptr);
+        return walk(boost::get<FolderEntry>(child), nullptr, trail);
     }
 
-    FolderVisitResult walk(const FolderEntry& folder, tbb::task_group_context* context)
+    FolderVisitResult walk(const FolderEntry& folder, tbb::task_group_context* context, const Trail& trail)
     {
         if (m_cancel())
             return FolderVisitResult::Stop;
@@ -202,8 +233,9 @@ private:
         else
             group.emplace();
         try {
+            const Trail inner = enter(folder.getFolder(), trail);
             for (Children listing(folder.getFolder()); !listing.done(); listing.advance()) {
-                auto spawn = std::make_unique<Spawn>(Spawn{this, &children, listing.current()});
+                auto spawn = std::make_unique<Spawn>(Spawn{this, &children, listing.current(), inner});
                 group->run([spawn = Spawn::publish(spawn.get())] { Spawn::receive(spawn)->run(); });
                 spawn.release(); // now the task's
             }
@@ -264,7 +296,7 @@ FolderVisitResult FolderVisitor::visitFolderEntryFailed(const FolderEntry& entry
 
 FolderVisitResult walkFolder(const Folder& root, FolderVisitor& visitor)
 {
-    return walkSequentially(FolderEntry(root), visitor);
+    return walkSequentially(FolderEntry(root), visitor, Trail());
 }
 
 FolderVisitResult walkFolderParallel(const Folder& root, FolderVisitor& visitor)

@@ -5,11 +5,13 @@
 
 #include <DecoratedStorage.hpp>
 #include <StorageSystems.hpp>
+#include <TempDir.hpp>
 #include <Threads.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <random>
 #include <string>
 
@@ -36,6 +38,52 @@ TEST(HostileTreeTest, EncodedDotSegmentsNeverClimbAboveTheRoot)
         const AbsoluteIRI location(c.text);
         EXPECT_EQ(location.toString(), c.expected);
     }
+}
+
+// Counts what it meets; a folder that fails (a link leading back round) is noted and passed over.
+class CountingVisitor : public vfs::FolderVisitor {
+public:
+    vfs::FolderVisitResult visit(const File&) override
+    {
+        ++files;
+        return vfs::FolderVisitResult::Continue;
+    }
+    vfs::FolderVisitResult visitFolderFailed(const Folder&, const vfs::Exception& error) override
+    {
+        if (error.getErrorCode() == ErrorCode::InvalidLocation &&
+            error.getExceptionContextsString().find(u"circular_symlink") != ustring::npos)
+            ++circular;
+        return vfs::FolderVisitResult::Continue;
+    }
+    std::atomic<int> files{0};
+    std::atomic<int> circular{0};
+};
+
+// Links to folders that lead back round (to an ancestor, or through a second link) end every walk:
+// each such link is reported once per way of reaching it, and its target is walked once.
+TEST(HostileTreeTest, LinkLoopsEndEveryWalk)
+{
+    const vfs_test::TempDir tree;
+    tree.writeFile("walked/a/f");
+    tree.writeFile("walked/b/g");
+    std::filesystem::create_directory_symlink(tree.path(), tree / "walked/a/up");
+    std::filesystem::create_directory_symlink(tree / "walked/b", tree / "walked/a/tob");
+    std::filesystem::create_directory_symlink(tree / "walked/a", tree / "walked/b/toa");
+    auto [system, ref] = vfs_test::makeSystem<vfs::DefaultStorageSystem>();
+    const Folder walked(vfs::toAbsoluteIRI(u"", tree / "walked"), ref);
+    for (const bool parallel : {false, true}) {
+        SCOPED_TRACE(parallel ? "parallel" : "sequential");
+        CountingVisitor visitor;
+        EXPECT_EQ(parallel ? vfs::walkFolderParallel(walked, visitor) : vfs::walkFolder(walked, visitor),
+                  vfs::FolderVisitResult::Continue);
+        // a/f, b/g, and each through the other's link once: a/tob/g, b/toa/f.
+        EXPECT_EQ(visitor.files, 4);
+        // a/up and b/toa/up lead to an ancestor; a/tob/toa and b/toa/tob back through the other link.
+        EXPECT_EQ(visitor.circular, 4);
+    }
+    // A visitor that does not absorb the failure ends the walk with it.
+    vfs::FolderVisitor plain;
+    EXPECT_THROW(vfs::walkFolder(walked, plain), vfs::Exception);
 }
 
 // Writers of every kind race on shared files against a small quota. Afterwards the files hold no

@@ -54,7 +54,9 @@ public:
 // children in listing order (each subfolder completely), then its visitEntryAfter. Stop ends the walk
 // at once (no later visit of any kind); Skip from a visit ends only that entry's subtree. A folder
 // that vanishes while walked ends through its visitEntryAfter; other Exceptions inside a folder go to
-// its visitFolderEntryFailed. Returns the root's last answer, or Stop.
+// its visitFolderEntryFailed. Returns the root's last answer, or Stop. A link to a folder that leads
+// back to a folder the walk is inside (or to the one holding the link) is not entered: it fails
+// like an unreadable folder, with InvalidLocation and the context "circular_symlink".
 VFS_EXPORT FolderVisitResult walkFolder(const Folder& root, FolderVisitor& visitor);
 
 // As walkFolder, with every child entry of every folder visited as a task of its own on oneTBB
