@@ -151,8 +151,9 @@ protected:
     }
 
     // a.txt, b.dat, d/{x.txt, e/{y}}, empty/
-    void resetTree() const
+    void resetTree()
     {
+        m_changed = false;
         if (t.folderExists())
             t.removeFolder(vfs::FolderRemovalPolicy::Recursive);
         vfs::Folder(t, u"d/e").createFolderRecursive();
@@ -198,6 +199,7 @@ protected:
                 if (const auto n = counting.count(static_cast<ProviderOperation>(op)))
                     calls.emplace_back(static_cast<ProviderOperation>(op), n);
             const Tree after = snapshot(t);
+            m_changed = true;
             std::size_t total = 0;
             for (const auto& [operation, n] : calls)
                 total += n;
@@ -223,7 +225,8 @@ private:
     void inject(const Scenario& scenario, ProviderOperation operation, std::uint64_t k, Code code, const Tree& before,
                 const Tree& success)
     {
-        resetTree();
+        if (m_changed)
+            resetTree();
         auto& faults = *storage.layers(scheme()).faults;
         const auto id = faults.addFault({.operation = operation, .code = code,
                                          .trigger = FaultInjectingProvider::Trigger::Nth, .calls = k});
@@ -266,8 +269,13 @@ private:
             ADD_FAILURE() << where << ": " << vfs_test::describeCurrentException();
         }
         faults.removeFault(id);
-        checkKept(scenario, before, success, snapshot(t), where);
+        const Tree now = snapshot(t);
+        checkKept(scenario, before, success, now, where);
+        // Times and permissions play no part in any scenario: an unchanged tree serves the next run.
+        m_changed = now != before;
     }
+
+    bool m_changed = true;
 
     static void checkKept(const Scenario& scenario, const Tree& before, const Tree& success, const Tree& now,
                           const std::string& where)
@@ -567,7 +575,10 @@ std::string sweepName(const testing::TestParamInfo<std::tuple<std::string, bool>
     return std::get<0>(info.param) + (std::get<1>(info.param) ? "_libraryPaths" : "_providerPaths");
 }
 
+// The library's own fallbacks do not depend on the storage below them: they run in memory only, which
+// keeps the sweep quick; the local disk runs its provider's own paths.
 INSTANTIATE_TEST_SUITE_P(Schemes, FaultSweep,
-                         testing::Combine(testing::Values("mem", "file"), testing::Bool()), sweepName);
+                         testing::Values(std::tuple("mem", false), std::tuple("mem", true), std::tuple("file", false)),
+                         sweepName);
 
 } // namespace
