@@ -440,6 +440,8 @@ bool fires(FaultInjectingProvider::Trigger trigger, std::uint64_t calls, std::ui
         return true;
     case FaultInjectingProvider::Trigger::AfterN:
         return matchingCall > calls;
+    case FaultInjectingProvider::Trigger::Nth:
+        return matchingCall == calls + 1;
     }
     return false;
 }
@@ -473,6 +475,13 @@ std::uint64_t FaultInjectingProvider::failuresInjected(std::size_t id) const
     return entry == m_faults.end() ? 0 : entry->failed;
 }
 
+std::optional<StorageIRI> FaultInjectingProvider::lastFailureLocation(std::size_t id) const
+{
+    std::lock_guard lock(m_mutex);
+    const auto entry = std::find_if(m_faults.begin(), m_faults.end(), [id](const Entry& e) { return e.id == id; });
+    return entry == m_faults.end() ? std::nullopt : entry->lastFailed;
+}
+
 void FaultInjectingProvider::before(ProviderOperation operation, const StorageIRI& location) const
 {
     std::optional<ErrorCode> code;
@@ -484,6 +493,7 @@ void FaultInjectingProvider::before(ProviderOperation operation, const StorageIR
             ++entry.seen;
             if (!code && fires(entry.fault.trigger, entry.fault.calls, entry.failed, entry.seen)) {
                 ++entry.failed;
+                entry.lastFailed = location;
                 code = entry.fault.code;
             }
         }

@@ -74,6 +74,22 @@ std::streamsize FileStreamBuffer::xsputn(const char* s, std::streamsize n)
     return deviceWrite(s, n);
 }
 
+// Boost's buffer writes out pending output before seeking but ignores a failure to, and then drops
+// that output: the caller would lose data with no stream state set.
+auto FileStreamBuffer::seekoff(off_type off, std::ios_base::seekdir way, std::ios_base::openmode which) -> pos_type
+{
+    if (pptr() != pbase() && pubsync() != 0)
+        return pos_type(off_type(-1));
+    return filtering_streambuf::seekoff(off, way, which);
+}
+
+auto FileStreamBuffer::seekpos(pos_type position, std::ios_base::openmode which) -> pos_type
+{
+    if (pptr() != pbase() && pubsync() != 0)
+        return pos_type(off_type(-1));
+    return filtering_streambuf::seekpos(position, which);
+}
+
 bool openFileStream(std::basic_ios<char>& stream, FileStreamBuffer& buffer, const File& file, int mode)
 {
     if (buffer.is_complete()) {

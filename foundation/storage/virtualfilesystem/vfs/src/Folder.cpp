@@ -5,6 +5,7 @@
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/throw_exception.hpp>
+#include "MovedTreeRemoval.hpp"
 #include "TreeVisitors.hpp"
 
 #include <utility>
@@ -210,7 +211,7 @@ void Folder::moveFolder(const Folder& destination, const provider::ReplacementPo
         }
     }
     copyFolder(destination, policy);
-    removeFolder(FolderRemovalPolicy::Recursive);
+    detail::removeMovedTree(*this, destination);
 }
 
 provider::FolderAttributes Folder::getAttributes() const

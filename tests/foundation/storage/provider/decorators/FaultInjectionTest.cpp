@@ -43,7 +43,8 @@ TEST_P(FaultInjectionTest, TriggersDecideWhichMatchingCallsFail)
     for (const Case& c : {Case{"once", Trigger::Once, 0, {true, false, false, false, false}},
                           Case{"always", Trigger::Always, 0, {true, true, true, true, true}},
                           Case{"after two", Trigger::AfterN, 2, {false, false, true, true, true}},
-                          Case{"after zero", Trigger::AfterN, 0, {true, true, true, true, true}}}) {
+                          Case{"after zero", Trigger::AfterN, 0, {true, true, true, true, true}},
+                          Case{"third only", Trigger::Nth, 2, {false, false, true, false, false}}}) {
         SCOPED_TRACE(c.name);
         faulty->clearFaults();
         const auto id = faulty->addFault({.operation = ProviderOperation::Exists, .location = root,
@@ -56,6 +57,7 @@ TEST_P(FaultInjectionTest, TriggersDecideWhichMatchingCallsFail)
             failures += c.fails[i] ? 1 : 0;
         }
         EXPECT_EQ(faulty->failuresInjected(id), failures);
+        EXPECT_EQ(faulty->lastFailureLocation(id), failures ? std::optional(root) : std::nullopt);
         faulty->removeFault(id);
         EXPECT_EQ(existsFailure(root), std::nullopt);
         EXPECT_EQ(faulty->failuresInjected(id), 0u);

@@ -30,6 +30,9 @@ public:
 protected:
     std::streamsize xsgetn(char* s, std::streamsize n) override;
     std::streamsize xsputn(const char* s, std::streamsize n) override;
+    // A seek first writes out pending output; when that fails, the seek fails and the output stays.
+    pos_type seekoff(off_type off, std::ios_base::seekdir way, std::ios_base::openmode which) override;
+    pos_type seekpos(pos_type position, std::ios_base::openmode which) override;
 
 private:
     std::streamsize deviceRead(char* s, std::streamsize n);

@@ -171,6 +171,7 @@ public:
         Once,     // the next matching call fails, later ones succeed
         Always,   // every matching call fails
         AfterN,   // the first `calls` matching calls succeed, every later one fails
+        Nth,      // only the matching call after the first `calls` ones fails
     };
 
     struct Fault {
@@ -180,7 +181,7 @@ public:
         std::optional<StorageIRI> location = std::nullopt;
         ErrorCode code = ErrorCode::IOError;
         Trigger trigger = Trigger::Always;
-        std::uint64_t calls = 0; // for AfterN
+        std::uint64_t calls = 0; // for AfterN and Nth
         bool includeDescendants = false;
     };
 
@@ -195,6 +196,9 @@ public:
     void clearFaults();
     // How many calls fault `id` has made fail so far; 0 for an unknown or removed id.
     std::uint64_t failuresInjected(std::size_t id) const;
+    // The location of the last call fault `id` made fail (a stream's own location for Stream*
+    // operations); nullopt while it has made none fail, or for an unknown or removed id.
+    std::optional<StorageIRI> lastFailureLocation(std::size_t id) const;
 
 protected:
     // Throws Exception(code, location) with contexts "fault-injection" and the operation's name; for
@@ -207,6 +211,7 @@ private:
         Fault fault;
         std::uint64_t seen = 0;   // matching calls so far
         std::uint64_t failed = 0; // of which made to fail
+        std::optional<StorageIRI> lastFailed = std::nullopt;
     };
     mutable std::mutex m_mutex;
     mutable std::vector<Entry> m_faults;
