@@ -20,8 +20,8 @@ bool isNotFound(const Exception& error) noexcept { return error.getErrorCode() =
 
 } // namespace
 
-FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, const TreeProgressObserver& observer)
-    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_observer(observer)
+FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_observer(std::move(observer))
 {
 }
 
@@ -118,8 +118,8 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
     return FolderVisitResult::Continue;
 }
 
-EntryDeletionVisitor::EntryDeletionVisitor(Folder root, const TreeProgressObserver& observer)
-    : m_root(std::move(root)), m_observer(observer)
+EntryDeletionVisitor::EntryDeletionVisitor(Folder root, TreeProgressObserver observer)
+    : m_root(std::move(root)), m_observer(std::move(observer))
 {
 }
 

@@ -14,8 +14,8 @@ namespace foundation::storage::vfs::detail {
 // follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
 class FolderCopyVisitor : public FolderVisitor {
 public:
-    // `observer` may be empty; when not, it must outlive the visitor.
-    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, const TreeProgressObserver& observer);
+    // `observer` may be empty.
+    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer);
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
@@ -33,7 +33,7 @@ private:
     std::optional<Folder> m_current;
     provider::ReplacementPolicy m_policy;
     std::vector<Exception> m_collected;
-    const TreeProgressObserver& m_observer;
+    TreeProgressObserver m_observer;
     TreeProgress m_progress;
     bool m_stopped = false;
 };
@@ -43,8 +43,7 @@ private:
 // What vanishes meanwhile counts as removed, except the root itself.
 class EntryDeletionVisitor : public FolderVisitor {
 public:
-    // `observer` may be empty; when not, it must outlive the visitor.
-    EntryDeletionVisitor(Folder root, const TreeProgressObserver& observer);
+    explicit EntryDeletionVisitor(Folder root, TreeProgressObserver observer = {});
 
     FolderVisitResult visitBefore(const Folder& folder) override;
     FolderVisitResult visit(const File& file) override;
@@ -54,7 +53,7 @@ private:
     FolderVisitResult report();
 
     Folder m_root;
-    const TreeProgressObserver& m_observer;
+    TreeProgressObserver m_observer;
     TreeProgress m_progress;
 };
 
