@@ -77,15 +77,6 @@ const Encoded encodedCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Table, I18nRoundTrip, ::testing::ValuesIn(encodedCases));
 
-TEST(I18n, SurrogatePairsAreOneCodePoint)
-{
-    const std::u16string pair{char16_t(0xD83D), char16_t(0xDE00)};
-    EXPECT_EQ(pair, u"\U0001F600");
-    EXPECT_EQ(to_u32string(pair), std::u32string(1, U'\U0001F600'));
-    EXPECT_EQ(ustring_to_utf8(pair).size(), 4u);
-    EXPECT_EQ(from_u32string(U"\U00010000\U0010FFFF"), (std::u16string{0xD800, 0xDC00, 0xDBFF, 0xDFFF}));
-}
-
 struct BadUtf16 {
     std::u16string text;
     std::size_t offset; // of the first lone surrogate

@@ -106,4 +106,11 @@ auto inspectThrown(Call&& call, Inspect&& inspect) -> std::invoke_result_t<Inspe
     return Result();
 }
 
+// The what() of the E that `call` throws; empty, with a failure added, when it throws no E.
+template <class E, class Call>
+std::string whatOf(Call&& call)
+{
+    return inspectThrown<E>(std::forward<Call>(call), [](const E& error) { return std::string(error.what()); });
+}
+
 } // namespace vfs_test

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -27,30 +26,22 @@ pt::ptime utc(int year, int month, int day, int hour, int minute, int second, in
                      pt::hours(hour) + pt::minutes(minute) + pt::seconds(second) + pt::microseconds(microsecond));
 }
 
-TEST_P(FileAndFolderConformance, CreateFileMakesAnEmptyFileThatRemoveFileTakesAway)
+TEST_P(FileAndFolderConformance, CreationMakesAnEmptyWritableFileOrFolderThatRemovalTakesAway)
 {
     const StorageIRI file = below(u"new.txt");
+    const StorageIRI folder = below(u"new");
     provider->createFile(file);
+    provider->createFolder(folder);
     EXPECT_EQ(provider->exists(file), ExistenceType::File);
     EXPECT_EQ(provider->getFileAttributes(file).getSize(), 0u);
     EXPECT_TRUE(provider->getFileAttributes(file).isWritable());
-
-    provider->removeFile(file);
-    EXPECT_EQ(provider->exists(file), ExistenceType::NotFound);
-    EXPECT_EQ(provider->exists(root), ExistenceType::Folder);
-    EXPECT_TRUE(tree().empty());
-}
-
-TEST_P(FileAndFolderConformance, CreateFolderMakesAnEmptyFolderThatRemoveFolderTakesAway)
-{
-    const StorageIRI folder = below(u"new");
-    provider->createFolder(folder);
     EXPECT_EQ(provider->exists(folder), ExistenceType::Folder);
     EXPECT_TRUE(provider->getFolderAttributes(folder).isWritable());
     EXPECT_FALSE(provider->list(folder, {})->hasNext());
 
+    provider->removeFile(file);
     provider->removeFolder(folder);
-    EXPECT_EQ(provider->exists(folder), ExistenceType::NotFound);
+    EXPECT_EQ(provider->exists(root), ExistenceType::Folder);
     EXPECT_TRUE(tree().empty());
 }
 

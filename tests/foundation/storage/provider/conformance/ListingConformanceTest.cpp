@@ -1,6 +1,7 @@
 // Listing a folder's children, as every provider must: kinds, attributes, patterns, clones and
 // recursive listings where the provider has them.
 
+#include <DepthFirst.hpp>
 #include <ProviderHarness.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -210,21 +211,7 @@ TEST_P(ListingConformance, RecursiveListingIsDepthFirstWithEachFolderBeforeItsCo
             const auto names = namesOf(entries);
             EXPECT_EQ(names.size(), expected.size()) << "no name twice";
             EXPECT_EQ(sorted(names), expected);
-            if (kind != ListKind::Files) {
-                // A folder comes before everything below it, and everything below it comes before any
-                // later entry outside it.
-                for (std::size_t i = 0; i < names.size(); ++i) {
-                    if (names[i].back() != '/')
-                        continue;
-                    std::size_t end = i + 1;
-                    while (end < names.size() && names[end].starts_with(names[i]))
-                        ++end;
-                    for (std::size_t j = end; j < names.size(); ++j)
-                        EXPECT_FALSE(names[j].starts_with(names[i])) << names[j] << " is apart from " << names[i];
-                    for (std::size_t j = 0; j < i; ++j)
-                        EXPECT_FALSE(names[j].starts_with(names[i])) << names[j] << " comes before " << names[i];
-                }
-            }
+            expectDepthFirst(entryNames(entries));
             for (const auto& entry : entries) {
                 SCOPED_TRACE(fl::i18n::ustring_to_utf8(entry.getName()));
                 const bool hasAttributes = entry.getFileAttributes().has_value() || entry.getFolderAttributes().has_value();

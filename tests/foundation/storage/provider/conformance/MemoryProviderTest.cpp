@@ -128,8 +128,6 @@ TEST_F(MemoryProviderTest, TransfersOutOfTheProviderAreUnsupportedAndUnknownPoli
     const StorageIRI onDisk(u"file:///tmp/vfs-memory-test-never-written");
     EXPECT_TRUE(failsWith([&] { memory->moveFile(source, onDisk, ReplacementPolicy::Replace); },
                           ErrorCode::UnsupportedOperation, onDisk, "EXDEV"));
-    EXPECT_TRUE(failsWith([&] { memory->moveFile(source, at(u"t"), static_cast<ReplacementPolicy>(42)); },
-                          ErrorCode::InvalidLocation, source, "unknown-policy"));
     // Another memory provider is other storage, even for the same volume name.
     const auto other = makeMemoryProvider();
     const StorageIRI target = at(u"target.txt");
@@ -323,9 +321,6 @@ TEST_F(MemoryProviderTest, TimesFollowCreationAndChangeAndCanBeSet)
     EXPECT_LE(memory->getFileAttributes(location).getLastModified(), after);
 
     memory->setLastModified(location, old);
-    EXPECT_EQ(memory->getFileAttributes(location).getLastModified(), old) << "microseconds are kept";
-    memory->setLastModified(at(u"folder"), old);
-    EXPECT_EQ(memory->getFolderAttributes(at(u"folder")).getLastModified(), old);
 
     // Renaming keeps the file's time and changes the folder's, as on disk.
     memory->moveFile(location, at(u"folder/renamed"), ReplacementPolicy::FailIfExists);
@@ -471,8 +466,6 @@ TEST_F(MemoryProviderTest, AttributesAndStorageReportWhatMemoryKnows)
     EXPECT_EQ(memory->getExtendedAttributes(at(u"folder/file")), expected);
     expected.allocatedBytes = 0;
     EXPECT_EQ(memory->getExtendedAttributes(at(u"folder")), expected);
-    EXPECT_TRUE(failsWith([&] { memory->getCanonicalLocation(at(u"folder/file/below")); }, ErrorCode::ResourceNotFound,
-                          at(u"folder/file/below"), "ENOTDIR"));
     const auto info = memory->getProviderStorageInfo(root);
     EXPECT_EQ(info.capacityBytes, std::nullopt) << "no quota, no known capacity";
     EXPECT_EQ(info.freeBytes, std::nullopt);

@@ -19,7 +19,6 @@ using provider::ByteStreamAccess;
 using provider::ByteStreamCreation;
 using provider::ByteStreamOpenOptions;
 using provider::ErrorCode;
-using provider::ExistenceType;
 using provider::StreamClosePolicy;
 
 class StreamConformance : public ProviderTest {

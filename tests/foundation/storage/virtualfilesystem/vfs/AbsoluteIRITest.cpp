@@ -29,7 +29,6 @@ namespace {
 namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
 using fl::i18n::ustring;
-using testing::HasSubstr;
 using testing::StartsWith;
 using vfs::AbsoluteIRI;
 using vfs::CanonicalAbsoluteIRI;
@@ -149,35 +148,12 @@ TEST(AbsoluteIRITest, ComparesAndHashesAsItsStorageIRIButStringsExactly)
     EXPECT_EQ(out.str(), "file:///tmp/\xC3\xA4%20b");
 }
 
-TEST(AbsoluteIRITest, ResolvedIRIKeepsTheLocationAndItsContainer)
+TEST(AbsoluteIRITest, NestingAndBuildingMatchTheParser)
 {
-    for (const ustring text : {u"file:///a/./b/../c", u"mem://v/x/y", u"zip:file:///tmp/a.zip!/docs/../x.txt"}) {
-        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
-        const AbsoluteIRI iri{text};
-        const AbsoluteIRI resolved = iri.getResolvedIRI();
-        EXPECT_EQ(resolved, iri);
-        EXPECT_EQ(resolved.getPath(), iri.getResolvedPath());
-        EXPECT_EQ(resolved.hasInnerIRI(), iri.hasInnerIRI());
-    }
-}
-
-TEST(AbsoluteIRITest, InnerIRIOfNestedLocations)
-{
-    const AbsoluteIRI nested{u"zip:file:///tmp/a.zip!/docs/x.txt"};
-    ASSERT_TRUE(nested.hasInnerIRI());
+    const AbsoluteIRI nested{u"zip:file:///tmp/a.zip!/docs/./../x.txt"};
+    EXPECT_EQ(nested.getResolvedIRI(), nested);
     EXPECT_EQ(nested.getInnerIRI(), AbsoluteIRI{u"file:///tmp/a.zip"});
-    EXPECT_EQ(nested.getPath(), u"/docs/x.txt");
-
-    const AbsoluteIRI twice{u"tar:zip:file:///tmp/a.zip!/b.tar!/c/d"};
-    const AbsoluteIRI middle = twice.getInnerIRI();
-    EXPECT_EQ(middle, AbsoluteIRI{u"zip:file:///tmp/a.zip!/b.tar"});
-    EXPECT_EQ(middle.getInnerIRI(), AbsoluteIRI{u"file:///tmp/a.zip"});
-    EXPECT_FALSE(middle.getInnerIRI().hasInnerIRI());
-
-    // The nesting constructor builds the same value the parser does.
-    EXPECT_EQ(AbsoluteIRI(u"zip", AbsoluteIRI{u"file:///tmp/a.zip"}, u"docs/x.txt"), nested);
-    EXPECT_EQ(AbsoluteIRI(u"tar", middle, u"/c/d"), twice);
-
+    EXPECT_EQ(AbsoluteIRI(u"zip", AbsoluteIRI{u"file:///tmp/a.zip"}, u"x.txt"), nested);
     // A location without a container has no inner IRI with a path.
     const auto error = invalidIRIFrom([] { AbsoluteIRI{u"file:///a"}.getInnerIRI(); });
     ASSERT_TRUE(error.has_value());
@@ -209,85 +185,39 @@ TEST(AbsoluteIRITest, CanonicalAbsoluteIRIIsTheSameValueUnderAStricterType)
     EXPECT_TRUE(canonical == u"file:///b/c");
 }
 
-class LocalPathsTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        target = dir.writeFile("target.txt", "x");
-        dir.makeFolder("sub");
-        link = dir / "link.txt";
-        std::filesystem::create_symlink(target, link);
-        std::filesystem::create_symlink(dir / "gone.txt", dir / "dangling.txt");
-    }
-
-    vfs_test::TempDir dir;
-    std::filesystem::path target;
-    std::filesystem::path link;
-};
-
-TEST_F(LocalPathsTest, AbsoluteIRIKeepsThePathWhileCanonicalResolvesIt)
+// The local-path helpers are the provider's; what is the library's is how their failures arrive.
+TEST(LocalPathsTest, ResultsAndFailuresArriveAsTheLibrarysTypes)
 {
+    const vfs_test::TempDir dir;
+    const auto target = dir.writeFile("target.txt", "x");
+    const auto link = dir / "link.txt";
+    std::filesystem::create_symlink(target, link);
     const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
     EXPECT_EQ(viaLink.getPath(), utf16(link));
     EXPECT_EQ(vfs::toCanonicalAbsoluteIRI(u"file", link), vfs::toAbsoluteIRI(u"", std::filesystem::canonical(target)));
-    const auto odd = dir.writeFile("\xC3\xA4 b%#!.txt");
-    EXPECT_EQ(vfs::fromAbsoluteIRI(vfs::toAbsoluteIRI(u"", odd)), odd);
-}
-
-TEST_F(LocalPathsTest, MissingPathIsAnIRIButCannotBeCanonicalised)
-{
-    for (const auto& missing : {dir / "missing.txt", dir / "dangling.txt", dir / "target.txt" / "below"}) {
-        SCOPED_TRACE(missing.string());
-        const AbsoluteIRI iri = vfs::toAbsoluteIRI(u"", missing);
-        EXPECT_EQ(iri.getPath(), utf16(missing));
-        vfs_test::inspectThrown<vfs::Exception>(
-            [&] { vfs::toCanonicalAbsoluteIRI(u"", missing); }, [&](const vfs::Exception& error) {
-                EXPECT_EQ(error.getErrorCode(), vfs::ErrorCode::ResourceNotFound);
-                EXPECT_EQ(error.getLocation(), iri);
-                EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
-            });
-    }
-}
-
-TEST_F(LocalPathsTest, PathsWithoutAnIRIBecomeInvalidIRIWithTheProviderCause)
-{
-    const std::vector<std::pair<ustring, std::filesystem::path>> cases = {
-        {u"", std::filesystem::path()},
-        {u"http", target},
-        {u"", std::filesystem::path("/tmp/\xFF.txt")},
-    };
-    for (const auto& [scheme, path] : cases) {
-        SCOPED_TRACE(path.string());
-        const auto error = invalidIRIFrom([&] { vfs::toAbsoluteIRI(scheme, path); });
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->invalidIRIString, fl::i18n::utf8_to_ustring_lossy(path.native()));
-        const auto cause = providerCause(error->nested);
-        ASSERT_TRUE(cause.has_value());
-        EXPECT_EQ(cause->getErrorCode(), provider::ErrorCode::InvalidLocation);
-    }
-    // A path that names no location is not an I/O failure: canonicalising it is no Exception either.
-    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/\xFF")}) {
-        const auto error = invalidIRIFrom([&] { vfs::toCanonicalAbsoluteIRI(u"", path); });
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->invalidIRIString, fl::i18n::utf8_to_ustring_lossy(path.native()));
-        EXPECT_TRUE(providerCause(error->nested).has_value());
-    }
-}
-
-TEST_F(LocalPathsTest, FromAbsoluteIRIPassesProviderErrorsUntranslated)
-{
+    EXPECT_EQ(vfs::fromAbsoluteIRI(viaLink), link);
+    EXPECT_TRUE(vfs::locationsAreEquivalent(viaLink, vfs::toAbsoluteIRI(u"", target)));
     EXPECT_THROW(vfs::fromAbsoluteIRI(AbsoluteIRI{u"mem://volume/a"}), provider::Exception);
-    EXPECT_THROW(vfs::fromAbsoluteIRI(AbsoluteIRI{u"file://remote.example/a"}), provider::Exception);
-}
 
-TEST_F(LocalPathsTest, EquivalenceSeesThroughLinks)
-{
-    const AbsoluteIRI real = vfs::toAbsoluteIRI(u"", target);
-    const AbsoluteIRI viaLink = vfs::toAbsoluteIRI(u"", link);
-    ASSERT_NE(real, viaLink);
-    EXPECT_TRUE(vfs::locationsAreEquivalent(viaLink, real));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(real, vfs::toAbsoluteIRI(u"", dir.writeFile("other.txt"))));
-    EXPECT_FALSE(vfs::locationsAreEquivalent(AbsoluteIRI{u"mem://v/target.txt"}, real));
+    // A missing path is an IRI that cannot be canonicalised: an Exception naming it.
+    const AbsoluteIRI missing = vfs::toAbsoluteIRI(u"", dir / "missing.txt");
+    vfs_test::inspectThrown<vfs::Exception>(
+        [&] { vfs::toCanonicalAbsoluteIRI(u"", dir / "missing.txt"); }, [&](const vfs::Exception& error) {
+            EXPECT_EQ(error.getErrorCode(), vfs::ErrorCode::ResourceNotFound);
+            EXPECT_EQ(error.getLocation(), missing);
+            EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
+        });
+    // A path that names no location is an InvalidIRIException nesting the provider's refusal.
+    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/tmp/\xFF.txt")}) {
+        for (const auto& error : {invalidIRIFrom([&] { vfs::toAbsoluteIRI(u"", path); }),
+                                  invalidIRIFrom([&] { vfs::toCanonicalAbsoluteIRI(u"", path); })}) {
+            ASSERT_TRUE(error.has_value());
+            EXPECT_EQ(error->invalidIRIString, fl::i18n::utf8_to_ustring_lossy(path.native()));
+            const auto cause = providerCause(error->nested);
+            ASSERT_TRUE(cause.has_value());
+            EXPECT_EQ(cause->getErrorCode(), provider::ErrorCode::InvalidLocation);
+        }
+    }
 }
 
 struct PrefixCase {
@@ -300,7 +230,6 @@ TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
     const std::vector<PrefixCase> cases = {
         {u"", false},
         {u"a:/", false},               // too short
-        {u"ab:", false},               // too short
         {u"ab:/", true},               // the shortest IRI prefix
         {u"c:/tmp/x", false},          // drive letter
         {u"file:///tmp/x", true},
@@ -309,12 +238,9 @@ TEST(HasIRIPrefixTest, TellsIRIsFromLocalPaths)
         {u"a_b:/x", false},            // not a scheme character
         {u"f\u00e9:/x", false},        // not ASCII
         {u"file:", false},             // nothing after the colon
-        {u"file", false},              // no colon
-        {u"/tmp/x:/y", false},
         {u"zip:file:///a.zip!/x", true}, // an outer scheme followed by an IRI
         {u"zip:c:/x", false},          // an outer scheme followed by a drive letter
         {u"mailto:someone", false},    // opaque part
-        {u"ab::/x", false},
         {u"a:b:/x", false},
         {u"ab:cd:/x", true},
     };

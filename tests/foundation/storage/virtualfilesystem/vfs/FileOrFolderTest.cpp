@@ -16,7 +16,6 @@ namespace {
 
 namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
 using provider::ReplacementPolicy;
 using vfs::FileOrFolder;
 
@@ -35,9 +34,7 @@ TEST_P(FileOrFolderTest, MixingKindsIsRefusedBeforeTheStorageIsAsked)
     vfs::getParent(file).listAll(u""); // binds the provider
     const auto& calls = *storage.layers(fl::i18n::utf8_to_ustring(GetParam())).calls;
     const auto before = calls.total();
-    const auto message = [](auto&& call) {
-        return vfs_test::inspectThrown<std::logic_error>(call, [](const std::logic_error& e) { return std::string(e.what()); });
-    };
+    const auto message = [](auto&& call) { return vfs_test::whatOf<std::logic_error>(call); };
     EXPECT_EQ(message([&] { vfs::copy(file, folder, ReplacementPolicy::Replace); }), "Can't make a folder out of a file.");
     EXPECT_EQ(message([&] { vfs::copy(folder, file, ReplacementPolicy::Replace); }), "Can't make a file out of a folder.");
     EXPECT_EQ(message([&] { vfs::move(file, folder, ReplacementPolicy::Replace); }), "Can't change a file to a folder.");

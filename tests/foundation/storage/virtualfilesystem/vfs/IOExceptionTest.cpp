@@ -64,7 +64,7 @@ TYPED_TEST(IOExceptionTest, MessageCodeAndCategoryComposeLikeSystemError)
     EXPECT_STREQ(static_cast<const IOException&>(named).what(), named.what());
 }
 
-TYPED_TEST(IOExceptionTest, ContextsPopFromTheFrontAndCopiesAreDeepWhileMovesTakeThem)
+TYPED_TEST(IOExceptionTest, ContextsPopFromTheFrontAndCopiesAreDeep)
 {
     using E = typename TypeParam::Type;
     E original("m", ErrorCode::ResourceInUse);
@@ -86,15 +86,10 @@ TYPED_TEST(IOExceptionTest, ContextsPopFromTheFrontAndCopiesAreDeepWhileMovesTak
 
     E moved(std::move(assigned));
     EXPECT_EQ(moved.getExceptionContextsString(), u"a:b");
-    EXPECT_EQ(assigned.getExceptionContextsString(), u""); // NOLINT(bugprone-use-after-move)
-    E moveAssigned;
-    moveAssigned = std::move(moved);
-    EXPECT_EQ(moveAssigned.getExceptionContextsString(), u"a:b");
-    EXPECT_EQ(moved.getExceptionContextsString(), u""); // NOLINT(bugprone-use-after-move)
-    moveAssigned.popExceptionContext();
-    moveAssigned.popExceptionContext();
-    moveAssigned.popExceptionContext(); // popping nothing is harmless
-    EXPECT_FALSE(moveAssigned.topExceptionContext().has_value());
+    moved.popExceptionContext();
+    moved.popExceptionContext();
+    moved.popExceptionContext(); // popping nothing is harmless
+    EXPECT_FALSE(moved.topExceptionContext().has_value());
 }
 
 TYPED_TEST(IOExceptionTest, RethrowAndCloneKeepTheLeafTypeCaughtAsAStandardStreamFailure)

@@ -219,10 +219,7 @@ TEST(OptionalCapabilityTest, StorageSystemThatHasGoneFails)
     const Folder folder(AbsoluteIRI(u"mem://v/"), ref);
     system.reset();
 
-    const auto message = [](auto call) {
-        return vfs_test::inspectThrown<std::runtime_error>(call,
-                                                           [](const std::runtime_error& e) { return std::string(e.what()); });
-    };
+    const auto message = [](auto call) { return vfs_test::whatOf<std::runtime_error>(call); };
     EXPECT_EQ(message([&] { vfs::invalidateFolder(folder); }), "StorageSystem has been destroyed");
     EXPECT_EQ(message([&] { vfs::extensions::flushFilesystem(AbsoluteIRI(u"mem://v/"), ref); }),
               "StorageSystem has been destroyed");

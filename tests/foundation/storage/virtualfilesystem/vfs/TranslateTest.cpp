@@ -27,7 +27,6 @@ namespace {
 
 namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
 using provider::ExceptionContext;
 using provider::StorageIRI;
 using vfs::AbsoluteIRI;
