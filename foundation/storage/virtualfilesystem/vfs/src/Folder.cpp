@@ -210,7 +210,7 @@ void Folder::moveFolder(const Folder& destination, const provider::ReplacementPo
             detail::translateProviderException();
         }
     }
-    copyFolder(destination, policy);
+    detail::copyTree(*this, destination, policy, TreeProgressObserver(), true);
     detail::removeMovedTree(*this, destination);
 }
 

@@ -20,8 +20,9 @@ bool isNotFound(const Exception& error) noexcept { return error.getErrorCode() =
 
 } // namespace
 
-FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer)
-    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_observer(std::move(observer))
+FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer,
+                                     bool forMove)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_observer(std::move(observer))
 {
 }
 
@@ -92,7 +93,11 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
             return FolderVisitResult::Stop; // abandoned part way: the provider left no target
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
-        if (m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied)
+        const bool sourceVanished = code == ErrorCode::ResourceNotFound && error.getLocation() == source.getLocation();
+        const bool collected = m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied;
+        if (m_forMove && !sourceVanished && !collected)
+            throw;
+        if (collected)
             m_collected.push_back(error);
         else if (code == ErrorCode::ResourceNotFound && !(error.getLocation() == source.getLocation()))
             // Not the source: a target folder has gone from under the copy.
@@ -169,29 +174,16 @@ FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
     return folder == m_root ? FolderVisitResult::Continue : answer; // nothing is left to stop
 }
 
-bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer)
-{
-    EntryDeletionVisitor visitor(root, observer);
-    return walkFolder(root, visitor) != FolderVisitResult::Stop;
-}
-
-} // namespace detail
-
-void Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const
-{
-    copyFolder(destination, policy, TreeProgressObserver());
-}
-
-bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
-                        const TreeProgressObserver& observer) const
+bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
+              const TreeProgressObserver& observer, bool forMove)
 {
     // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
     const AbsoluteIRI target = destination.getLocation();
-    const AbsoluteIRI source = getLocation();
-    if ((source == target || source.isAncestorOf(target)) && folderExists())
+    const AbsoluteIRI from = source.getLocation();
+    if ((from == target || from.isAncestorOf(target)) && source.folderExists())
         boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
-    detail::FolderCopyVisitor visitor(destination, policy, observer);
-    walkFolder(*this, visitor);
+    FolderCopyVisitor visitor(destination, policy, observer, forMove);
+    walkFolder(source, visitor);
     if (visitor.stopped() && !destination.folderExists())
         return false; // stopped before the first folder was made
     Folder(destination).flushFilesystem();
@@ -211,6 +203,25 @@ bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
     Exception summary(first.getErrorCode(), first.getLocation());
     summary.withExceptionContexts(std::move(kept));
     boost::throw_exception(boost::enable_error_info(summary) << CollectedCopyFailures(visitor.collected()));
+}
+
+bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer)
+{
+    EntryDeletionVisitor visitor(root, observer);
+    return walkFolder(root, visitor) != FolderVisitResult::Stop;
+}
+
+} // namespace detail
+
+void Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const
+{
+    copyFolder(destination, policy, TreeProgressObserver());
+}
+
+bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                        const TreeProgressObserver& observer) const
+{
+    return detail::copyTree(*this, destination, policy, observer, false);
 }
 
 void Folder::copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const

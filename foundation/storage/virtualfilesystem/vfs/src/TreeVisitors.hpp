@@ -14,8 +14,11 @@ namespace foundation::storage::vfs::detail {
 // follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
 class FolderCopyVisitor : public FolderVisitor {
 public:
-    // `observer` may be empty.
-    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer);
+    // `observer` may be empty. `forMove`: the source goes once copied, so a file that could not be
+    // copied fails the copy unless it has itself vanished or is collected (a plain copy passes over
+    // InvalidLocation failures).
+    FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer,
+                      bool forMove);
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
@@ -32,6 +35,7 @@ private:
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
     provider::ReplacementPolicy m_policy;
+    bool m_forMove;
     std::vector<Exception> m_collected;
     TreeProgressObserver m_observer;
     TreeProgress m_progress;
@@ -56,6 +60,10 @@ private:
     TreeProgressObserver m_observer;
     TreeProgress m_progress;
 };
+
+// Folder::copyFolder, and the copy half of a move done by copying (`forMove`, see FolderCopyVisitor).
+bool copyTree(const Folder& source, const Folder& destination, provider::ReplacementPolicy policy,
+              const TreeProgressObserver& observer, bool forMove);
 
 // False when the observer stopped the removal.
 bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer);
