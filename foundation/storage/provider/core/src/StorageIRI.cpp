@@ -218,8 +218,12 @@ int hexValue(char16_t c) noexcept
 ustring offsetText(std::size_t offset) { return fl::i18n::utf8_to_ustring(std::to_string(offset)); }
 
 // Decodes every escape of `raw` (valid UTF-16) into `out`; runs of escapes must form well-formed
-// UTF-8. `offset` is raw's position in the whole text, for the reason.
-bool decode(std::u16string_view raw, std::size_t offset, ustring& out, ustring& reason)
+// UTF-8. `offset` is raw's position in the whole text, for the reason. A path is stored decoded, so
+// in a path an escaped '/' would turn into a separator and name something other than what was
+// written; no storage allows '/' inside a name, so it is refused there.
+enum class Escapes { Anything, NoSlash };
+bool decode(std::u16string_view raw, std::size_t offset, ustring& out, ustring& reason,
+            Escapes allowed = Escapes::Anything)
 {
     out.reserve(raw.size());
     std::string bytes;
@@ -235,6 +239,10 @@ bool decode(std::u16string_view raw, std::size_t offset, ustring& out, ustring& 
             const int low = i + 2 < raw.size() ? hexValue(raw[i + 2]) : -1;
             if (high < 0 || low < 0) {
                 reason = u"'%' not followed by two hex digits at offset " + offsetText(offset + i);
+                return false;
+            }
+            if (high * 16 + low == '/' && allowed == Escapes::NoSlash) {
+                reason = u"an escaped '/' at offset " + offsetText(offset + i) + u" cannot be part of a name";
                 return false;
             }
             bytes.push_back(static_cast<char>(high * 16 + low));
@@ -467,7 +475,7 @@ DataPtr parse(std::u16string_view text, std::size_t offset, ustring& reason)
         }
         ustring authority;
         ustring decodedPath;
-        if (!decode(rawAuthority, restOffset + 2, authority, reason) || !decode(rawPath, pathOffset, decodedPath, reason))
+        if (!decode(rawAuthority, restOffset + 2, authority, reason) || !decode(rawPath, pathOffset, decodedPath, reason, Escapes::NoSlash))
             return nullptr;
         if (scheme == u"file" && equalsIgnoringCase(authority, u"localhost"))
             authority.clear();
@@ -488,7 +496,7 @@ DataPtr parse(std::u16string_view text, std::size_t offset, ustring& reason)
             return nullptr;
         }
         ustring decodedPath;
-        if (!decode(rest.substr(separator + 1), restOffset + separator + 1, decodedPath, reason))
+        if (!decode(rest.substr(separator + 1), restOffset + separator + 1, decodedPath, reason, Escapes::NoSlash))
             return nullptr;
         return build(scheme, false, {}, std::move(inner), true, normalisePath(decodedPath), {});
     }

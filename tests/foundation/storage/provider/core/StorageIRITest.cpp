@@ -206,6 +206,8 @@ constexpr RejectCase rejectCases[] = {
     {u"file:///%80", u"not well-formed UTF-8"},
     {u"zip:nonsense!/x", u"malformed inner IRI: no scheme"},
     {u"zip:file:///%ZZ!/x", u"malformed inner IRI: '%' not followed by two hex digits at offset 12"},
+    {u"file:///a%2F..%2Fb", u"an escaped '/' at offset 9 cannot be part of a name"},
+    {u"zip:file:///a.zip!/x%2fy", u"an escaped '/' at offset 20 cannot be part of a name"},
     {u"a:b:c!/d!/e", u"malformed inner IRI: malformed inner IRI: no scheme"},
     {u"zip:mem://vol!/x", u"has no path"},
 };
@@ -235,8 +237,7 @@ TEST(StorageIRI, LoneSurrogatesAreRejectedAnywhere)
 TEST(StorageIRI, EqualityHashAndOrderFollowTheNormalisedText)
 {
     const std::vector<std::vector<std::u16string_view>> groups = {
-        {u"file:///a/b", u"FILE:///a/b", u"File://localhost/a/b", u"file:/a/./b/", u"file:///%61/b", u"file:///a%2Fb",
-         u"file:////a//b//"},
+        {u"file:///a/b", u"FILE:///a/b", u"File://localhost/a/b", u"file:/a/./b/", u"file:///%61/b", u"file:////a//b//"},
         {u"file:///A/b"},
         {u"mem://v/a/b", u"MEM://v/a/x/../b"},
         {u"mem://V/a/b"},
@@ -546,7 +547,7 @@ TEST(StorageIRI, PathViewWalksDecodedSegments)
     };
     foundation::storage::provider::PathView view;
     {
-        const StorageIRI iri(u"file:///a/b%2Fc%20d/\u00E9");
+        const StorageIRI iri(u"file:///a/b/c%20d/\u00E9");
         view = iri.getPathView();
     }
     EXPECT_EQ(view.path(), u"/a/b/c d/\u00E9");

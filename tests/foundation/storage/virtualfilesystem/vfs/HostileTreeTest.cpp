@@ -25,7 +25,7 @@ using vfs::ErrorCode;
 using vfs::File;
 using vfs::Folder;
 
-TEST(HostileTreeTest, EncodedDotSegmentsNeverClimbAboveTheRoot)
+TEST(HostileTreeTest, EncodedDotsNeverClimbAboveTheRootAndEncodedSlashesAreRefused)
 {
     struct Case {
         const char16_t* text;
@@ -37,6 +37,11 @@ TEST(HostileTreeTest, EncodedDotSegmentsNeverClimbAboveTheRoot)
         SCOPED_TRACE(fl::i18n::ustring_to_utf8(c.text));
         const AbsoluteIRI location(c.text);
         EXPECT_EQ(location.toString(), c.expected);
+    }
+    // An escaped separator would make one name into two (and "..%2F.." into a climb): refused.
+    for (const char16_t* text : {u"mem://v/a%2F..%2F..%2Fx", u"file:///tmp/%2f..%2fetc"}) {
+        SCOPED_TRACE(fl::i18n::ustring_to_utf8(text));
+        EXPECT_THROW(AbsoluteIRI{ustring(text)}, vfs::InvalidIRIException);
     }
 }
 
