@@ -224,7 +224,11 @@ TEST(EventMgrTest, DisconnectWaitsForRunningCallbacksAndIsSafeFromInsideThem)
             manager.reset(); // the last owner goes on the dispatcher thread
         });
     }
-    manager->publish(boost::make_shared<Ping>(1), static_cast<std::uint32_t>(DeliveryOption::Queued));
+    {
+        // Held so that the callback cannot destroy the manager before publish() has returned.
+        std::lock_guard lock(selfMutex);
+        manager->publish(boost::make_shared<Ping>(1), static_cast<std::uint32_t>(DeliveryOption::Queued));
+    }
     ASSERT_TRUE(reaches(selfCalls, 1));
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < deadline) {

@@ -237,7 +237,7 @@ bool EntryInspector::take(Batch& batch, int folder, const char* raw, unsigned ch
         return enter;
     }
     if (!m_writeAccess)
-        m_writeAccess.emplace(folder, nullptr);
+        m_writeAccess.emplace(folder);
     const bool writable = m_writeAccess->allows(info);
     const std::u16string_view name = batch.pendingName();
     const std::u16string_view bare = name.substr(name.rfind(u'/') + 1);

@@ -222,7 +222,7 @@ public:
         const struct stat info = followedStat(path, location, symlink);
         if (S_ISDIR(info.st_mode))
             failKind(location, u"not-a-file");
-        const bool writable = detail::WriteAccess(AT_FDCWD, path.c_str()).allows(info);
+        const bool writable = detail::WriteAccess(path.c_str(), info.st_dev).allows(info);
         return detail::fileAttributes(info, writable, symlink, location.getName());
     }
 
@@ -233,7 +233,7 @@ public:
         const struct stat info = followedStat(path, location, symlink);
         if (!S_ISDIR(info.st_mode))
             failKind(location, u"not-a-folder");
-        const bool writable = detail::WriteAccess(AT_FDCWD, path.c_str()).allows(info);
+        const bool writable = detail::WriteAccess(path.c_str(), info.st_dev).allows(info);
         return detail::folderAttributes(info, writable, symlink, location.getName());
     }
 

@@ -7,8 +7,11 @@
 #include <boost/throw_exception.hpp>
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -124,20 +127,76 @@ struct timespec toTimespec(const boost::posix_time::ptime& time, const StorageIR
     return result;
 }
 
-WriteAccess::WriteAccess(int folder, const char* path) noexcept : m_uid(::geteuid()), m_gid(::getegid())
+namespace {
+
+// Remembered read-only flags of recently asked mounts, by device.
+class MountFlags {
+public:
+    bool readOnly(const char* path, dev_t device) noexcept
+    {
+        const auto now = std::chrono::steady_clock::now();
+        {
+            std::lock_guard lock(m_mutex);
+            for (const Entry& entry : m_entries)
+                if (entry.device == device && now - entry.asked < freshFor)
+                    return entry.readOnly;
+        }
+        struct statvfs mount {};
+        if (::statvfs(path, &mount) != 0)
+            return false; // the caller's own call on the path reports what is wrong with it
+        const bool readOnly = (mount.f_flag & ST_RDONLY) != 0;
+        std::lock_guard lock(m_mutex);
+        Entry& slot = *std::min_element(m_entries.begin(), m_entries.end(), [device](const Entry& a, const Entry& b) {
+            // The device's own slot first, then the oldest.
+            return (a.device == device) != (b.device == device) ? a.device == device : a.asked < b.asked;
+        });
+        slot = Entry{device, readOnly, now};
+        return readOnly;
+    }
+
+private:
+    static constexpr std::chrono::seconds freshFor{1};
+    struct Entry {
+        dev_t device = 0;
+        bool readOnly = false;
+        std::chrono::steady_clock::time_point asked{};
+    };
+    std::mutex m_mutex;
+    std::array<Entry, 8> m_entries{};
+};
+
+} // namespace
+
+WriteAccess::WriteAccess() noexcept : m_uid(::geteuid()), m_gid(::getegid()) {}
+
+WriteAccess::WriteAccess(int folder) noexcept : WriteAccess()
 {
     struct statvfs mount {};
-    if ((folder == AT_FDCWD ? ::statvfs(path, &mount) : ::fstatvfs(folder, &mount)) == 0)
+    if (::fstatvfs(folder, &mount) == 0)
         m_readOnlyMount = (mount.f_flag & ST_RDONLY) != 0;
-    try {
-        const int count = ::getgroups(0, nullptr);
-        if (count > 0) {
-            m_groups.resize(static_cast<std::size_t>(count));
-            m_groups.resize(static_cast<std::size_t>(std::max(0, ::getgroups(count, m_groups.data()))));
+}
+
+WriteAccess::WriteAccess(const char* path, dev_t device) noexcept : WriteAccess()
+{
+    static MountFlags flags;
+    m_readOnlyMount = flags.readOnly(path, device);
+}
+
+bool WriteAccess::inGroups(gid_t group) const noexcept
+{
+    if (!m_groups) {
+        try {
+            m_groups.emplace();
+            const int count = ::getgroups(0, nullptr);
+            if (count > 0) {
+                m_groups->resize(static_cast<std::size_t>(count));
+                m_groups->resize(static_cast<std::size_t>(std::max(0, ::getgroups(count, m_groups->data()))));
+            }
+        } catch (const std::bad_alloc&) {
+            m_groups->clear(); // judged by the primary group alone
         }
-    } catch (const std::bad_alloc&) {
-        m_groups.clear(); // judged by the primary group alone
     }
+    return std::find(m_groups->begin(), m_groups->end(), group) != m_groups->end();
 }
 
 bool WriteAccess::allows(const struct stat& info) const noexcept
@@ -148,7 +207,7 @@ bool WriteAccess::allows(const struct stat& info) const noexcept
         return true;
     if (info.st_uid == m_uid)
         return (info.st_mode & S_IWUSR) != 0;
-    if (info.st_gid == m_gid || std::find(m_groups.begin(), m_groups.end(), info.st_gid) != m_groups.end())
+    if (info.st_gid == m_gid || inGroups(info.st_gid))
         return (info.st_mode & S_IWGRP) != 0;
     return (info.st_mode & S_IWOTH) != 0;
 }

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -112,17 +113,25 @@ inline bool newer(const struct timespec& a, const struct timespec& b) noexcept
 // does (the owner's bits for the owner, else the group's for a member, else the others'), on a mount
 // that is not read-only. The mode counts even for root, who may write anything: a file made
 // read-only is reported so. Access control lists are not consulted. The credentials and the mount's
-// flags are read once, so that a listing judges thousands of entries without a system call each.
+// flags are read once, and the supplementary groups only when an entry's group needs them, so that
+// a listing judges thousands of entries without a system call each. Not synchronised.
 class WriteAccess {
 public:
-    // For entries of the folder open as `folder`, or (AT_FDCWD) of the file system holding `path`.
-    WriteAccess(int folder, const char* path) noexcept;
+    // For entries of the folder open as `folder`.
+    explicit WriteAccess(int folder) noexcept;
+    // For the one entry at `path`, whose stat gave `device`. A mount's read-only flag is remembered
+    // per device for a second, so that attribute queries one path at a time cost a single stat;
+    // a remount is seen at the latest a second later (a write then fails as the mount demands).
+    WriteAccess(const char* path, dev_t device) noexcept;
     bool allows(const struct stat& info) const noexcept;
 
 private:
+    WriteAccess() noexcept;
+    bool inGroups(gid_t group) const noexcept;
+
     uid_t m_uid;
     gid_t m_gid;
-    std::vector<gid_t> m_groups;
+    mutable std::optional<std::vector<gid_t>> m_groups;
     bool m_readOnlyMount = false;
 };
 

@@ -274,7 +274,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
     if (existing) {
         info = openedStat(existing.get(), location);
         // The rename would replace a file that its mode protects; refuse as opening it would.
-        if (!WriteAccess(AT_FDCWD, path.c_str()).allows(info))
+        if (!WriteAccess(path.c_str(), info.st_dev).allows(info))
             fail(EACCES, "open", location);
     }
 

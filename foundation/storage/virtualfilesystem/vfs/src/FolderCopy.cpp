@@ -78,7 +78,8 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
         return report();
     }
     try {
-        // Not synced file by file: copyFolder flushes the destination once, at the end.
+        // Not synced file by file: a move flushes the destination once, at the end, before the
+        // source goes; a plain copy is left to the caller's flushFilesystem(), as cp leaves it.
         provider::CopyFileOptions options;
         options.replacementPolicy = m_policy;
         options.durable = false;
@@ -186,7 +187,8 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
     walkFolder(source, visitor);
     if (visitor.stopped() && !destination.folderExists())
         return false; // stopped before the first folder was made
-    Folder(destination).flushFilesystem();
+    if (forMove)
+        Folder(destination).flushFilesystem(); // the source is removed next: the copy must outlive a crash
     if (visitor.stopped())
         return false;
     if (visitor.collected().empty())

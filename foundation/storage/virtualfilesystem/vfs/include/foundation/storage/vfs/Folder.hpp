@@ -147,7 +147,9 @@ public:
     // the other policies they are left as they are. Each copied folder keeps its source's
     // modification time. A destination inside this folder (or this folder itself) is refused with
     // InvalidLocation before anything is copied; a link inside the tree that leads back above the
-    // copy fails with InvalidLocation and the context "circular_symlink". Nothing is rolled back.
+    // copy fails with InvalidLocation and the context "circular_symlink". Nothing is rolled back. The
+    // copy is not synced to the disk (flushFilesystem() on the destination does that); a move that
+    // falls back to copying syncs it before removing the source.
     void copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const;
     // As above, telling `observer` how far the copy has got; false when the observer stopped it (the
     // part copied stays, without the folders' modification times, and permission failures collected
