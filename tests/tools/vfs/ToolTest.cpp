@@ -28,8 +28,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string slurp(const fs::path& path);
-
 struct Outcome {
     int exitCode = -1;
     std::string out;

@@ -128,25 +128,6 @@ TEST_P(FileAndFolderConformance, FailuresReportCodeAndLocationAndLeaveTheTreeAlo
     EXPECT_EQ(tree(), before);
 }
 
-TEST_P(FileAndFolderConformance, RemoveFolderRecursivelyRemovesTheWholeSubtreeAndNothingElse)
-{
-    if (!hasFeature(ExtendedFeature::RecursiveRemoval))
-        GTEST_SKIP() << "no native recursive removal";
-    makeFile(u"doomed/a.txt", 3);
-    makeFile(u"doomed/deeper/b.txt", 1);
-    makeFolder(u"doomed/deeper/empty/still-empty");
-    makeFile(u"doomed-sibling/c.txt", 2);
-    makeFile(u"doomed.txt", 1);
-    makeFolder(u"lonely");
-
-    provider->removeFolderRecursively(below(u"doomed"));
-    provider->removeFolderRecursively(below(u"lonely"));
-    EXPECT_EQ(provider->exists(below(u"doomed")), ExistenceType::NotFound);
-    const std::map<ustring, std::optional<std::uint64_t>> expected = {
-        {u"doomed-sibling", std::nullopt}, {u"doomed-sibling/c.txt", 2}, {u"doomed.txt", 1}};
-    EXPECT_EQ(tree(), expected);
-}
-
 TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
 {
     const StorageIRI file = makeFile(u"folder/file.txt", 1);

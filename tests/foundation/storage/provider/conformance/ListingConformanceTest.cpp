@@ -101,39 +101,6 @@ TEST_P(ListingConformance, EachKindListsExactlyTheChildrenOfThatKindWithAttribut
     }
 }
 
-TEST_P(ListingConformance, PatternsSelectNamesWhenTheProviderFiltersThem)
-{
-    if (!hasFeature(ExtendedFeature::FlatWildcardListing))
-        GTEST_SKIP() << "no native wildcard listing";
-    makeFlatTree();
-    struct Case {
-        const char16_t* pattern;
-        ListKind kind;
-        std::set<std::string> expected;
-    };
-    const Case cases[] = {
-        {u"*", ListKind::All, {".hidden", "a.txt", "b.log", "empty/", "sub/"}},
-        {u"*.txt", ListKind::All, {"a.txt"}},
-        {u"?.log", ListKind::All, {"b.log"}},
-        {u"*e*", ListKind::All, {".hidden", "empty/"}},
-        {u"*e*", ListKind::Files, {".hidden"}},
-        {u"*e*", ListKind::Folders, {"empty/"}},
-        {u"s*", ListKind::Files, {}},
-        {u"A.TXT", ListKind::All, {}}, // no case folding
-        {u"x.txt", ListKind::All, {}}, // children only
-        {u"?", ListKind::All, {}},
-    };
-    for (const Case& c : cases) {
-        for (const bool withAttributes : {false, true}) {
-            SCOPED_TRACE(fl::i18n::ustring_to_utf8(c.pattern) + " " + kindName(c.kind) + (withAttributes ? " +attributes" : ""));
-            const auto entries = listed(root, options(c.kind, withAttributes, c.pattern));
-            EXPECT_EQ(sorted(namesOf(entries)), c.expected);
-            for (const auto& entry : entries)
-                EXPECT_EQ(entry.getFileAttributes().has_value() || entry.getFolderAttributes().has_value(), withAttributes);
-        }
-    }
-}
-
 TEST_P(ListingConformance, ACloneContinuesFromWhereItWasMadeIndependently)
 {
     for (int i = 0; i < 20; ++i) {

@@ -51,6 +51,8 @@ TEST(DefaultStorageSystemTest, ServesLocalDiskAndMemory)
     EXPECT_NE(local, memory);
     EXPECT_EQ(Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"FILE://localhost/tmp"})), local);
     EXPECT_EQ(Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"mem://b/x"})), memory);
+    // Another system has memory volumes of its own, even of the same names.
+    EXPECT_NE(Access::buildProvider(*std::make_shared<DefaultStorageSystem>(), storageIRI(AbsoluteIRI{u"mem://a/"})), memory);
 }
 
 TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
@@ -69,16 +71,6 @@ TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
                 EXPECT_NE(dynamic_cast<const foundation::core::except::IInternalException*>(&error), nullptr);
             });
     }
-}
-
-TEST(DefaultStorageSystemTest, EachInstanceHasItsOwnMemoryVolumes)
-{
-    auto first = std::make_shared<DefaultStorageSystem>();
-    auto second = std::make_shared<DefaultStorageSystem>();
-    const auto volume = storageIRI(AbsoluteIRI{u"mem://shared-name/"});
-    const auto firstMemory = Access::buildProvider(*first, volume);
-    EXPECT_NE(firstMemory, Access::buildProvider(*second, volume));
-    EXPECT_EQ(firstMemory, Access::buildProvider(*first, volume));
 }
 
 // Records every decoration and hands out providers that inject faults and count calls.

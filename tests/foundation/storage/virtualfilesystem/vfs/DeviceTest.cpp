@@ -9,6 +9,7 @@
 #include <DecoratedStorage.hpp>
 #include <ExceptionCapture.hpp>
 #include <RecordingListener.hpp>
+#include <WholeFile.hpp>
 
 #include <boost/property_tree/ptree.hpp>
 
@@ -34,17 +35,6 @@ using vfs_test::WorkingFolder;
 using std::ios_base;
 
 const ByteStreamOpenOptions readWrite{ByteStreamAccess::ReadWrite, ByteStreamCreation::CreateIfMissing, 1, 1};
-
-std::string contentOf(const File& file)
-{
-    vfs::IODevice device(file);
-    std::string content;
-    char chunk[4096];
-    for (std::streamsize got; (got = device.read(chunk, sizeof chunk)) > 0;)
-        content.append(chunk, static_cast<std::size_t>(got));
-    device.close();
-    return content;
-}
 
 void write(const File& file, const std::string& content)
 {
@@ -142,7 +132,7 @@ TEST_P(DeviceTest, AFaultInTheMiddleOfAStreamArrivesAsTheOperationsIOException)
         device.close();
     }
     // Reads, seeks and closes that failed changed nothing; the two writes that went through did.
-    EXPECT_EQ(contentOf(file).size(), 1000u);
+    EXPECT_EQ(vfs_test::readWhole(file).size(), 1000u);
 }
 
 TEST_P(DeviceTest, MisuseFailsClearly)
@@ -180,7 +170,7 @@ TEST_P(DeviceTest, MisuseFailsClearly)
     transaction.close(StreamClosePolicy::Discard);
     EXPECT_EQ(vfs_test::whatOf<std::logic_error>([&] { transaction.close(StreamClosePolicy::Commit); }),
               "Cannot operate on a closed TransactionalIODevice.");
-    EXPECT_EQ(contentOf(file), "abc");
+    EXPECT_EQ(vfs_test::readWhole(file), "abc");
 }
 
 TEST_P(DeviceTest, TransactionalDeviceReplacesTheContentWholeOnCommitOnly)
@@ -190,13 +180,13 @@ TEST_P(DeviceTest, TransactionalDeviceReplacesTheContentWholeOnCommitOnly)
         vfs::TransactionalIODevice dropped(file, ByteStreamAccess::Write);
         dropped.write("new", 3);
     }
-    EXPECT_EQ(contentOf(file), "old");
+    EXPECT_EQ(vfs_test::readWhole(file), "old");
     vfs::TransactionalIODevice device(file, ByteStreamAccess::ReadWrite);
     device.write("new content", 11);
     EXPECT_EQ(device.tell(), std::streampos(11));
-    EXPECT_EQ(contentOf(file), "old");
+    EXPECT_EQ(vfs_test::readWhole(file), "old");
     device.close(StreamClosePolicy::Commit);
-    EXPECT_EQ(contentOf(file), "new content");
+    EXPECT_EQ(vfs_test::readWhole(file), "new content");
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, DeviceTest, testing::Values("file", "mem"));
@@ -251,7 +241,7 @@ TEST(TransactionalDeviceTest, AFullOrReadOnlyMemoryVolumeKeepsThePreviousContent
                                                    });
     EXPECT_TRUE(device.is_open()) << "a failed commit leaves the device open";
     device.close(StreamClosePolicy::Discard);
-    EXPECT_EQ(contentOf(file), std::string(100, 'o'));
+    EXPECT_EQ(vfs_test::readWhole(file), std::string(100, 'o'));
 }
 
 } // namespace

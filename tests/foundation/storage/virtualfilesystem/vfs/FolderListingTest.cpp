@@ -24,7 +24,6 @@ namespace vfs = foundation::storage::vfs;
 namespace provider = foundation::storage::provider;
 using fl::i18n::ustring;
 using provider::ListKind;
-using provider::decorators::FaultInjectingProvider;
 using provider::decorators::ProviderOperation;
 using vfs::ErrorCode;
 using vfs::File;
@@ -270,21 +269,6 @@ TEST_P(FolderListingTest, AFolderThatCannotBeListedFailsInTheListCall)
         EXPECT_EQ(codeOf([&] { folder.listFolders(u""); }), ErrorCode::ResourceNotFound);
         EXPECT_EQ(codeOf([&] { folder.listFolderEntries(u"x?"); }), ErrorCode::ResourceNotFound);
     }
-
-    layers().faults->addFault({ProviderOperation::List, std::nullopt, provider::ErrorCode::PermissionDenied,
-                               FaultInjectingProvider::Trigger::Once});
-    vfs_test::inspectThrown<vfs::Exception>(
-        [&] { work.root().listFileEntries(u""); },
-        [&](const vfs::Exception& error) {
-            EXPECT_EQ(error.getErrorCode(), ErrorCode::PermissionDenied);
-            EXPECT_EQ(error.getLocation(), work.root().getLocation());
-        });
-    EXPECT_EQ(namesOf(work.root().listFiles(u"")), (Names{u"a.txt", u"b.txt"}));
-
-    // The feature query is a provider call like any other.
-    layers().faults->addFault({ProviderOperation::HasFeature, std::nullopt, provider::ErrorCode::IOError,
-                               FaultInjectingProvider::Trigger::Once});
-    EXPECT_EQ(codeOf([&] { work.root().listFiles(u"*.txt"); }), ErrorCode::IOError);
 }
 
 } // namespace

@@ -130,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(Branches, RecursiveRemovalTest,
 
 TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
 {
-    build(work, {u"tree/f1", u"tree/b/f2", u"tree/b/c/", u"tree/d/e/f3", u"tree.keep/f", u"keep/g"});
+    build(work, {u"tree/f1", u"tree/b/f2", u"tree/b/c/", u"tree/d/e/f3", u"tree.keep/f", u"tree.txt", u"keep/g"});
     const auto& calls = storage.layers(scheme()).calls;
     calls->reset();
 
@@ -145,7 +145,7 @@ TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
         EXPECT_EQ(calls->count(ProviderOperation::RemoveFolder), 5u);
     }
     EXPECT_FALSE(work.folder(u"tree").folderExists());
-    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"keep/", u"keep/g", u"tree.keep/", u"tree.keep/f"}));
+    EXPECT_EQ(treeOf(work.root()), (std::vector<ustring>{u"keep/", u"keep/g", u"tree.keep/", u"tree.keep/f", u"tree.txt"}));
 
     // A root that is not there is an error in either branch; an empty one just goes.
     EXPECT_EQ(codeOf([&] { work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive); }),
@@ -153,55 +153,6 @@ TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
     build(work, {u"empty/"});
     work.folder(u"empty").removeFolder(FolderRemovalPolicy::Recursive);
     EXPECT_FALSE(work.folder(u"empty").folderExists());
-}
-
-TEST(LibraryRemovalTest, RemovesLinksWithoutFollowingThem)
-{
-    vfs_test::DecoratedStorage storage({ExtendedFeature::RecursiveRemoval});
-    const WorkingFolder work("file", storage.ref);
-    const auto& dir = *work.localDir();
-    dir.writeFile("outside/precious.txt", "keep me");
-    dir.writeFile("tree/sub/f", "x");
-    std::filesystem::create_directory_symlink(dir / "outside", dir / "tree/linkToFolder");
-    std::filesystem::create_directory_symlink(dir / "outside", dir / "tree/sub/linkToFolder");
-    std::filesystem::create_symlink(dir / "outside/precious.txt", dir / "tree/linkToFile");
-    std::filesystem::create_symlink(dir / "nowhere", dir / "tree/broken");
-
-    work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
-
-    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(dir / "tree")));
-    EXPECT_TRUE(std::filesystem::is_regular_file(dir / "outside/precious.txt"));
-    EXPECT_EQ(std::filesystem::file_size(dir / "outside/precious.txt"), 7u);
-}
-
-// Removes the file itself before reporting it missing: what another process removing it first looks
-// like to the library.
-class VanishingProvider : public provider::decorators::ProviderDecorator {
-public:
-    VanishingProvider(std::shared_ptr<provider::IProvider> wrapped, std::u16string_view name)
-        : ProviderDecorator(std::move(wrapped)), m_name(name)
-    {
-    }
-    void removeFile(const provider::StorageIRI& location) const override
-    {
-        ProviderDecorator::removeFile(location);
-        if (location.getName() == m_name)
-            provider::throwProviderError(provider::ErrorCode::ResourceNotFound, location);
-    }
-
-private:
-    ustring m_name;
-};
-
-TEST(LibraryRemovalTest, FilesVanishingMeanwhileCountAsRemoved)
-{
-    vfs_test::DecoratedStorage storage({ExtendedFeature::RecursiveRemoval}, [](auto inner) {
-        return std::make_shared<VanishingProvider>(std::move(inner), u"gone");
-    });
-    const WorkingFolder work("mem", storage.ref);
-    build(work, {u"tree/gone", u"tree/sub/gone", u"tree/sub/stays"});
-    work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
-    EXPECT_FALSE(work.folder(u"tree").folderExists());
 }
 
 // One row of a failure table for file and folder handles: the injected fault, the call and what must
@@ -245,41 +196,18 @@ TEST_P(HandleFaultTest, FailsWithTheTranslatedCodeAndLeavesTheStorageAsDescribed
 const std::vector<ustring> untouched{u"a/", u"a/b/", u"a/b/f2", u"a/b/f3", u"a/f1"};
 const std::set<ExtendedFeature> noNativeRemoval{ExtendedFeature::RecursiveRemoval};
 const auto removeA = [](const WorkingFolder& w) { w.folder(u"a").removeFolder(FolderRemovalPolicy::Recursive); };
-const auto moveAToC = [](const WorkingFolder& w) { w.folder(u"a").moveFolder(w.folder(u"c"), ReplacementPolicy::FailIfExists); };
 
 const std::vector<FaultCase> handleFaults{
-    {"FileCreateNoSpace", {}, ProviderOperation::CreateFile, std::nullopt, provider::ErrorCode::NoSpaceLeft,
-     ErrorCode::NoSpaceLeft, [](const auto& w) { w.file(u"new").createFile(); }, untouched},
-    {"FileRemoveReadOnly", {}, ProviderOperation::RemoveFile, std::nullopt, provider::ErrorCode::ReadOnlyProvider,
-     ErrorCode::ReadOnlyProvider, [](const auto& w) { w.file(u"a/f1").removeFile(); }, untouched},
-    {"FileTruncateInUse", {}, ProviderOperation::TruncateToSize, std::nullopt, provider::ErrorCode::ResourceInUse,
-     ErrorCode::ResourceInUse, [](const auto& w) { w.file(u"a/f1").truncateToSize(9); }, untouched,
-     [](const auto& w) { EXPECT_EQ(w.file(u"a/f1").getAttributes().getSize(), 4u); }},
-    {"FileCopyIOError", {}, ProviderOperation::CopyFile, std::nullopt, provider::ErrorCode::IOError, ErrorCode::IOError,
-     [](const auto& w) { w.file(u"a/f1").copyFile(w.file(u"c"), ReplacementPolicy::Replace); }, untouched},
     // The content is copied; only taking over the time fails, and nothing is undone.
     {"FileCopyTimeFails", {}, ProviderOperation::SetLastModified, std::nullopt, provider::ErrorCode::InternalError,
      ErrorCode::InternalError, [](const auto& w) { w.file(u"a/f1").copyFile(w.file(u"c"), ReplacementPolicy::Replace); },
      {u"a/", u"a/b/", u"a/b/f2", u"a/b/f3", u"a/f1", u"c"},
      [](const auto& w) { EXPECT_NE(w.file(u"c").getAttributes().getLastModified(), older); }},
-    {"FileMoveUnknown", {}, ProviderOperation::MoveFile, std::nullopt, provider::ErrorCode::Unknown, ErrorCode::Unknown,
-     [](const auto& w) { w.file(u"a/f1").moveFile(w.file(u"b"), ReplacementPolicy::Replace); }, untouched},
-    {"CreateNoSpace", {}, ProviderOperation::CreateFolder, std::nullopt, provider::ErrorCode::NoSpaceLeft,
-     ErrorCode::NoSpaceLeft, [](const auto& w) { w.folder(u"new").createFolder(); }, untouched},
-    {"ExistsDenied", {}, ProviderOperation::FolderExists, std::nullopt, provider::ErrorCode::PermissionDenied,
-     ErrorCode::PermissionDenied, [](const auto& w) { w.folder(u"a").folderExists(); }, untouched},
-    // The feature query is translated like any other call.
-    {"FeatureQueryFails", {}, ProviderOperation::HasFeature, std::nullopt, provider::ErrorCode::IOError,
-     ErrorCode::IOError, removeA, untouched},
-    {"NativeRemovalReadOnly", {}, ProviderOperation::RemoveFolderRecursively, std::nullopt,
-     provider::ErrorCode::ReadOnlyProvider, ErrorCode::ReadOnlyProvider, removeA, untouched},
     // The library's removal stops at the first failure and undoes nothing.
     {"LibraryRemovalStopsAtADeniedFile", noNativeRemoval, ProviderOperation::RemoveFile, u"a/b/f3",
      provider::ErrorCode::PermissionDenied, ErrorCode::PermissionDenied, removeA, {u"a/", u"a/b/", u"a/b/f3", u"a/f1"}},
     {"LibraryRemovalStopsAtAnUnlistableFolder", noNativeRemoval, ProviderOperation::List, u"a/b",
      provider::ErrorCode::IOError, ErrorCode::IOError, removeA, untouched},
-    {"MoveFailsWithoutFallback", {}, ProviderOperation::MoveFolder, std::nullopt, provider::ErrorCode::IOError,
-     ErrorCode::IOError, moveAToC, untouched},
     // A provider that cannot move falls back to copy and delete; the fallback refuses a target inside
     // the source before copying anything.
     {"FallbackRefusesATargetInsideTheSource", {}, ProviderOperation::MoveFolder, std::nullopt,
@@ -490,13 +418,6 @@ TEST(CanonicalHandleTest, ACanonicalHandleNeverAsksTheProviderButItsChildAndPare
     EXPECT_EQ(File(trusted, u"file.txt").getCanonicalLocation(), AbsoluteIRI(real, u"file.txt"));
     EXPECT_EQ(calls->count(ProviderOperation::GetCanonicalLocation), 1u);
     EXPECT_EQ(codeOf([&] { work.file(u"missing").getCanonicalLocation(); }), ErrorCode::ResourceNotFound);
-}
-
-TEST(FolderRemovalPolicyTest, PrintsItsValuesAndNothingForOthers)
-{
-    std::ostringstream out;
-    out << FolderRemovalPolicy::Recursive << '|' << static_cast<FolderRemovalPolicy>(2) << '|';
-    EXPECT_EQ(out.str(), "FolderRemovalPolicy::Recursive||");
 }
 
 TEST_P(FolderTest, PathComparatorIsTheStoragesOwn)

@@ -7,6 +7,7 @@
 
 #include <DecoratedStorage.hpp>
 #include <Threads.hpp>
+#include <WholeFile.hpp>
 
 #include <gtest/gtest.h>
 
@@ -91,17 +92,6 @@ bool isWhole(const std::string& content)
     const std::size_t size = std::stoul(content.substr(0, first));
     const auto seed = static_cast<std::uint32_t>(std::stoul(content.substr(first + 1, second - first - 1)));
     return content == contentFor(seed, size);
-}
-
-std::string read(const File& file)
-{
-    vfs::IODevice device(file);
-    std::string content;
-    char chunk[8192];
-    for (std::streamsize got; (got = device.read(chunk, sizeof chunk)) > 0;)
-        content.append(chunk, static_cast<std::size_t>(got));
-    device.close();
-    return content;
 }
 
 // Counts a watch's events, and whether one of them was an overflow.
@@ -201,7 +191,7 @@ void workOn(Area& area, std::mt19937& random, std::atomic<int>& brokenReads)
             auto passing = area.manager->subscribe(area.filter(), [](const auto&) {});
             // A memory stream reads what is at its name at each read, so a reader there may see a
             // replacement arrive part way through; a local one keeps the file it opened.
-            const std::string content = read(file);
+            const std::string content = vfs_test::readWhole(file);
             if (area.root.getLocation().getScheme() == u"file" && !isWhole(content))
                 ++brokenReads;
             passing->disconnect();
@@ -261,7 +251,7 @@ TEST(LoadTest, MixedOperationsOnEightThreadsKeepTreesWholeAndEventsComing)
                 const std::string name = fl::i18n::ustring_to_utf8(entry.getName());
                 EXPECT_TRUE(names.insert(entry.getName()).second) << "listed twice: " << name;
                 EXPECT_EQ(name.front(), 'f') << "left behind: " << name;
-                const std::string content = read(entry.getFile());
+                const std::string content = vfs_test::readWhole(entry.getFile());
                 EXPECT_TRUE(isWhole(content)) << name << " is not whole";
                 EXPECT_EQ(entry.getAttributes().getSize(), content.size()) << name;
             }
