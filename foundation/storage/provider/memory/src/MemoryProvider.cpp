@@ -160,7 +160,9 @@ std::unique_ptr<Node> newFolder()
 
 std::unique_ptr<Node> newFile(std::vector<std::byte> bytes = {}, bool writable = true)
 {
-    return std::make_unique<Node>(Node::File{std::move(bytes)}, now(), writable);
+    auto content = std::make_shared<Content>();
+    content->bytes = std::move(bytes);
+    return std::make_unique<Node>(Node::File{std::move(content)}, now(), writable);
 }
 
 // Volumes are keyed by the IRI's authority and come into being when first changed; until then a
@@ -293,7 +295,8 @@ public:
             wrongKind(operation, location, true);
         if (!node.writable)
             fail(EACCES, operation, location);
-        const std::uint64_t old = file->bytes.size();
+        std::vector<std::byte>& bytes = file->content->bytes;
+        const std::uint64_t old = bytes.size();
         if (size == old)
             return;
         if (size > old) {
@@ -302,9 +305,9 @@ public:
             checkQuota(operation, location, old, size);
         }
         try {
-            file->bytes.resize(size);
+            bytes.resize(size);
             if (size < old)
-                file->bytes.shrink_to_fit();
+                bytes.shrink_to_fit();
         } catch (const std::bad_alloc&) {
             fail(ENOSPC, operation, location);
         }
@@ -329,7 +332,7 @@ public:
             wrongKind(operation, location, true);
         if (!place.parent->writable)
             fail(EACCES, operation, location);
-        m_usedBytes -= place.node->size();
+        unlinkFiles(*place.node);
         removed = takeChild(*place.parent, location.getName());
         changed(events::Kind::Removed, location, *removed);
     }
@@ -405,15 +408,13 @@ public:
         std::optional<ustring> locked;
         if (holdsLockedContent(*place.node))
             locked.emplace();
-        std::uint64_t bytes = 0;
         forEachBelow(*place.node, [&](std::u16string_view path, const Node& node) {
-            bytes += node.size();
             if (!locked && holdsLockedContent(node))
                 locked = ustring(path);
         });
         if (locked)
             fail(EACCES, operation, locked->empty() ? location : StorageIRI(location, *locked));
-        m_usedBytes -= bytes;
+        unlinkFiles(*place.node);
         removed = takeChild(*place.parent, location.getName());
         if (m_notifier.active()) {
             // Contents before their folder, deepest first, as a disk reports a recursive removal.
@@ -452,7 +453,7 @@ public:
         if (!from.parent->writable)
             fail(EACCES, operation, location);
         if (to.node) {
-            m_usedBytes -= to.node->size();
+            unlinkFiles(*to.node);
             replaced = takeChild(*to.parent, destination.getName());
         }
         const Node& moved = putChild(*to.parent, destination.getName(), takeChild(*from.parent, location.getName()));
@@ -527,7 +528,7 @@ public:
             if (!admitFile(operation, destination, to, policy, source.lastModified, source.size()))
                 return TransactionStatus::NothingDone;
             try {
-                bytes = source.asFile()->bytes;
+                bytes = source.asFile()->content->bytes;
             } catch (const std::bad_alloc&) {
                 fail(ENOSPC, operation, destination);
             }
@@ -552,7 +553,7 @@ public:
         if (!admitFile(operation, destination, to, policy, sourceTime, bytes.size()))
             return TransactionStatus::NothingDone;
         if (to.node) {
-            m_usedBytes -= to.node->size();
+            unlinkFiles(*to.node);
             replaced = takeChild(*to.parent, destination.getName());
         }
         m_usedBytes += bytes.size();
@@ -562,18 +563,26 @@ public:
     }
 
     // ---- byte streams --------------------------------------------------------------------------
-    // Streams name their file by location and find it again on every call, under the lock: a file
-    // removed meanwhile fails the next call with ResourceNotFound. Streams keep the provider alive.
+    // A plain stream holds the content of the file it opened, as a descriptor holds an inode: it
+    // reads and writes that content whatever later happens to the name (a commit, a removal or a
+    // move over it). Writes through it are seen by every stream on the same content. Content a
+    // stream still holds after its file left the tree keeps counting against the quota until its
+    // last stream closes, as an unlinked file keeps its blocks; so `used` never exceeds the quota
+    // and equals what the tree holds once no stream is open. Transactional streams write to a copy
+    // of their own that a commit makes the file's new content. Streams keep the provider alive.
 
     std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override
     {
         checkLocation(location);
+        std::shared_ptr<Content> content;
         {
-            std::shared_lock lock(m_mutex);
-            if (!existingIn(rootOf(location), "open", location).asFile())
+            std::unique_lock lock(m_mutex);
+            const Node& node = existingIn(rootOf(location), "open", location);
+            if (!node.asFile())
                 wrongKind("open", location, true);
+            content = hold(node);
         }
-        return makeStream(shared_from_this(), location, true, false, false);
+        return makeStream(shared_from_this(), location, std::move(content), true, false, false);
     }
 
     std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
@@ -582,6 +591,7 @@ public:
         checkLocation(location);
         checkOpenOptions(location, options);
         std::vector<std::byte> dropped; // freed after the lock is released
+        std::shared_ptr<Content> content;
         {
             std::unique_lock lock(m_mutex);
             checkChangeable(operation, location);
@@ -591,22 +601,26 @@ public:
                     fail(ENOENT, operation, location);
                 if (!place.parent->writable)
                     fail(EACCES, operation, location);
-                changed(events::Kind::Created, location, putChild(*place.parent, location.getName(), newFile()));
+                const Node& made = putChild(*place.parent, location.getName(), newFile());
+                changed(events::Kind::Created, location, made);
+                content = hold(made);
             } else {
                 if (!place.node->asFile())
                     wrongKind(operation, location, true);
                 if (!place.node->writable)
                     fail(EACCES, operation, location);
+                // Emptied in place: streams already open on the file see it emptied too.
                 if (options.keepContent == 0 && place.node->size() != 0) {
                     m_usedBytes -= place.node->size();
-                    dropped.swap(place.node->asFile()->bytes);
+                    dropped.swap(place.node->asFile()->content->bytes);
                     place.node->lastModified = now();
                     changed(events::Kind::Modified, location, *place.node);
                 }
+                content = hold(*place.node);
             }
         }
-        return makeStream(shared_from_this(), location, options.access == ByteStreamAccess::ReadWrite, true,
-                          options.writeAtPosition == 0);
+        return makeStream(shared_from_this(), location, std::move(content),
+                          options.access == ByteStreamAccess::ReadWrite, true, options.writeAtPosition == 0);
     }
 
     std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
@@ -632,7 +646,7 @@ public:
                     fail(EACCES, operation, location);
                 if (options.keepContent != 0) {
                     try {
-                        content = place.node->asFile()->bytes;
+                        content = place.node->asFile()->content->bytes;
                     } catch (const std::bad_alloc&) {
                         fail(ENOSPC, operation, location);
                     }
@@ -644,10 +658,10 @@ public:
                                        options.creation == ByteStreamCreation::OpenExisting);
     }
 
-    std::size_t readAt(const StorageIRI& location, std::uint64_t offset, char* s, std::size_t n) const override
+    std::size_t readAt(const Content& content, std::uint64_t offset, char* s, std::size_t n) const override
     {
         std::shared_lock lock(m_mutex);
-        const std::vector<std::byte>& bytes = streamedFile(rootOf(location), location, StreamOperation::Read).bytes;
+        const std::vector<std::byte>& bytes = content.bytes;
         if (offset >= bytes.size())
             return 0;
         const std::size_t got = std::min(n, static_cast<std::size_t>(bytes.size() - offset));
@@ -655,48 +669,64 @@ public:
         return got;
     }
 
-    std::uint64_t writeAt(const StorageIRI& location, std::uint64_t offset, bool append, const char* s,
-                          std::size_t n) const override
+    std::uint64_t writeAt(const StorageIRI& location, Content& content, std::uint64_t offset, bool append,
+                          const char* s, std::size_t n) const override
     {
         std::unique_lock lock(m_mutex);
         if (m_options.readOnly)
             throwPosixStreamError(StreamOperation::Write, EROFS, "write", location);
-        Node::File& file = streamedFile(rootForChange(location), location, StreamOperation::Write);
-        const std::uint64_t old = file.bytes.size();
+        const std::uint64_t old = content.bytes.size();
         const std::uint64_t at = append ? old : offset;
         const std::uint64_t end = at + n;
         if (end > old) {
+            // The stream's hold keeps the content counted, linked or not: its growth is charged.
             roomFor(location, old, end, StreamOperation::Write);
             try {
-                file.bytes.resize(end);
+                content.bytes.resize(end);
             } catch (const std::bad_alloc&) {
                 throwPosixStreamError(StreamOperation::Write, ENOSPC, "write", location);
             }
             m_usedBytes += end - old;
         }
-        std::memcpy(file.bytes.data() + at, s, n);
-        Node& node = existingIn(rootForChange(location), "write", location);
-        node.lastModified = now();
-        changed(events::Kind::Modified, location, node);
+        std::memcpy(content.bytes.data() + at, s, n);
+        if (Node* node = holderAt(location, content)) {
+            node->lastModified = now();
+            changed(events::Kind::Modified, location, *node);
+        }
         return end;
     }
 
-    std::uint64_t sizeAt(const StorageIRI& location, StreamOperation operation) const override
+    std::uint64_t sizeOf(const Content& content) const override
     {
         std::shared_lock lock(m_mutex);
-        return streamedFile(rootOf(location), location, operation).bytes.size();
+        return content.bytes.size();
+    }
+
+    void release(Content& content) const noexcept override
+    {
+        std::unique_lock lock(m_mutex);
+        if (--content.openStreams == 0 && !content.linked)
+            m_usedBytes -= content.bytes.size();
     }
 
     void checkRoom(const StorageIRI& location, std::uint64_t size, StreamOperation operation) const override
     {
         std::shared_lock lock(m_mutex);
         const Node* node = walk(rootOf(location), location, location.getPathView().size()).first;
-        roomFor(location, node ? node->size() : 0, size, operation);
+        roomFor(location, node ? freedByUnlink(*node) : 0, size, operation);
     }
 
+    // The file takes a new content object, as a rename over it would: streams open on the old one
+    // keep reading it.
     void commit(const StorageIRI& location, std::vector<std::byte>& bytes, bool mustExist) const override
     {
-        std::vector<std::byte> replaced; // freed after the lock is released
+        std::shared_ptr<Content> fresh;
+        try {
+            fresh = std::make_shared<Content>();
+        } catch (const std::bad_alloc&) {
+            throwPosixStreamError(StreamOperation::Close, ENOSPC, "commit", location);
+        }
+        std::shared_ptr<Content> replaced; // freed after the lock is released
         std::unique_lock lock(m_mutex);
         if (m_options.readOnly)
             throwPosixStreamError(StreamOperation::Close, EROFS, "commit", location);
@@ -712,15 +742,15 @@ public:
             throwPosixStreamError(StreamOperation::Close, ENOENT, "commit", location);
         if (!(node ? node->writable : parent->writable))
             throwPosixStreamError(StreamOperation::Close, EACCES, "commit", location);
-        const std::uint64_t old = node ? node->size() : 0;
-        roomFor(location, old, bytes.size(), StreamOperation::Close);
+        roomFor(location, node ? freedByUnlink(*node) : 0, bytes.size(), StreamOperation::Close);
         const bool created = node == nullptr;
         if (created)
             node = &putChild(*parent, location.getName(), newFile());
-        replaced.swap(node->asFile()->bytes);
-        node->asFile()->bytes.swap(bytes);
+        unlinkFiles(*node);
+        fresh->bytes.swap(bytes);
+        m_usedBytes += fresh->bytes.size();
+        replaced = std::exchange(node->asFile()->content, std::move(fresh));
         node->lastModified = now();
-        m_usedBytes = m_usedBytes - old + node->size();
         changed(created ? events::Kind::Created : events::Kind::Modified, location, *node);
     }
 
@@ -820,8 +850,9 @@ public:
         m_poller.stopAll();
         m_notifier.unwatchAll();
         std::unique_lock lock(m_mutex);
+        for (const auto& [name, root] : m_volumes)
+            unlinkFiles(*root);
         dropped.swap(m_volumes);
-        m_usedBytes = 0;
         m_newVolume.lastModified = now();
     }
 
@@ -928,17 +959,44 @@ private:
 
     // Callers hold m_mutex from here on.
 
-    template <class N>
-    static auto streamedFile(N& root, const StorageIRI& location, StreamOperation operation)
-        -> std::conditional_t<std::is_const_v<N>, const Node::File&, Node::File&>
+    // A new plain stream's hold on the content of `file`, ended by StreamHost::release.
+    static std::shared_ptr<Content> hold(const Node& file) noexcept
     {
-        const auto [node, error] = walk(root, location, location.getPathView().size());
-        if (!node)
-            throwPosixStreamError(operation, error, "find", location);
-        auto* file = node->asFile();
-        if (!file)
-            throwPosixStreamError(operation, EISDIR, "find", location);
-        return *file;
+        const std::shared_ptr<Content>& content = file.asFile()->content;
+        ++content->openStreams;
+        return content;
+    }
+
+    // Takes the files of `node` (itself or those below it) out of the tree's accounting, before they
+    // leave the tree or lose their content. Content a stream holds stays counted until it closes.
+    void unlinkFiles(const Node& node) const
+    {
+        const auto unlink = [this](const Node& file) {
+            if (const Node::File* held = file.asFile()) {
+                held->content->linked = false;
+                m_usedBytes -= freedByUnlink(file);
+            }
+        };
+        unlink(node);
+        forEachBelow(node, [&](std::u16string_view, const Node& below) { unlink(below); });
+    }
+
+    // The bytes unlinking the file `node` gives back to the quota at once.
+    static std::uint64_t freedByUnlink(const Node& node) noexcept
+    {
+        const Node::File* file = node.asFile();
+        return file && file->content->openStreams == 0 ? file->content->bytes.size() : 0;
+    }
+
+    // The file at `location` if it still holds `content`: changes to content that left its name are
+    // reported for no name.
+    Node* holderAt(const StorageIRI& location, const Content& content) const
+    {
+        const auto volume = m_volumes.find(location.getAuthority());
+        if (volume == m_volumes.end())
+            return nullptr;
+        Node* node = walk(*volume->second, location, location.getPathView().size()).first;
+        return node && node->asFile() && node->asFile()->content.get() == &content ? node : nullptr;
     }
 
     // Whether a file of `released` bytes may become `size` bytes long.
@@ -1009,7 +1067,7 @@ private:
                 return false;
             if (!target.node->writable)
                 fail(EACCES, operation, destination);
-            released = target.node->size();
+            released = freedByUnlink(*target.node);
         }
         if (!target.parent->writable)
             fail(EACCES, operation, destination);

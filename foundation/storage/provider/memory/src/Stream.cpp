@@ -53,9 +53,18 @@ protected:
 
 class MemoryStream final : public ByteStream, StreamBase {
 public:
-    MemoryStream(std::shared_ptr<const StreamHost> host, StorageIRI location, bool readable, bool writable, bool append)
-        : StreamBase(std::move(location), readable, writable, append), m_host(std::move(host))
+    MemoryStream(std::shared_ptr<const StreamHost> host, StorageIRI location, std::shared_ptr<Content> content,
+                 bool readable, bool writable, bool append)
+        : StreamBase(std::move(location), readable, writable, append), m_host(std::move(host)),
+          m_content(std::move(content))
     {
+    }
+    MemoryStream(const MemoryStream&) = delete;
+    MemoryStream& operator=(const MemoryStream&) = delete;
+    ~MemoryStream() override
+    {
+        if (!m_closed)
+            m_host->release(*m_content);
     }
 
     std::streamsize read(char* s, std::streamsize n) override
@@ -63,7 +72,7 @@ public:
         usable(StreamOperation::Read, m_readable, "read");
         if (n <= 0)
             return 0;
-        const std::size_t got = m_host->readAt(m_location, m_position, s, static_cast<std::size_t>(n));
+        const std::size_t got = m_host->readAt(*m_content, m_position, s, static_cast<std::size_t>(n));
         if (got == 0)
             return -1;
         m_position += got;
@@ -74,28 +83,32 @@ public:
     {
         usable(StreamOperation::Write, m_writable, "write");
         if (n > 0)
-            m_position = m_host->writeAt(m_location, m_position, m_append, s, static_cast<std::size_t>(n));
+            m_position = m_host->writeAt(m_location, *m_content, m_position, m_append, s, static_cast<std::size_t>(n));
         return n;
     }
 
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override
     {
         usable(StreamOperation::Seek, true, "seek");
-        const std::uint64_t size = way == std::ios_base::end ? m_host->sizeAt(m_location, StreamOperation::Seek) : 0;
+        const std::uint64_t size = way == std::ios_base::end ? m_host->sizeOf(*m_content) : 0;
         m_position = seekTarget(m_position, size, off, way, m_location);
         return static_cast<std::streamoff>(m_position);
     }
 
     void flush() override { usable(StreamOperation::Flush, true, "flush"); }
 
+    // Content nobody else holds any more goes now, not when the stream object does.
     void close() override
     {
         usable(StreamOperation::Close, true, "close");
         m_closed = true;
+        m_host->release(*m_content);
+        m_content.reset();
     }
 
 private:
     std::shared_ptr<const StreamHost> m_host;
+    std::shared_ptr<Content> m_content;
 };
 
 // Writes go to a private copy that replaces the file's content on commit.
@@ -170,10 +183,15 @@ private:
 
 } // namespace
 
-std::unique_ptr<ByteStream> makeStream(std::shared_ptr<const StreamHost> host, StorageIRI location, bool readable,
-                                       bool writable, bool append)
+std::unique_ptr<ByteStream> makeStream(std::shared_ptr<const StreamHost> host, StorageIRI location,
+                                       std::shared_ptr<Content> content, bool readable, bool writable, bool append)
 {
-    return std::make_unique<MemoryStream>(std::move(host), std::move(location), readable, writable, append);
+    try {
+        return std::make_unique<MemoryStream>(host, std::move(location), content, readable, writable, append);
+    } catch (...) {
+        host->release(*content);
+        throw;
+    }
 }
 
 std::unique_ptr<TransactionalByteStream> makeTransactionalStream(std::shared_ptr<const StreamHost> host,

@@ -24,8 +24,17 @@ using boost::posix_time::ptime;
 // The current UTC time at the resolution attributes keep.
 ptime now();
 
-// One file or folder. Folders own their children; a file owns its bytes. Times and writability
-// belong to both kinds, as on disk.
+// A file's bytes, shared by its node and the plain streams open on it: a stream keeps the content it
+// opened whatever later happens to the name, as an open descriptor keeps its inode. Guarded by the
+// provider's lock, as the tree is.
+struct Content {
+    std::vector<std::byte> bytes;
+    std::size_t openStreams = 0; // plain streams holding it
+    bool linked = true;          // whether a file of the tree holds it
+};
+
+// One file or folder. Folders own their children; a file holds its content (never null). Times and
+// writability belong to both kinds, as on disk.
 struct Node {
     struct Folder {
         // Ordered by code unit, which makes listings deterministic; std::less<> lets path segments
@@ -33,7 +42,7 @@ struct Node {
         std::map<ustring, std::unique_ptr<Node>, std::less<>> children;
     };
     struct File {
-        std::vector<std::byte> bytes;
+        std::shared_ptr<Content> content;
     };
 
     Node(std::variant<Folder, File> content, ptime lastModified, bool writable = true)
@@ -49,7 +58,7 @@ struct Node {
     const Folder* asFolder() const noexcept { return std::get_if<Folder>(&content); }
     File* asFile() noexcept { return std::get_if<File>(&content); }
     const File* asFile() const noexcept { return std::get_if<File>(&content); }
-    std::uint64_t size() const noexcept { return asFile() ? asFile()->bytes.size() : 0; }
+    std::uint64_t size() const noexcept { return asFile() ? asFile()->content->bytes.size() : 0; }
 
     std::variant<Folder, File> content;
     ptime lastModified;

@@ -184,6 +184,43 @@ TEST_F(MemoryProviderTest, QuotaCountsFileContentOfEveryVolumeAndRefusesGrowthBe
     EXPECT_EQ(freeBytes(), 5u);
 }
 
+// Content a stream holds after its file left the tree stays counted, its growth charged, until its
+// last stream goes; so open streams never take the volume past its quota.
+TEST_F(MemoryProviderTest, ContentHeldOpenKeepsCountingUntilItsLastStreamGoes)
+{
+    memory = makeMemoryProvider(MemoryProviderOptions{100, false});
+    const StorageIRI a = file(u"a", 30);
+    auto writer = memory->openStream(a, {provider::ByteStreamAccess::Write, provider::ByteStreamCreation::OpenExisting, 1, 0});
+    auto reader = memory->openReadOnlyStream(a);
+    memory->removeFile(a);
+    EXPECT_EQ(freeBytes(), 70u);
+    const std::string bytes(40, 'x');
+    writer->write(bytes.data(), 40);
+    EXPECT_EQ(freeBytes(), 30u);
+    EXPECT_THROW(writer->write(bytes.data(), 31), provider::ByteStreamWriteFailure);
+    writer->close();
+    EXPECT_EQ(freeBytes(), 30u) << "the reader still holds the content";
+    EXPECT_EQ(reader->seek(0, std::ios_base::end), 70) << "the reader sees the writer's writes";
+
+    // A commit over a file held open needs room beside the old content.
+    const StorageIRI b = file(u"b", 20);
+    const auto old = memory->openReadOnlyStream(b);
+    const auto replacing = memory->openTransactionalStream(b, {provider::ByteStreamAccess::Write,
+                                                               provider::ByteStreamCreation::OpenExisting, 0, 1});
+    reader.reset();
+    EXPECT_EQ(freeBytes(), 80u) << "a stream that goes unclosed gives the space back too";
+    replacing->write(bytes.data(), 15);
+    file(u"c", 70);
+    EXPECT_THROW(replacing->close(provider::StreamClosePolicy::Commit), provider::ByteStreamCloseFailure);
+    memory->removeFile(at(u"c"));
+    replacing->close(provider::StreamClosePolicy::Commit);
+    EXPECT_EQ(freeBytes(), 65u);
+    memory->shutdown();
+    EXPECT_EQ(freeBytes(), 80u);
+    old->close();
+    EXPECT_EQ(freeBytes(), 100u);
+}
+
 TEST_F(MemoryProviderTest, ReadOnlyRefusesEveryChangeAndStillReads)
 {
     file(u"folder/file.txt", 3);

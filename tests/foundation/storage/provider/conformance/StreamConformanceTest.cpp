@@ -170,6 +170,42 @@ TEST_P(StreamConformance, TransactionalStreamsPublishTheWholeFileOnCommitOnly)
     EXPECT_EQ(tree().size(), 1u);
 }
 
+// A reader keeps the file it opened, as an open descriptor keeps its inode: whatever happens to the
+// name part way through, the rest of the read is the old content.
+TEST_P(StreamConformance, OpenReaderKeepsItsFileWhateverHappensToTheName)
+{
+    const std::string old = "the old content, long enough to be read in several steps";
+    const std::pair<const char*, std::function<void(const StorageIRI&)>> changes[] = {
+        {"replaced by a commit",
+         [&](const StorageIRI& location) {
+             const auto out = provider->openTransactionalStream(location, {ByteStreamAccess::Write,
+                                                                           ByteStreamCreation::CreateIfMissing, 0, 1});
+             out->write("NEW", 3);
+             out->close(StreamClosePolicy::Commit);
+         }},
+        {"removed", [&](const StorageIRI& location) { provider->removeFile(location); }},
+        {"moved away, another moved in",
+         [&](const StorageIRI& location) {
+             provider->moveFile(location, below(u"away.txt"), provider::ReplacementPolicy::FailIfExists);
+             provider->moveFile(fileWith(u"other.txt", "NEW"), location, provider::ReplacementPolicy::FailIfExists);
+         }},
+    };
+    for (const auto& [name, change] : changes) {
+        SCOPED_TRACE(name);
+        const StorageIRI location = fileWith(u"file.txt", old);
+        const auto reader = provider->openReadOnlyStream(location);
+        std::string got(5, '\0');
+        ASSERT_EQ(reader->read(got.data(), 5), 5);
+        change(location);
+        char chunk[7];
+        for (std::streamsize n; (n = reader->read(chunk, sizeof chunk)) > 0;)
+            got.append(chunk, static_cast<std::size_t>(n));
+        EXPECT_EQ(got, old);
+        EXPECT_EQ(reader->seek(0, std::ios_base::end), static_cast<std::streamoff>(old.size()));
+        reader->close();
+    }
+}
+
 // Streams of one provider on different files, plain and transactional, used by several threads at
 // once while another thread lists the folder.
 TEST_P(StreamConformance, StreamsOnDifferentFilesWorkFromSeveralThreadsAtOnce)
