@@ -93,6 +93,8 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
             return TransactionStatus::NothingDone;
     }
     asProviderError(to, [&] { out->close(StreamClosePolicy::Commit); });
+    if (options.keepLastModified)
+        target.setLastModified(to, attributes.getLastModified());
     if (!attributes.isWritable())
         target.setWritable(to, false);
     return TransactionStatus::Completed;

@@ -1,17 +1,22 @@
-// File copy on the local disk. The content goes into a temporary file next to the target, through
-// copy_file_range (the kernel copies, or shares extents where the file system can), is made durable,
-// and only then takes the target's name: a reader sees the old target or the whole new one, and a
-// failed or cancelled copy leaves nothing behind.
+// File copy on the local disk. The content goes into a file of its own in the target's folder,
+// through copy_file_range (the kernel copies, or shares extents where the file system can), gets its
+// mode and time, is made durable when asked, and only then takes the target's name: a reader sees
+// the old target or the whole new one, and a failed or cancelled copy leaves nothing behind.
+//
+// A copy that must not replace anything writes an unnamed file (O_TMPFILE) and links it in: one
+// directory change instead of a temporary name's creation and rename, and not even a crash can
+// leave a temporary behind. Where the file system or the process cannot do that, and for copies that
+// replace, the content goes into a named temporary file that is renamed over the target.
 
 #include "Native.hpp"
 
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <string>
 
 #include <fcntl.h>
@@ -101,6 +106,102 @@ bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& opt
     }
 }
 
+namespace {
+
+// Mode, time and durability of the new content in `out`, once copied from `in`; false when the
+// progress callback cancelled.
+bool fillTarget(int in, int out, const struct stat& sourceInfo, const CopyFileOptions& options, const StorageIRI& from,
+                const StorageIRI& to)
+{
+    if (!copyContent(in, out, static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
+        return false;
+    if (::fchmod(out, sourceInfo.st_mode & 07777) != 0)
+        fail(errno, "fchmod", to);
+    if (options.keepLastModified) {
+        const struct timespec times[2] = {{0, UTIME_OMIT}, sourceInfo.st_mtim};
+        if (::futimens(out, times) != 0)
+            fail(errno, "futimens", to);
+    }
+    if (options.durable && ::fsync(out) != 0)
+        fail(errno, "fsync", to);
+    return true;
+}
+
+// The failure for a target that is already there when nothing may be replaced: a folder (or a link
+// to one) is "not-a-file"; a file or any link is in the way.
+[[noreturn]] void refuseExisting(const fl::filesystem::path& target, const struct stat& linkInfo, const StorageIRI& to)
+{
+    struct stat info {};
+    const bool folder =
+        S_ISDIR(linkInfo.st_mode) || (S_ISLNK(linkInfo.st_mode) && ::stat(target.c_str(), &info) == 0 && S_ISDIR(info.st_mode));
+    if (folder)
+        throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"not-a-file")});
+    throwPosixError(EEXIST, "lstat", to);
+}
+
+// How this process gives an unnamed file a name. linkat with AT_EMPTY_PATH needs a capability on
+// older kernels; naming the descriptor under /proc does not, but needs /proc.
+enum class UnnamedLink { Untried, EmptyPath, ProcFd, Impossible };
+std::atomic<UnnamedLink> unnamedLink{UnnamedLink::Untried};
+
+// Links the unnamed file `fd` in as `target`; false when this process cannot link unnamed files
+// at all. Anything else that fails (the name taken meanwhile, the folder gone) is thrown.
+bool linkUnnamed(int fd, const char* target, const StorageIRI& to)
+{
+    const UnnamedLink method = unnamedLink.load(std::memory_order_relaxed);
+    if (method != UnnamedLink::ProcFd) {
+        if (::linkat(fd, "", AT_FDCWD, target, AT_EMPTY_PATH) == 0) {
+            unnamedLink.store(UnnamedLink::EmptyPath, std::memory_order_relaxed);
+            return true;
+        }
+        // Without the capability the call answers ENOENT, as it does for a missing folder.
+        if (method == UnnamedLink::EmptyPath || (errno != ENOENT && errno != EPERM))
+            fail(errno, "linkat", to);
+    }
+    char byDescriptor[32];
+    std::snprintf(byDescriptor, sizeof byDescriptor, "/proc/self/fd/%d", fd);
+    if (::linkat(AT_FDCWD, byDescriptor, AT_FDCWD, target, AT_SYMLINK_FOLLOW) == 0) {
+        unnamedLink.store(UnnamedLink::ProcFd, std::memory_order_relaxed);
+        return true;
+    }
+    const int error = errno;
+    if (error == ENOENT && method == UnnamedLink::Untried && ::access("/proc/self/fd", F_OK) != 0) {
+        unnamedLink.store(UnnamedLink::Impossible, std::memory_order_relaxed);
+        return false;
+    }
+    fail(error, "linkat", to);
+}
+
+// The copy through an unnamed file; nothing when this file system or process cannot make or link
+// one (the source is then back at its start, for the named way).
+std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceInfo, const fl::filesystem::path& target,
+                                             const CopyFileOptions& options, const StorageIRI& from, const StorageIRI& to)
+{
+    if (unnamedLink.load(std::memory_order_relaxed) == UnnamedLink::Impossible)
+        return std::nullopt;
+    FileDescriptor out(::open(target.parent_path().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (!out) {
+        // No unnamed files on this file system (EOPNOTSUPP) or in this kernel (EISDIR, EINVAL).
+        if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)
+            return std::nullopt;
+        fail(errno, "open", to);
+    }
+    if (!fillTarget(in, out.get(), sourceInfo, options, from, to))
+        return TransactionStatus::NothingDone;
+    if (!linkUnnamed(out.get(), target.c_str(), to)) {
+        if (::lseek(in, 0, SEEK_SET) != 0)
+            fail(errno, "lseek", from);
+        return std::nullopt;
+    }
+    if (const int error = out.close()) {
+        ::unlink(target.c_str()); // a write the storage reports only now: the copy is not whole
+        fail(error, "close", to);
+    }
+    return TransactionStatus::Completed;
+}
+
+} // namespace
+
 TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options)
 {
     const fl::filesystem::path source = nativePath(from);
@@ -119,24 +220,31 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
     if (!S_ISREG(sourceInfo.st_mode))
         throwProviderError(ErrorCode::UnsupportedOperation, from, {ExceptionContext(u"not-a-regular-file")});
 
-    struct stat targetInfo {};
-    if (::stat(target.c_str(), &targetInfo) == 0) {
-        if (S_ISDIR(targetInfo.st_mode))
-            throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"not-a-file")});
-        if (policy == ReplacementPolicy::FailIfExists)
-            throwPosixError(EEXIST, "stat", to);
-        if (policy == ReplacementPolicy::ReplaceIfNewer && !newer(sourceInfo.st_mtim, targetInfo.st_mtim))
-            return TransactionStatus::NothingDone;
-    } else {
-        // A link that leads nowhere is a file in the way like any other; without one, only a
-        // missing target is fine (a missing folder on the way fails when the folder is opened).
-        const int error = errno;
+    if (policy == ReplacementPolicy::FailIfExists) {
+        // Checked before the content is copied, so that an existing target costs no copy; the
+        // final link or rename checks again.
         struct stat linkInfo {};
-        const bool link = ::lstat(target.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode);
-        if (!link && error != ENOENT)
-            fail(error, "stat", to);
-        if (link && policy == ReplacementPolicy::FailIfExists)
-            throwPosixError(EEXIST, "lstat", to);
+        if (::lstat(target.c_str(), &linkInfo) == 0)
+            refuseExisting(target, linkInfo, to);
+        if (errno != ENOENT)
+            fail(errno, "lstat", to);
+        if (const std::optional<TransactionStatus> status = copyUnnamed(in.get(), sourceInfo, target, options, from, to))
+            return *status;
+    } else {
+        struct stat targetInfo {};
+        if (::stat(target.c_str(), &targetInfo) == 0) {
+            if (S_ISDIR(targetInfo.st_mode))
+                throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"not-a-file")});
+            if (policy == ReplacementPolicy::ReplaceIfNewer && !newer(sourceInfo.st_mtim, targetInfo.st_mtim))
+                return TransactionStatus::NothingDone;
+        } else if (errno != ENOENT) {
+            // A link that leads nowhere is replaced like a file; only a missing target is fine
+            // otherwise (a missing folder on the way fails when the folder is opened).
+            const int error = errno;
+            struct stat linkInfo {};
+            if (::lstat(target.c_str(), &linkInfo) != 0 || !S_ISLNK(linkInfo.st_mode))
+                fail(error, "stat", to);
+        }
     }
 
     const std::string name = target.filename().native();
@@ -144,12 +252,8 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
     if (!folder)
         fail(errno, "open", to);
     TemporaryFile temporary(folder.get(), to, ".vfs-copy-", O_WRONLY, 0600);
-    if (!copyContent(in.get(), temporary.fd(), static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
+    if (!fillTarget(in.get(), temporary.fd(), sourceInfo, options, from, to))
         return TransactionStatus::NothingDone;
-    if (::fchmod(temporary.fd(), sourceInfo.st_mode & 07777) != 0)
-        fail(errno, "fchmod", to);
-    if (options.durable && ::fsync(temporary.fd()) != 0)
-        fail(errno, "fsync", to);
     if (const int error = temporary.close())
         fail(error, "close", to);
 

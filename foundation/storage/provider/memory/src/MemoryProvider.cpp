@@ -557,7 +557,10 @@ public:
             replaced = takeChild(*to.parent, destination.getName());
         }
         m_usedBytes += bytes.size();
-        const Node& copied = putChild(*to.parent, destination.getName(), newFile(std::move(bytes), writable));
+        std::unique_ptr<Node> made = newFile(std::move(bytes), writable);
+        if (options.keepLastModified)
+            made->lastModified = sourceTime;
+        const Node& copied = putChild(*to.parent, destination.getName(), std::move(made));
         changed(replaced ? events::Kind::Modified : events::Kind::Created, destination, copied);
         return TransactionStatus::Completed;
     }

@@ -161,13 +161,11 @@ provider::TransactionStatus File::doCopyFile(const File& destination, const prov
 {
     provider::CopyFileOptions forwarded = options;
     forwarded.replacementPolicy = forProvider(options.replacementPolicy);
-    const auto status = m_item.copyFile(destination.m_item, forwarded);
-    if (status == provider::TransactionStatus::NothingDone)
-        return status;
-    // Across schemes the target storage's own time stands: the two may not even keep times alike.
-    if (destination.getLocation().getScheme() == getLocation().getScheme())
-        destination.setLastModified(getAttributes().getLastModified());
-    return status;
+    // Within one scheme the copy keeps the source's time, set by the provider before the target
+    // appears; across schemes the target storage's own time stands: the two may not even keep
+    // times alike.
+    forwarded.keepLastModified = destination.getLocation().getScheme() == getLocation().getScheme();
+    return m_item.copyFile(destination.m_item, forwarded);
 }
 
 void File::doMoveFile(const File& destination, const provider::ReplacementPolicy& policy) const

@@ -73,15 +73,13 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
 {
     const File target(*m_current, source.getName());
     const bool merging = m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
-    if (!merging && target.fileExists()) {
-        ++m_progress.files;
-        return report();
-    }
     try {
         // Not synced file by file: a move flushes the destination once, at the end, before the
         // source goes; a plain copy is left to the caller's flushFilesystem(), as cp leaves it.
         provider::CopyFileOptions options;
-        options.replacementPolicy = m_policy;
+        // Without merging, a file already in the target is left as it is: the provider is told to
+        // replace nothing, which asks the storage once instead of looking first and copying after.
+        options.replacementPolicy = merging ? m_policy : ReplacementPolicy::FailIfExists;
         options.durable = false;
         const std::uint64_t before = m_progress.bytes;
         if (m_observer)
@@ -94,6 +92,10 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
             return FolderVisitResult::Stop; // abandoned part way: the provider left no target
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
+        if (!merging && code == ErrorCode::ResourceAlreadyExists && target.fileExists()) {
+            ++m_progress.files;
+            return report();
+        }
         const bool sourceVanished = code == ErrorCode::ResourceNotFound && error.getLocation() == source.getLocation();
         const bool collected = m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied;
         if (m_forMove && !sourceVanished && !collected)

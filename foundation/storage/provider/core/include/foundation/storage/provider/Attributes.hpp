@@ -133,6 +133,10 @@ struct CopyFileOptions {
     // whole all the same, but reaches the disk when the storage next flushes; for callers that copy
     // many files and flush once at the end (a file-by-file sync costs milliseconds each).
     bool durable = true;
+    // True: the target carries the source's modification time from the moment it appears (the
+    // time is set on the new content before it takes the target's name). False: the target's
+    // storage gives it the time of the copy.
+    bool keepLastModified = false;
 };
 
 } // namespace foundation::storage::provider
