@@ -140,9 +140,13 @@ INSTANTIATE_TEST_SUITE_P(Table, I18nBadUtf8, ::testing::ValuesIn(badUtf8Cases));
 
 TEST(I18n, AppendingConvertsWhereverTheFirstOtherByteStandsAndFailsWithoutATrace)
 {
-    // ASCII is widened eight bytes at a time: the first other byte goes to every offset.
-    for (std::size_t at = 0; at < 20; ++at) {
+    // ASCII is widened sixteen and eight bytes at a time, a short tail by widening the last eight
+    // again: the first other byte goes to every offset, and ASCII alone comes in every length.
+    for (std::size_t at = 0; at < 40; ++at) {
         SCOPED_TRACE(at);
+        ustring ascii = u"x";
+        append_utf8(ascii, std::string(at, 'a') + "yz");
+        EXPECT_EQ(ascii, u"x" + ustring(at, u'a') + u"yz");
         const ustring expected = u"x" + ustring(at, u'a') + u"\u00E9bcdefghij";
         ustring out = u"x";
         append_utf8(out, std::string(at, 'a') + "\xC3\xA9" + "bcdefghij");

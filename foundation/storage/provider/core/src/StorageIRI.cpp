@@ -584,6 +584,16 @@ StorageIRI::StorageIRI(ustring text)
         throwInvalid(StorageIRI(), u"invalid IRI \"" + text + u"\": " + reason, reason);
 }
 
+std::optional<StorageIRI> StorageIRI::plainChild(const StorageIRI& folder, ustring& name)
+{
+    if (name.empty() || name == u"." || name == u".." || detail::holdsAny(name, u'/', u'\0', true) ||
+        !dataOf(folder.m_data).hasPath)
+        return std::nullopt;
+    StorageIRI child;
+    child.m_data = lazyChild(folder.m_data, std::move(name));
+    return child;
+}
+
 StorageIRI::StorageIRI(const StorageIRI& base, ustring relative)
 {
     const Data& b = dataOf(base.m_data);

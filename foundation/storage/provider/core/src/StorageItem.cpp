@@ -1,7 +1,5 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 
-#include "UnitScan.hpp"
-
 #include <stdexcept>
 
 namespace foundation::storage::provider {
@@ -18,9 +16,8 @@ namespace {
 
 StorageIRI childLocation(const StorageIRI& folder, ustring name)
 {
-    // The common case, a plain name, needs only the NUL test, done in the same pass.
-    if (!name.empty() && name != u"." && name != u".." && !detail::holdsAny(name, u'/', u'\0', false))
-        return StorageIRI(folder, std::move(name));
+    if (std::optional<StorageIRI> child = StorageIRI::plainChild(folder, name))
+        return std::move(*child);
     if (name.empty())
         refuseChild(folder, name, u"empty name");
     if (name.front() == u'/')

@@ -5,8 +5,11 @@
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <cerrno>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include <dirent.h>
@@ -25,42 +28,140 @@ constexpr std::size_t batchNameUnits = batchEntries * 24;
 // The walk and the chain of batches it fills. A failure ends the walk: it is thrown again to every
 // iterator that gets this far, rather than letting the listing go on without the entries of the
 // batch it broke off.
+//
+// The first batch is read by the iterator that asks for it. A listing that fills it and goes on is
+// large: a reader thread then reads the following batches while the iterators work through the
+// ones before, so that the system calls of the walk overlap with what the caller does with each
+// entry. It stays at most `readAhead` batches beyond the furthest iterator, and stops when the
+// chain goes.
 class Chain {
 public:
     explicit Chain(std::unique_ptr<DirectoryWalk> walk) : m_location(walk->location()), m_walk(std::move(walk)) {}
+    Chain(const Chain&) = delete;
+    Chain& operator=(const Chain&) = delete;
+
+    ~Chain()
+    {
+        if (!m_reader.joinable())
+            return;
+        {
+            std::lock_guard lock(m_mutex);
+            m_stop = true;
+        }
+        m_changed.notify_all();
+        m_reader.join();
+    }
 
     const StorageIRI& location() const noexcept { return m_location; }
 
-    // The batch after `batch`, reading one when no iterator has yet; null at the end.
+    // The batch after `batch`, read now when nobody has read it yet; null at the end.
     std::shared_ptr<Batch> following(const std::shared_ptr<Batch>& batch)
     {
-        std::lock_guard lock(m_mutex);
-        if (batch->next)
-            return batch->next;
-        if (m_failure)
-            std::rethrow_exception(m_failure);
-        if (!m_walk)
-            return nullptr;
-        auto fresh = std::make_shared<Batch>();
-        try {
-            fresh->reserve(batchEntries, batchNameUnits);
-            bool more = true;
-            while (more && fresh->size() < batchEntries)
-                more = m_walk->read(*fresh);
-            if (!more)
+        std::unique_lock lock(m_mutex);
+        if (!m_tail)
+            m_tail = batch; // the first iterator's empty batch heads the chain
+        for (;;) {
+            if (batch->next) {
+                if (batch->next->sequence > m_furthest) {
+                    m_furthest = batch->next->sequence;
+                    m_changed.notify_all();
+                }
+                return batch->next;
+            }
+            if (m_failure)
+                std::rethrow_exception(m_failure);
+            if (!m_walk)
+                return nullptr;
+            if (m_reader.joinable()) {
+                m_changed.wait(lock);
+                continue;
+            }
+            // Under the lock: until the reader starts, iterators read for themselves, one at a time.
+            std::shared_ptr<Batch> fresh;
+            bool ended = false;
+            try {
+                fresh = readBatch(*m_walk, ended);
+            } catch (...) {
+                m_failure = std::current_exception();
+                m_walk.reset();
+                throw;
+            }
+            if (ended)
                 finish();
-        } catch (...) {
-            m_failure = std::current_exception();
-            m_walk.reset();
-            throw;
+            if (!fresh)
+                return nullptr;
+            append(fresh);
+            if (m_walk)
+                startReader();
         }
-        if (fresh->empty())
-            return nullptr;
-        batch->next = fresh;
-        return fresh;
     }
 
 private:
+    static constexpr std::size_t readAhead = 4;
+
+    // The next batch from `walk`, or null when it had no more entries; `ended` when the walk is
+    // done. Only one thread at a time reads: the one holding the lock before the reader starts, the
+    // reader after.
+    static std::shared_ptr<Batch> readBatch(DirectoryWalk& walk, bool& ended)
+    {
+        auto fresh = std::make_shared<Batch>();
+        fresh->reserve(batchEntries, batchNameUnits);
+        bool more = true;
+        while (more && fresh->size() < batchEntries)
+            more = walk.read(*fresh);
+        ended = !more;
+        return fresh->empty() ? nullptr : fresh;
+    }
+
+    void append(const std::shared_ptr<Batch>& fresh)
+    {
+        fresh->sequence = m_tail->sequence + 1;
+        m_tail->next = fresh;
+        m_tail = fresh;
+    }
+
+    // Called under the lock.
+    void startReader() noexcept
+    {
+        try {
+            m_reader = std::thread([this] { readAheadLoop(); });
+        } catch (const std::system_error&) {
+            // No thread to be had: the iterators go on reading for themselves.
+        }
+    }
+
+    void readAheadLoop()
+    {
+        std::unique_lock lock(m_mutex);
+        while (!m_stop && m_walk) {
+            if (m_tail->sequence >= m_furthest + readAhead) {
+                m_changed.wait(lock);
+                continue;
+            }
+            DirectoryWalk& walk = *m_walk;
+            lock.unlock();
+            std::shared_ptr<Batch> fresh;
+            std::exception_ptr failure;
+            bool ended = false;
+            try {
+                fresh = readBatch(walk, ended);
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            lock.lock();
+            if (failure) {
+                m_failure = failure;
+                m_walk.reset();
+            } else {
+                if (fresh)
+                    append(fresh);
+                if (ended)
+                    finish();
+            }
+            m_changed.notify_all();
+        }
+    }
+
     // Releases the walk (and its descriptors) once the end is read.
     void finish() noexcept
     {
@@ -78,9 +179,16 @@ private:
     }
 
     std::mutex m_mutex;
+    std::condition_variable m_changed; // a batch was read or asked for, the walk ended, or stop
     const StorageIRI m_location;
-    std::unique_ptr<DirectoryWalk> m_walk; // null once the end is read or the walk failed
+    // Null once the end is read or the walk failed; set and reset under the lock. The reader reads
+    // through it without the lock: nobody else reads while the reader runs.
+    std::unique_ptr<DirectoryWalk> m_walk;
     std::exception_ptr m_failure;
+    std::shared_ptr<Batch> m_tail; // the last batch read
+    std::size_t m_furthest = 0;    // the sequence of the furthest batch an iterator has reached
+    bool m_stop = false;
+    std::thread m_reader;
 };
 
 // Positions are (batch, index of the next entry in it); the entry before that is current(). A fresh

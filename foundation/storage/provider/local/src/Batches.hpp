@@ -40,8 +40,10 @@ public:
     bool empty() const noexcept { return m_entries.empty(); }
     FolderEntry entry(std::size_t index) const;
 
-    // Written and read under the chain's lock.
+    // Written and read under the chain's lock: the batch after this one and this one's place in the
+    // chain (the empty batch ahead of the first is 0).
     std::shared_ptr<Batch> next;
+    std::size_t sequence = 0;
 
 private:
     static constexpr std::uint32_t none = UINT32_MAX;
@@ -58,7 +60,8 @@ private:
     std::vector<FolderAttributes> m_folderAttributes;
 };
 
-// What walks the storage for a listing. Used under the chain's lock only, so not synchronised.
+// What walks the storage for a listing. Used by one thread at a time (the chain sees to that), so
+// not synchronised.
 class DirectoryWalk {
 public:
     explicit DirectoryWalk(StorageIRI location) : m_location(std::move(location)) {}

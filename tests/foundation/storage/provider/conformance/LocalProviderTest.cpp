@@ -247,6 +247,12 @@ TEST_F(LocalProviderTest, FoldersReadInManyBatchesListWholeAndClonesGoOnIndepend
             EXPECT_EQ(rests[i], std::vector<std::string>(order.begin() + static_cast<std::ptrdiff_t>(clonedAt[i]), order.end()))
                 << "clone made after " << clonedAt[i] << " entries";
     }
+    // A listing given up after its first entries, while the rest is being read ahead, goes quietly.
+    for (int i = 0; i < 20; ++i) {
+        const auto abandoned = local->list(at(folder), makeListOptions(ListKind::All, i % 2 == 0));
+        for (int step = 0; step <= i * 60 && abandoned->hasNext(); ++step)
+            abandoned->next();
+    }
     // A pattern that matches one late name: batches without a match are read past.
     EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::All, false, u"entry-2599-*"))),
                 testing::ElementsAre("entry-2599-" + std::string(230, 'x')));

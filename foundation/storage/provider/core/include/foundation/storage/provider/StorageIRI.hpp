@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 namespace foundation::network {
@@ -122,6 +123,11 @@ public:
     // are then resolved without climbing above the root. Throws provider::Exception
     // (InvalidLocation) when `base` has no path or `relative` holds a lone surrogate.
     StorageIRI(const StorageIRI& base, ustring relative);
+    // The child of `folder` named `name` when `name` is one plain segment: not empty, "." or "..",
+    // and free of '/', NUL and lone surrogates; then `name` has been moved into it. Nothing (and
+    // `name` untouched) otherwise, or when `folder` has no path. One pass over the name: listings
+    // make a handle per entry this way.
+    static std::optional<StorageIRI> plainChild(const StorageIRI& folder, ustring& name);
     // The IRI of `path` (decoded, made absolute and normalised) inside the container named by `inner`,
     // under the outer `scheme`: scheme ":" inner "!" path. Throws provider::Exception
     // (InvalidLocation) for an invalid scheme or an inner IRI without a path.
