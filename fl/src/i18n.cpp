@@ -126,13 +126,43 @@ conversion_error::conversion_error(const std::string& what, std::size_t offset)
 {
 }
 
+namespace {
+
+// Narrows the leading ASCII run of `text` into `to` (room for all of it); returns its length.
+std::size_t narrowAsciiPrefix(std::u16string_view text, char* to) noexcept
+{
+    const char16_t* from = text.data();
+    const std::size_t size = text.size();
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    // Eight units at a time: none has a bit above the lowest seven, and packing keeps the low bytes.
+    const __m128i beyondAscii = _mm_set1_epi16(static_cast<short>(0xFF80));
+    const __m128i zero = _mm_setzero_si128();
+    const auto narrowEight = [&](std::size_t at) {
+        const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + at));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi16(_mm_and_si128(units, beyondAscii), zero)) != 0xFFFF)
+            return false;
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(to + at), _mm_packus_epi16(units, units));
+        return true;
+    };
+    for (; i + 8 <= size && narrowEight(i); i += 8) {
+    }
+    // A tail shorter than eight after a run that reached it: the last eight units again.
+    if (size >= 8 && size - i < 8 && i != size && narrowEight(size - 8))
+        i = size;
+#endif
+    for (; i < size && from[i] < 0x80; ++i)
+        to[i] = static_cast<char>(from[i]);
+    return i;
+}
+
+} // namespace
+
 std::string ustring_to_utf8(std::u16string_view text)
 {
-    // The ASCII prefix (usually all of a path) narrows unit by unit without a code point each.
+    // The ASCII prefix (usually all of a path) narrows without a code point each.
     std::string out(text.size(), '\0');
-    std::size_t i = 0;
-    for (; i < text.size() && text[i] < 0x80; ++i)
-        out[i] = static_cast<char>(text[i]);
+    std::size_t i = narrowAsciiPrefix(text, out.data());
     out.resize(i);
     while (i < text.size()) {
         const std::size_t at = i;
@@ -155,9 +185,6 @@ std::string ustring_to_utf8_lossy(std::u16string_view text)
     return out;
 }
 
-// Copies the ASCII run at the front of `text` into `out` (sized for the whole text first, since UTF-16
-// never needs more units than UTF-8 has bytes) and returns its length: most names are all ASCII, and
-// widening them is a loop the compiler vectorises.
 namespace {
 
 // Appends the leading ASCII run of `text` to `out`, sixteen or eight bytes at a time while it can;

@@ -140,17 +140,19 @@ INSTANTIATE_TEST_SUITE_P(Table, I18nBadUtf8, ::testing::ValuesIn(badUtf8Cases));
 
 TEST(I18n, AppendingConvertsWhereverTheFirstOtherByteStandsAndFailsWithoutATrace)
 {
-    // ASCII is widened sixteen and eight bytes at a time, a short tail by widening the last eight
-    // again: the first other byte goes to every offset, and ASCII alone comes in every length.
+    // ASCII is widened (and narrowed) several units at a time, a short tail by converting the last
+    // eight again: the first other unit goes to every offset, and ASCII alone comes in every length.
     for (std::size_t at = 0; at < 40; ++at) {
         SCOPED_TRACE(at);
         ustring ascii = u"x";
         append_utf8(ascii, std::string(at, 'a') + "yz");
         EXPECT_EQ(ascii, u"x" + ustring(at, u'a') + u"yz");
+        EXPECT_EQ(ustring_to_utf8(ascii), "x" + std::string(at, 'a') + "yz") << "and narrowed back";
         const ustring expected = u"x" + ustring(at, u'a') + u"\u00E9bcdefghij";
         ustring out = u"x";
         append_utf8(out, std::string(at, 'a') + "\xC3\xA9" + "bcdefghij");
         EXPECT_EQ(out, expected);
+        EXPECT_EQ(ustring_to_utf8(expected), "x" + std::string(at, 'a') + "\xC3\xA9" + "bcdefghij");
         EXPECT_EQ(failureOffset([&] { append_utf8(out, std::string(at, 'a') + "\xFF" + "bc"); }), at);
         EXPECT_EQ(out, expected) << "left as it was";
     }

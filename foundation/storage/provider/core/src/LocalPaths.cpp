@@ -57,8 +57,8 @@ StorageIRI fileIRI(const std::string& native)
 
 std::optional<std::string> localPath(const StorageIRI& iri)
 {
-    // Schemes are kept in lower case: the text's start tells the scheme without a copy of it.
-    if (!iri.toString().starts_with(u"file:") || iri.hasInnerIRI() || !iri.hasPath() || !iri.getAuthority().empty() ||
+    // Asked in an order that leaves a child made by a listing uncomposed until its path is needed.
+    if (iri.hasInnerIRI() || iri.getScheme() != u"file" || !iri.hasPath() || !iri.getAuthority().empty() ||
         iri.getPath().find(u'\0') != ustring::npos)
         return std::nullopt;
     return fl::i18n::ustring_to_utf8(iri.getPath());

@@ -31,9 +31,11 @@ namespace foundation::storage::provider {
 // that accessors return references.
 //
 // A child made from a base and one plain segment (what every listing entry is) is published with
-// only its name and its base: its text, path, authority and hash are composed on first use, so
-// that an entry nobody asks for its location costs no string building. `composed` guards that;
-// `ascii` is filled lazily as well.
+// its name, its base and the facts it shares with the base (scheme length, authority, inner IRI):
+// its path is composed on first use, and its text and hash after that, when asked for, so that an
+// entry nobody asks for its location costs no string building and one whose file is only looked
+// at on the disk costs no encoding. `pathComposed` and `composed` guard those; `ascii` is filled
+// lazily as well.
 struct StorageIRI::Data {
     ustring text;
     ustring authority;
@@ -49,6 +51,7 @@ struct StorageIRI::Data {
     bool hasPath = false;
 
     std::shared_ptr<const Data> base; // set for children composed lazily
+    mutable std::atomic<bool> pathComposed{true};
     mutable std::atomic<bool> composed{true};
 
     mutable std::once_flag asciiOnce;
@@ -66,13 +69,22 @@ const Data& emptyData() noexcept
     return data;
 }
 
-// Composes a lazily made child (see Data). Terminates on memory exhaustion, like the noexcept
-// accessors that call it.
+// Composes a lazily made child (see Data): its path alone, or everything. Terminate on memory
+// exhaustion, like the noexcept accessors that call them.
+const Data& pathComposed(const Data& data) noexcept;
 const Data& composed(const Data& data) noexcept;
 
 const Data& dataOf(const std::shared_ptr<const Data>& data) noexcept
 {
     return data ? composed(*data) : emptyData();
+}
+
+// For the facts a lazy child has from the start: name, inner IRI, authority, shape.
+const Data& shapeOf(const std::shared_ptr<const Data>& data) noexcept { return data ? *data : emptyData(); }
+
+const Data& withPath(const std::shared_ptr<const Data>& data) noexcept
+{
+    return data ? pathComposed(*data) : emptyData();
 }
 
 [[noreturn]] void throwInvalid(const StorageIRI& location, ustring message, ustring reason)
@@ -386,24 +398,31 @@ DataPtr lazyChild(const std::shared_ptr<const Data>& base, ustring name)
     auto data = std::make_shared<Data>();
     data->name = std::move(name);
     data->inner = base->inner;
+    data->authority = base->authority;
     data->schemeLength = base->schemeLength;
     data->pathOffset = base->pathOffset;
     data->hasAuthority = base->hasAuthority;
     data->hasPath = true;
     data->base = base;
+    data->pathComposed.store(false, std::memory_order_relaxed);
     data->composed.store(false, std::memory_order_relaxed);
     return data;
 }
 
-const Data& composed(const Data& data) noexcept
+std::mutex& compositionLock(const Data& data)
 {
-    if (data.composed.load(std::memory_order_acquire))
+    static std::array<std::mutex, 16> locks;
+    return locks[std::hash<const void*>{}(&data) % locks.size()];
+}
+
+const Data& pathComposed(const Data& data) noexcept
+{
+    if (data.pathComposed.load(std::memory_order_acquire))
         return data;
     // The base first, outside any lock: it may be a lazy child itself.
-    const Data& base = composed(*data.base);
-    static std::array<std::mutex, 16> locks;
-    std::lock_guard lock(locks[std::hash<const void*>{}(&data) % locks.size()]);
-    if (data.composed.load(std::memory_order_relaxed))
+    const Data& base = pathComposed(*data.base);
+    std::lock_guard lock(compositionLock(data));
+    if (data.pathComposed.load(std::memory_order_relaxed))
         return data;
     // Only ever made by lazyChild(), as a non-const object: writing before publication is sound.
     auto& out = const_cast<Data&>(data);
@@ -413,12 +432,26 @@ const Data& composed(const Data& data) noexcept
     if (!atRoot)
         out.path.push_back(u'/');
     out.path.append(data.name);
+    out.pathComposed.store(true, std::memory_order_release);
+    return data;
+}
+
+const Data& composed(const Data& data) noexcept
+{
+    if (data.composed.load(std::memory_order_acquire))
+        return data;
+    pathComposed(data);
+    const Data& base = composed(*data.base);
+    std::lock_guard lock(compositionLock(data));
+    if (data.composed.load(std::memory_order_relaxed))
+        return data;
+    auto& out = const_cast<Data&>(data);
+    const bool atRoot = base.path.size() == 1;
     out.text.reserve(base.text.size() + 1 + data.name.size());
     out.text.append(base.text);
     if (!atRoot)
         out.text.push_back(u'/');
     encode(out.text, data.name, Part::Path);
-    out.authority = base.authority;
     out.hash = hashText(out.text);
     out.composed.store(true, std::memory_order_release);
     return data;
@@ -640,7 +673,7 @@ StorageIRI::StorageIRI(const ustring& scheme, const StorageIRI& inner, ustring p
     m_data = build(lowerAscii(scheme), false, {}, inner.m_data, true, normalisePath(path), {});
 }
 
-bool StorageIRI::hasPath() const noexcept { return dataOf(m_data).hasPath; }
+bool StorageIRI::hasPath() const noexcept { return shapeOf(m_data).hasPath; }
 bool StorageIRI::empty() const noexcept { return !m_data; }
 const ustring& StorageIRI::toString() const noexcept { return dataOf(m_data).text; }
 
@@ -653,19 +686,22 @@ const ustring& StorageIRI::toAsciiString() const
 
 ustring StorageIRI::getScheme() const
 {
-    const Data& data = dataOf(m_data);
-    return data.text.substr(0, data.schemeLength);
+    // A lazy child's scheme is its base's: the first composed one up the chain has it in its text.
+    const Data* data = &shapeOf(m_data);
+    while (!data->composed.load(std::memory_order_acquire))
+        data = data->base.get();
+    return data->text.substr(0, data->schemeLength);
 }
 
-const ustring& StorageIRI::getAuthority() const noexcept { return dataOf(m_data).authority; }
-bool StorageIRI::hasAuthority() const noexcept { return dataOf(m_data).hasAuthority; }
-const ustring& StorageIRI::getPath() const noexcept { return dataOf(m_data).path; }
-const ustring& StorageIRI::getResolvedPath() const noexcept { return dataOf(m_data).path; }
-const ustring& StorageIRI::getName() const noexcept { return dataOf(m_data).name; }
+const ustring& StorageIRI::getAuthority() const noexcept { return shapeOf(m_data).authority; }
+bool StorageIRI::hasAuthority() const noexcept { return shapeOf(m_data).hasAuthority; }
+const ustring& StorageIRI::getPath() const noexcept { return withPath(m_data).path; }
+const ustring& StorageIRI::getResolvedPath() const noexcept { return withPath(m_data).path; }
+const ustring& StorageIRI::getName() const noexcept { return shapeOf(m_data).name; }
 
 bool StorageIRI::hasParent() const noexcept
 {
-    const Data& data = dataOf(m_data);
+    const Data& data = withPath(m_data);
     return data.hasPath && data.path.size() > 1;
 }
 
@@ -673,7 +709,7 @@ StorageIRI StorageIRI::getParent() const
 {
     if (!hasParent())
         return *this;
-    const Data& data = *m_data;
+    const Data& data = dataOf(m_data);
     const std::size_t slash = data.path.rfind(u'/');
     ustring path = slash == 0 ? ustring(u"/") : data.path.substr(0, slash);
     // Encoded segments never hold a raw "/", so the text's last "/" is the same separator.
@@ -683,9 +719,9 @@ StorageIRI StorageIRI::getParent() const
     return StorageIRI(derive(data, std::move(path), std::move(text), std::move(name)));
 }
 
-bool StorageIRI::hasInnerIRI() const noexcept { return dataOf(m_data).inner != nullptr; }
+bool StorageIRI::hasInnerIRI() const noexcept { return shapeOf(m_data).inner != nullptr; }
 
-StorageIRI StorageIRI::getInnerIRI() const { return StorageIRI(dataOf(m_data).inner); }
+StorageIRI StorageIRI::getInnerIRI() const { return StorageIRI(shapeOf(m_data).inner); }
 
 PathView StorageIRI::getPathView() const
 {
