@@ -365,7 +365,7 @@ std::unique_ptr<IFolderEntryIterator> iterateBatches(std::unique_ptr<DirectoryWa
 
 FileDescriptor openListedFolder(const StorageIRI& location)
 {
-    const fl::filesystem::path path = nativePath(location);
+    const std::string path = nativePath(location);
     FileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder) {
         const int error = errno;

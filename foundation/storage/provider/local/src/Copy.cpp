@@ -129,7 +129,7 @@ bool fillTarget(int in, int out, const struct stat& sourceInfo, const CopyFileOp
 
 // The failure for a target that is already there when nothing may be replaced: a folder (or a link
 // to one) is "not-a-file"; a file or any link is in the way.
-[[noreturn]] void refuseExisting(const fl::filesystem::path& target, const struct stat& linkInfo, const StorageIRI& to)
+[[noreturn]] void refuseExisting(const std::string& target, const struct stat& linkInfo, const StorageIRI& to)
 {
     struct stat info {};
     const bool folder =
@@ -174,12 +174,12 @@ bool linkUnnamed(int fd, const char* target, const StorageIRI& to)
 
 // The copy through an unnamed file; nothing when this file system or process cannot make or link
 // one (the source is then back at its start, for the named way).
-std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceInfo, const fl::filesystem::path& target,
+std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceInfo, const std::string& target,
                                              const CopyFileOptions& options, const StorageIRI& from, const StorageIRI& to)
 {
     if (unnamedLink.load(std::memory_order_relaxed) == UnnamedLink::Impossible)
         return std::nullopt;
-    FileDescriptor out(::open(target.parent_path().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    FileDescriptor out(::open(parentOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
     if (!out) {
         // No unnamed files on this file system (EOPNOTSUPP) or in this kernel (EISDIR, EINVAL).
         if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)
@@ -204,8 +204,8 @@ std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceIn
 
 TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options)
 {
-    const fl::filesystem::path source = nativePath(from);
-    const fl::filesystem::path target = nativePath(to);
+    const std::string source = nativePath(from);
+    const std::string target = nativePath(to);
     const ReplacementPolicy policy = options.replacementPolicy;
 
     // Non-blocking, so that a FIFO found here is refused below instead of waiting for a writer.
@@ -247,8 +247,8 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
         }
     }
 
-    const std::string name = target.filename().native();
-    FileDescriptor folder(::open(target.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string name = lastNameOf(target);
+    FileDescriptor folder(::open(parentOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         fail(errno, "open", to);
     TemporaryFile temporary(folder.get(), to, ".vfs-copy-", O_WRONLY, 0600);

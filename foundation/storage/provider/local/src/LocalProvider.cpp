@@ -39,7 +39,7 @@ bool isNotFound(int error) noexcept
     return error == ENOENT || error == ENOTDIR;
 }
 
-struct stat statOf(const fl::filesystem::path& path, const StorageIRI& location)
+struct stat statOf(const std::string& path, const StorageIRI& location)
 {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0)
@@ -48,7 +48,7 @@ struct stat statOf(const fl::filesystem::path& path, const StorageIRI& location)
 }
 
 // The path of a destination of a move: another scheme (or a nested IRI) is another provider's.
-fl::filesystem::path destinationPath(const StorageIRI& destination)
+std::string destinationPath(const StorageIRI& destination)
 {
     if (destination.getScheme() != u"file" || destination.hasInnerIRI())
         throwProviderError(ErrorCode::UnsupportedOperation, destination, {ExceptionContext(u"cross-provider-move")});
@@ -239,7 +239,7 @@ public:
 
     // The xattrs of a path (links followed). A file system without xattrs, or an attribute that
     // vanishes between listing and reading, gives fewer entries, never an error.
-    static std::map<std::string, std::string> namedAttributesOf(const fl::filesystem::path& path,
+    static std::map<std::string, std::string> namedAttributesOf(const std::string& path,
                                                                 const StorageIRI& location)
     {
         std::map<std::string, std::string> named;
@@ -296,7 +296,7 @@ public:
 
     void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         struct timespec times[2];
         times[0].tv_sec = 0;
         times[0].tv_nsec = UTIME_OMIT;
@@ -308,7 +308,7 @@ public:
     // Writable: every class that may read may also write; not writable: nobody may write.
     void setWritable(const StorageIRI& location, bool writable) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         const mode_t mode = statOf(path, location).st_mode & 07777;
         mode_t changed = mode & ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
         if (writable)
@@ -319,7 +319,7 @@ public:
 
     void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()))
             fail(EFBIG, "truncate", location);
         if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0)
@@ -330,7 +330,7 @@ public:
 
     void createFile(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY | O_CLOEXEC, 0666));
         if (!file)
             fail(errno, "open", location);
@@ -340,14 +340,14 @@ public:
 
     void removeFile(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         if (::unlink(path.c_str()) != 0)
             fail(errno, "unlink", location);
     }
 
     void createFolder(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         if (::mkdir(path.c_str(), 0777) != 0)
             fail(errno, "mkdir", location);
     }
@@ -375,7 +375,7 @@ public:
 
     void removeFolder(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         if (::rmdir(path.c_str()) == 0)
             return;
         const int error = errno;
@@ -389,7 +389,7 @@ public:
 
     void removeFolderRecursively(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         if (!location.hasParent())
             throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(u"root")},
                                u"refusing to remove the root folder");
@@ -419,8 +419,8 @@ public:
 
     void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
-        const fl::filesystem::path source = nativePath(location);
-        const fl::filesystem::path target = destinationPath(destination);
+        const std::string source = nativePath(location);
+        const std::string target = destinationPath(destination);
         const struct stat sourceInfo = statOf(source, location);
         if (S_ISDIR(sourceInfo.st_mode))
             failKind(location, u"not-a-file");
@@ -448,8 +448,8 @@ public:
 
     void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
-        const fl::filesystem::path source = nativePath(location);
-        const fl::filesystem::path target = destinationPath(destination);
+        const std::string source = nativePath(location);
+        const std::string target = destinationPath(destination);
         if (!S_ISDIR(statOf(source, location).st_mode))
             failKind(location, u"not-a-folder");
         // rename() refuses it too (EINVAL), but would name the source: the destination is the
@@ -514,7 +514,7 @@ public:
 
     void flushFilesystem(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         FileDescriptor any(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         if (!any)
             fail(errno, "open", location);
@@ -538,7 +538,7 @@ public:
 
     ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override
     {
-        const fl::filesystem::path path = nativePath(location);
+        const std::string path = nativePath(location);
         struct statvfs info {};
         if (::statvfs(path.c_str(), &info) != 0)
             fail(errno, "statvfs", location);

@@ -77,6 +77,14 @@ std::string nativePath(const StorageIRI& location)
     return localPathText(location);
 }
 
+std::string parentOf(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
+}
+
+std::string lastNameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
 void fail(int error, const char* call, const StorageIRI& location)
 {
     Exception failure = posixError(error, call, location);

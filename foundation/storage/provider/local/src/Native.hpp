@@ -58,6 +58,11 @@ private:
 // The one way from an IRI to a local path. Refuses with InvalidLocation what fromStorageIRI refuses
 // (other schemes, remote authorities, NUL) and an IRI without a path.
 std::string nativePath(const StorageIRI& location);
+// The folder and the last name of a path as nativePath makes it (absolute and normalised): "/a/b"
+// gives "/a" and "b", "/a" gives "/" and "a". Plain string work: a std::filesystem::path would
+// split every component first.
+std::string parentOf(const std::string& path);
+std::string lastNameOf(const std::string& path);
 
 // The provider exception for a failed call, as throwPosixError builds it; a folder met where a file
 // was asked for (EISDIR) also carries "not-a-file".

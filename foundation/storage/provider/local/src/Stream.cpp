@@ -231,7 +231,7 @@ void TemporaryFile::discard() noexcept
 
 std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location)
 {
-    const fl::filesystem::path path = nativePath(location);
+    const std::string path = nativePath(location);
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
     if (!file)
         fail(errno, "open", location);
@@ -242,7 +242,7 @@ std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location)
 std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options)
 {
     checkOptions(options, location);
-    const fl::filesystem::path path = nativePath(location);
+    const std::string path = nativePath(location);
     const bool readable = options.access == ByteStreamAccess::ReadWrite;
     const bool append = options.writeAtPosition == 0;
     int flags = (readable ? O_RDWR : O_WRONLY) | O_NOCTTY | O_CLOEXEC;
@@ -263,7 +263,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
                                                                  const ByteStreamOpenOptions& options)
 {
     checkOptions(options, location);
-    const fl::filesystem::path path = nativePath(location);
+    const std::string path = nativePath(location);
     const bool readable = options.access == ByteStreamAccess::ReadWrite;
     const bool append = options.writeAtPosition == 0;
 
@@ -278,7 +278,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
             fail(EACCES, "open", location);
     }
 
-    FileDescriptor folder(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor folder(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         fail(errno, "open", location);
     auto temporary = std::make_unique<TemporaryFile>(folder.get(), location, ".vfs-tx-", O_RDWR, 0666);
@@ -296,7 +296,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
         fail(errno, "fcntl", location);
     temporary->close();
     Positioned file(std::move(own), location, readable, true, append);
-    return std::make_unique<LocalTransactionalStream>(std::move(folder), path.filename().native(), std::move(temporary),
+    return std::make_unique<LocalTransactionalStream>(std::move(folder), lastNameOf(path), std::move(temporary),
                                                       std::move(file));
 }
 
