@@ -33,6 +33,8 @@ constexpr std::size_t wholeFileChunk = std::size_t(1) << 30;
 // The read/write fallback's buffer: large and page-aligned, which the kernel copies fastest.
 constexpr std::size_t fallbackBufferSize = 1024 * 1024;
 constexpr std::size_t fallbackBufferAlignment = 4096;
+// From this size on, a copy that replaces nothing looks for its target before copying.
+constexpr off_t checkFirstFrom = 1024 * 1024;
 
 struct FreeDeleter {
     void operator()(void* memory) const noexcept { std::free(memory); }
@@ -129,11 +131,12 @@ bool fillTarget(int in, int out, const struct stat& sourceInfo, const CopyFileOp
 
 // The failure for a target that is already there when nothing may be replaced: a folder (or a link
 // to one) is "not-a-file"; a file or any link is in the way.
-[[noreturn]] void refuseExisting(const std::string& target, const struct stat& linkInfo, const StorageIRI& to)
+[[noreturn]] void refuseExisting(const char* target, const StorageIRI& to)
 {
+    struct stat linkInfo {};
     struct stat info {};
-    const bool folder =
-        S_ISDIR(linkInfo.st_mode) || (S_ISLNK(linkInfo.st_mode) && ::stat(target.c_str(), &info) == 0 && S_ISDIR(info.st_mode));
+    const bool folder = ::lstat(target, &linkInfo) == 0 &&
+                        (S_ISDIR(linkInfo.st_mode) || (S_ISLNK(linkInfo.st_mode) && ::stat(target, &info) == 0 && S_ISDIR(info.st_mode)));
     if (folder)
         throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"not-a-file")});
     throwPosixError(EEXIST, "lstat", to);
@@ -154,6 +157,8 @@ bool linkUnnamed(int fd, const char* target, const StorageIRI& to)
             unnamedLink.store(UnnamedLink::EmptyPath, std::memory_order_relaxed);
             return true;
         }
+        if (errno == EEXIST)
+            refuseExisting(target, to);
         // Without the capability the call answers ENOENT, as it does for a missing folder.
         if (method == UnnamedLink::EmptyPath || (errno != ENOENT && errno != EPERM))
             fail(errno, "linkat", to);
@@ -165,6 +170,8 @@ bool linkUnnamed(int fd, const char* target, const StorageIRI& to)
         return true;
     }
     const int error = errno;
+    if (error == EEXIST)
+        refuseExisting(target, to);
     if (error == ENOENT && method == UnnamedLink::Untried && ::access("/proc/self/fd", F_OK) != 0) {
         unnamedLink.store(UnnamedLink::Impossible, std::memory_order_relaxed);
         return false;
@@ -221,13 +228,12 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
         throwProviderError(ErrorCode::UnsupportedOperation, from, {ExceptionContext(u"not-a-regular-file")});
 
     if (policy == ReplacementPolicy::FailIfExists) {
-        // Checked before the content is copied, so that an existing target costs no copy; the
-        // final link or rename checks again.
+        // The final link or rename refuses a target that is there. A large file is checked first
+        // as well, so that an existing target costs no copy; for a small one the check would cost
+        // more than the copy it might save.
         struct stat linkInfo {};
-        if (::lstat(target.c_str(), &linkInfo) == 0)
-            refuseExisting(target, linkInfo, to);
-        if (errno != ENOENT)
-            fail(errno, "lstat", to);
+        if (sourceInfo.st_size >= checkFirstFrom && ::lstat(target.c_str(), &linkInfo) == 0)
+            refuseExisting(target.c_str(), to);
         if (const std::optional<TransactionStatus> status = copyUnnamed(in.get(), sourceInfo, target, options, from, to))
             return *status;
     } else {
@@ -259,12 +265,17 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
 
     if (policy == ReplacementPolicy::FailIfExists) {
         if (::renameat2(folder.get(), temporary.name().c_str(), folder.get(), name.c_str(), RENAME_NOREPLACE) != 0) {
+            if (errno == EEXIST)
+                refuseExisting(target.c_str(), to);
             if (errno != EINVAL && errno != ENOSYS)
                 fail(errno, "renameat2", to);
             // Without RENAME_NOREPLACE, a hard link is the atomic "create unless present"; the
             // temporary name goes with the guard.
-            if (::linkat(folder.get(), temporary.name().c_str(), folder.get(), name.c_str(), 0) != 0)
+            if (::linkat(folder.get(), temporary.name().c_str(), folder.get(), name.c_str(), 0) != 0) {
+                if (errno == EEXIST)
+                    refuseExisting(target.c_str(), to);
                 fail(errno, "linkat", to);
+            }
             return TransactionStatus::Completed;
         }
     } else if (::renameat(folder.get(), temporary.name().c_str(), folder.get(), name.c_str()) != 0) {

@@ -404,6 +404,33 @@ TEST_F(LocalProviderTest, ACopyReplacesTheTargetWholeAndAFailedOneLeavesNoTrace)
     EXPECT_EQ(namesOnDisk(folder), bothFiles);
 }
 
+TEST_F(LocalProviderTest, ACopyThatReplacesNothingRefusesWhateverStandsInItsWayAndLeavesItAlone)
+{
+    // A small source is refused when it is linked in, a large one before its content is copied.
+    for (const std::size_t size : {std::size_t(10), std::size_t(2) << 20}) {
+        SCOPED_TRACE(size);
+        const auto folder = dir.makeFolder("refusals-" + std::to_string(size));
+        const auto source = dir.writeFile("refusals-" + std::to_string(size) + "/source", std::string(size, 's'));
+        dir.writeFile("refusals-" + std::to_string(size) + "/file", "kept");
+        std::filesystem::create_directory(folder / "folder");
+        std::filesystem::create_directory_symlink(folder / "folder", folder / "to-folder");
+        std::filesystem::create_symlink(folder / "nowhere", folder / "dangling");
+        const std::set<std::string> before = namesOnDisk(folder);
+        for (const auto& [name, contexts] :
+             {std::pair{"file", std::vector<std::string>{"lstat", "EEXIST"}}, {"dangling", {"lstat", "EEXIST"}},
+              {"folder", {"not-a-file"}}, {"to-folder", {"not-a-file"}}}) {
+            SCOPED_TRACE(name);
+            const auto error = providerError([&] { local->copyFile(at(source), *local, at(folder / name), CopyFileOptions{}); });
+            ASSERT_TRUE(error.has_value());
+            EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceAlreadyExists);
+            EXPECT_EQ(contextKeys(*error), contexts);
+        }
+        EXPECT_EQ(contentOf(folder / "file"), "kept");
+        EXPECT_TRUE(std::filesystem::is_symlink(folder / "dangling"));
+        EXPECT_EQ(namesOnDisk(folder), before) << "no temporary file left";
+    }
+}
+
 TEST_F(LocalProviderTest, CopyRefusesSpecialFilesAtOnce)
 {
     const auto fifo = dir / "fifo";
