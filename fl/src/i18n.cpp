@@ -128,6 +128,22 @@ conversion_error::conversion_error(const std::string& what, std::size_t offset)
 
 namespace {
 
+#if defined(__SSE2__)
+// Calls `convertEight(at)` for the units at, at + 8, ... while it converts them (all ASCII) and there
+// are eight left, then once for the last eight when fewer remain, overlapping units already known to
+// be ASCII. Returns the length of the ASCII run converted from `from`.
+template <class ConvertEight>
+std::size_t convertByEights(std::size_t from, std::size_t size, ConvertEight convertEight)
+{
+    std::size_t i = from;
+    while (i + 8 <= size && convertEight(i))
+        i += 8;
+    if (size >= 8 && size - i < 8 && i != size && convertEight(size - 8))
+        i = size;
+    return i;
+}
+#endif
+
 // Narrows the leading ASCII run of `text` into `to` (room for all of it); returns its length.
 std::size_t narrowAsciiPrefix(std::u16string_view text, char* to) noexcept
 {
@@ -145,11 +161,7 @@ std::size_t narrowAsciiPrefix(std::u16string_view text, char* to) noexcept
         _mm_storel_epi64(reinterpret_cast<__m128i*>(to + at), _mm_packus_epi16(units, units));
         return true;
     };
-    for (; i + 8 <= size && narrowEight(i); i += 8) {
-    }
-    // A tail shorter than eight after a run that reached it: the last eight units again.
-    if (size >= 8 && size - i < 8 && i != size && narrowEight(size - 8))
-        i = size;
+    i = convertByEights(i, size, narrowEight);
 #endif
     for (; i < size && from[i] < 0x80; ++i)
         to[i] = static_cast<char>(from[i]);
@@ -214,12 +226,7 @@ std::size_t widenAsciiPrefix(std::string_view text, ustring& out)
         _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), _mm_unpacklo_epi8(bytes, zero));
         return true;
     };
-    for (; i + 8 <= size && widenEight(i); i += 8) {
-    }
-    // A tail shorter than eight after a run that reached it: the last eight bytes again, overlapping
-    // bytes already known to be ASCII.
-    if (size >= 8 && size - i < 8 && i != size && widenEight(size - 8))
-        i = size;
+    i = convertByEights(i, size, widenEight);
 #else
     for (std::uint64_t word; i + 8 <= text.size(); i += 8) {
         std::memcpy(&word, from + i, sizeof word);

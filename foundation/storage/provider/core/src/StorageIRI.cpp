@@ -409,52 +409,51 @@ DataPtr lazyChild(const std::shared_ptr<const Data>& base, ustring name)
     return data;
 }
 
-std::mutex& compositionLock(const Data& data)
+// Runs `compose(out, base)` once for the lazy child `data`, under a lock of its own, unless `done`
+// says it has run: `base` is the child's base as `ready` makes it, first and outside any lock (it
+// may be a lazy child itself). `compose` sets `done` when it has finished.
+template <class Ready, class Compose>
+const Data& composeOnce(const Data& data, const std::atomic<bool>& done, Ready ready, Compose compose) noexcept
 {
+    if (done.load(std::memory_order_acquire))
+        return data;
+    const Data& base = ready(*data.base);
     static std::array<std::mutex, 16> locks;
-    return locks[std::hash<const void*>{}(&data) % locks.size()];
+    std::lock_guard lock(locks[std::hash<const void*>{}(&data) % locks.size()]);
+    if (done.load(std::memory_order_relaxed))
+        return data;
+    // Only ever made by lazyChild(), as a non-const object: writing before publication is sound.
+    compose(const_cast<Data&>(data), base);
+    return data;
+}
+
+// Starts a child's path or text: the base's, then a separator unless the base is the root.
+void beginChild(ustring& out, const ustring& ofBase, const Data& base, std::size_t nameSize)
+{
+    out.reserve(ofBase.size() + 1 + nameSize);
+    out.append(ofBase);
+    if (base.path.size() != 1)
+        out.push_back(u'/');
 }
 
 const Data& pathComposed(const Data& data) noexcept
 {
-    if (data.pathComposed.load(std::memory_order_acquire))
-        return data;
-    // The base first, outside any lock: it may be a lazy child itself.
-    const Data& base = pathComposed(*data.base);
-    std::lock_guard lock(compositionLock(data));
-    if (data.pathComposed.load(std::memory_order_relaxed))
-        return data;
-    // Only ever made by lazyChild(), as a non-const object: writing before publication is sound.
-    auto& out = const_cast<Data&>(data);
-    const bool atRoot = base.path.size() == 1;
-    out.path.reserve(base.path.size() + 1 + data.name.size());
-    out.path.append(base.path);
-    if (!atRoot)
-        out.path.push_back(u'/');
-    out.path.append(data.name);
-    out.pathComposed.store(true, std::memory_order_release);
-    return data;
+    return composeOnce(data, data.pathComposed, pathComposed, [](Data& out, const Data& base) {
+        beginChild(out.path, base.path, base, out.name.size());
+        out.path.append(out.name);
+        out.pathComposed.store(true, std::memory_order_release);
+    });
 }
 
 const Data& composed(const Data& data) noexcept
 {
-    if (data.composed.load(std::memory_order_acquire))
-        return data;
     pathComposed(data);
-    const Data& base = composed(*data.base);
-    std::lock_guard lock(compositionLock(data));
-    if (data.composed.load(std::memory_order_relaxed))
-        return data;
-    auto& out = const_cast<Data&>(data);
-    const bool atRoot = base.path.size() == 1;
-    out.text.reserve(base.text.size() + 1 + data.name.size());
-    out.text.append(base.text);
-    if (!atRoot)
-        out.text.push_back(u'/');
-    encode(out.text, data.name, Part::Path);
-    out.hash = hashText(out.text);
-    out.composed.store(true, std::memory_order_release);
-    return data;
+    return composeOnce(data, data.composed, composed, [](Data& out, const Data& base) {
+        beginChild(out.text, base.text, base, out.name.size());
+        encode(out.text, out.name, Part::Path);
+        out.hash = hashText(out.text);
+        out.composed.store(true, std::memory_order_release);
+    });
 }
 
 bool equalsIgnoringCase(std::u16string_view a, std::u16string_view b) noexcept
