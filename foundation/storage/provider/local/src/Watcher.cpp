@@ -94,6 +94,12 @@ struct Watcher::Core {
     std::mutex mutex;
     std::map<Key, Watch> watches;
     std::map<int, Folder> folders;
+    // Entries that the scan of a new folder reported as created, by watch and path. An entry made
+    // between the folder's inotify_add_watch and its scan is also in the kernel's queue as IN_CREATE;
+    // the whole queue is read before the next batch is handled, so such an event arrives at the
+    // latest with the next batch, and the marks of one batch are dropped after the next.
+    std::set<std::pair<Key, std::string>> scanned;
+    std::set<std::pair<Key, std::string>> scannedBefore;
     bool stopping = false;
     std::thread thread;
 
@@ -161,8 +167,10 @@ struct Watcher::Core {
                     isFolder = ::fstatat(::dirfd(dir), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
                 }
                 const StorageIRI childLocation(folderLocation, *name);
-                if (found)
+                if (found) {
                     found->emplace_back(childLocation, isFolder);
+                    scanned.emplace(key, folderPath + '/' + entry->d_name);
+                }
                 if (!isFolder)
                     continue;
                 const std::string childPath = folderPath + '/' + entry->d_name;
@@ -206,6 +214,7 @@ struct Watcher::Core {
 
     void translate(const std::vector<Raw>& batch, std::vector<Call>& calls)
     {
+        scannedBefore = std::exchange(scanned, {});
         // Both halves of a rename read together name each other.
         std::map<std::uint32_t, std::pair<std::optional<StorageIRI>, std::optional<StorageIRI>>> renames;
         for (const Raw& raw : batch) {
@@ -315,6 +324,10 @@ struct Watcher::Core {
                     emit(calls, watch, report(*kind, key.first, key.first, isFolder, extra));
                 continue;
             }
+            // The creation of an entry a scan has reported already (any other event for the path
+            // means the scan's entry has changed since, and drops the mark).
+            if (!scannedBefore.empty() && scannedBefore.erase({key, path}) != 0 && *kind == events::Kind::Created)
+                continue;
             emit(calls, watch, report(*kind, key.first, changed, isFolder, extra));
             if (!watch.recursive || !isFolder)
                 continue;

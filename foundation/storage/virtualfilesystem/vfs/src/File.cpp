@@ -49,6 +49,12 @@ File::File(const Folder& parent, const ustring& name)
 
 File::~File() = default;
 
+const provider::StorageItem& File::live() const
+{
+    static_cast<void>(m_storageSystem.lock());
+    return m_item;
+}
+
 File detail::HandleAccess::makeChildFile(const Folder& parent, ustring name)
 {
     return File(translated([&] { return provider::StorageItem(parent.m_item, std::move(name)); }),
@@ -63,7 +69,7 @@ AbsoluteIRI File::getLocation() const
 CanonicalAbsoluteIRI File::getCanonicalLocation() const
 {
     return detail::translated([&] {
-        return detail::IRIAccess::makeCanonical(m_canonical ? m_item.getLocation() : m_item.getCanonicalLocation());
+        return detail::IRIAccess::makeCanonical(m_canonical ? m_item.getLocation() : live().getCanonicalLocation());
     });
 }
 
@@ -95,7 +101,7 @@ StorageSystemReference File::getStorageSystem() const { return m_storageSystem; 
 bool File::fileExists() const
 {
     try {
-        return m_item.fileExists();
+        return live().fileExists();
     } catch (const provider::Exception& error) {
         if (error.getErrorCode() == provider::ErrorCode::ResourceNotFound)
             return false;
@@ -107,37 +113,37 @@ bool File::fileExists() const
 
 provider::FileAttributes File::getAttributes() const
 {
-    return detail::translated([&] { return m_item.getFileAttributes(); });
+    return detail::translated([&] { return live().getFileAttributes(); });
 }
 
 provider::ExtendedAttributes File::getExtendedAttributes() const
 {
-    return detail::translated([&] { return m_item.getExtendedAttributes(); });
+    return detail::translated([&] { return live().getExtendedAttributes(); });
 }
 
 void File::createFile() const
 {
-    detail::translated([&] { m_item.createFile(); });
+    detail::translated([&] { live().createFile(); });
 }
 
 void File::removeFile() const
 {
-    detail::translated([&] { m_item.removeFile(); });
+    detail::translated([&] { live().removeFile(); });
 }
 
 void File::setLastModified(const boost::posix_time::ptime& time) const
 {
-    detail::translated([&] { m_item.setLastModified(time); });
+    detail::translated([&] { live().setLastModified(time); });
 }
 
 void File::setWritable(bool writable) const
 {
-    detail::translated([&] { m_item.setWritable(writable); });
+    detail::translated([&] { live().setWritable(writable); });
 }
 
 void File::truncateToSize(std::uint64_t size) const
 {
-    detail::translated([&] { m_item.truncateToSize(size); });
+    detail::translated([&] { live().truncateToSize(size); });
 }
 
 void File::moveFile(const File& destination, const provider::ReplacementPolicy& policy) const
@@ -165,14 +171,14 @@ provider::TransactionStatus File::doCopyFile(const File& destination, const prov
     // appears; across schemes the target storage's own time stands: the two may not even keep
     // times alike.
     forwarded.keepLastModified = destination.getLocation().getScheme() == getLocation().getScheme();
-    return m_item.copyFile(destination.m_item, forwarded);
+    return live().copyFile(destination.m_item, forwarded);
 }
 
 void File::doMoveFile(const File& destination, const provider::ReplacementPolicy& policy) const
 {
     const ReplacementPolicy forwarded = forProvider(policy);
     if (m_item.getScheme() == destination.m_item.getScheme()) {
-        m_item.moveFile(destination.m_item.getLocation(), forwarded);
+        live().moveFile(destination.m_item.getLocation(), forwarded);
         return;
     }
     copyFile(destination, forwarded);
@@ -194,17 +200,17 @@ std::ostream& operator<<(std::ostream& out, const File& file) { return out << fi
 
 provider::ByteStreamDevice File::open(const provider::ByteStreamOpenOptions& options) const
 {
-    return detail::translated([&] { return provider::ByteStreamDevice(m_item.openStream(options)); });
+    return detail::translated([&] { return provider::ByteStreamDevice(live().openStream(options)); });
 }
 
 provider::ByteStreamDevice File::openReadOnly() const
 {
-    return detail::translated([&] { return provider::ByteStreamDevice(m_item.openReadOnlyStream()); });
+    return detail::translated([&] { return provider::ByteStreamDevice(live().openReadOnlyStream()); });
 }
 
 provider::TransactionalStreamDevice File::openTransactionalStream(const provider::ByteStreamOpenOptions& options) const
 {
-    return detail::translated([&] { return provider::TransactionalStreamDevice(m_item.openTransactionalStream(options)); });
+    return detail::translated([&] { return provider::TransactionalStreamDevice(live().openTransactionalStream(options)); });
 }
 
 } // namespace foundation::storage::vfs

@@ -127,6 +127,12 @@ Folder& Folder::operator=(Folder&& other) noexcept
 
 Folder::~Folder() = default;
 
+const provider::StorageItem& Folder::live() const
+{
+    static_cast<void>(m_storageSystem.lock());
+    return m_item;
+}
+
 ustring Folder::getName() const { return m_item.getName(); }
 
 bool Folder::hasParent() const noexcept { return m_item.hasParent(); }
@@ -141,7 +147,7 @@ AbsoluteIRI Folder::getLocation() const
 CanonicalAbsoluteIRI Folder::getCanonicalLocation() const
 {
     return detail::translated([&] {
-        return detail::IRIAccess::makeCanonical(m_canonical ? m_item.getLocation() : m_item.getCanonicalLocation());
+        return detail::IRIAccess::makeCanonical(m_canonical ? m_item.getLocation() : live().getCanonicalLocation());
     });
 }
 
@@ -150,7 +156,7 @@ StorageSystemReference Folder::getStorageSystem() const { return m_storageSystem
 bool Folder::folderExists() const
 {
     try {
-        return m_item.folderExists();
+        return live().folderExists();
     } catch (const provider::Exception& error) {
         if (error.getErrorCode() == ProviderCode::ResourceNotFound)
             return false;
@@ -162,24 +168,24 @@ bool Folder::folderExists() const
 
 void Folder::createFolder() const
 {
-    detail::translated([&] { m_item.createFolder(); });
+    detail::translated([&] { live().createFolder(); });
 }
 
 void Folder::createFolderRecursive() const
 {
-    detail::translated([&] { m_item.createFolderRecursive(); });
+    detail::translated([&] { live().createFolderRecursive(); });
 }
 
 void Folder::removeFolder(const FolderRemovalPolicy& policy) const
 {
     const bool native = detail::translated([&] {
         if (policy == FolderRemovalPolicy::NonRecursive) {
-            m_item.removeFolder();
+            live().removeFolder();
             return true;
         }
-        if (!m_item.hasFeature(provider::ExtendedFeature::RecursiveRemoval))
+        if (!live().hasFeature(provider::ExtendedFeature::RecursiveRemoval))
             return false;
-        m_item.removeFolderRecursively();
+        live().removeFolderRecursively();
         return true;
     });
     if (!native)
@@ -201,7 +207,7 @@ void Folder::moveFolder(const Folder& destination, const provider::ReplacementPo
 {
     if (destination.m_item.getScheme() == m_item.getScheme()) {
         try {
-            m_item.moveFolder(destination.m_item.getLocation(), folderPolicyForProvider(policy));
+            live().moveFolder(destination.m_item.getLocation(), folderPolicyForProvider(policy));
             return;
         } catch (const provider::Exception& error) {
             if (!moveFallsBack(error.getErrorCode(), policy))
@@ -216,37 +222,37 @@ void Folder::moveFolder(const Folder& destination, const provider::ReplacementPo
 
 provider::FolderAttributes Folder::getAttributes() const
 {
-    return detail::translated([&] { return m_item.getFolderAttributes(); });
+    return detail::translated([&] { return live().getFolderAttributes(); });
 }
 
 provider::ExtendedAttributes Folder::getExtendedAttributes() const
 {
-    return detail::translated([&] { return m_item.getExtendedAttributes(); });
+    return detail::translated([&] { return live().getExtendedAttributes(); });
 }
 
 void Folder::setLastModified(const boost::posix_time::ptime& time) const
 {
-    detail::translated([&] { m_item.setLastModified(time); });
+    detail::translated([&] { live().setLastModified(time); });
 }
 
 void Folder::setWritable(bool writable) const
 {
-    detail::translated([&] { m_item.setWritable(writable); });
+    detail::translated([&] { live().setWritable(writable); });
 }
 
 void Folder::flushFilesystem()
 {
-    detail::translated([&] { m_item.flushFilesystem(); });
+    detail::translated([&] { live().flushFilesystem(); });
 }
 
 provider::FilenameSensitivity Folder::getFilenameSensitivity() const
 {
-    return detail::translated([&] { return m_item.getFilenameSensitivity(); });
+    return detail::translated([&] { return live().getFilenameSensitivity(); });
 }
 
 PathComparator Folder::getPathComparator() const
 {
-    return detail::translated([&] { return PathComparator(m_item.getPathComparator()); });
+    return detail::translated([&] { return PathComparator(live().getPathComparator()); });
 }
 
 void Folder::swap(Folder& other) noexcept

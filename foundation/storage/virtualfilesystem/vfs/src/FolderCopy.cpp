@@ -72,7 +72,10 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
 {
     const File target(*m_current, source.getName());
-    const bool merging = m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
+    // ReplaceIfNewer merges too: the provider compares the two times and skips an older source.
+    const bool merging = m_policy == ReplacementPolicy::MergeFolders ||
+                         m_policy == ReplacementPolicy::MergeCollectingFailures ||
+                         m_policy == ReplacementPolicy::ReplaceIfNewer;
     try {
         // Not synced file by file: a move flushes the destination once, at the end, before the
         // source goes; a plain copy is left to the caller's flushFilesystem(), as cp leaves it.

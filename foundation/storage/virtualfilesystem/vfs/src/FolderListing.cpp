@@ -553,7 +553,7 @@ std::shared_ptr<detail::IFolderIteratorImpl<T>> recursiveListing(const Folder& f
 
 FolderListing<ListEntry> Folder::listAllRecursive(ustring pattern) const
 {
-    return FolderListing<ListEntry>(recursiveListing<ListEntry>(*this, m_item, std::move(pattern), [&](const ustring& asked) {
+    return FolderListing<ListEntry>(recursiveListing<ListEntry>(*this, live(), std::move(pattern), [&](const ustring& asked) {
         return doListAllRecursive_provider_specialization(asked);
     }));
 }
@@ -561,50 +561,50 @@ FolderListing<ListEntry> Folder::listAllRecursive(ustring pattern) const
 FolderListing<boost::variant<FileEntry, FolderEntry>> Folder::listAllEntriesRecursive(ustring pattern) const
 {
     return FolderListing<boost::variant<FileEntry, FolderEntry>>(recursiveListing<boost::variant<FileEntry, FolderEntry>>(
-        *this, m_item, std::move(pattern),
+        *this, live(), std::move(pattern),
         [&](const ustring& asked) { return doListAllEntriesRecursive_provider_specialization(asked); }));
 }
 
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListAllRecursive_provider_specialization(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listAllRecursiveNamesOnly(std::move(pattern)); });
+    return detail::translated([&] { return live().listAllRecursiveNamesOnly(std::move(pattern)); });
 }
 
 std::unique_ptr<provider::IFolderEntryIterator>
 Folder::doListAllEntriesRecursive_provider_specialization(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listAllRecursive(std::move(pattern)); });
+    return detail::translated([&] { return live().listAllRecursive(std::move(pattern)); });
 }
 
 // Names-only listings for the element types that carry no attributes; full listings for entries.
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListAll(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listAllNamesOnly(std::move(pattern)); });
+    return detail::translated([&] { return live().listAllNamesOnly(std::move(pattern)); });
 }
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListAllEntries(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listAll(std::move(pattern)); });
+    return detail::translated([&] { return live().listAll(std::move(pattern)); });
 }
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListFiles(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listFilesNamesOnly(std::move(pattern)); });
+    return detail::translated([&] { return live().listFilesNamesOnly(std::move(pattern)); });
 }
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListFileEntries(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listFiles(std::move(pattern)); });
+    return detail::translated([&] { return live().listFiles(std::move(pattern)); });
 }
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListFolders(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listFoldersNamesOnly(std::move(pattern)); });
+    return detail::translated([&] { return live().listFoldersNamesOnly(std::move(pattern)); });
 }
 std::unique_ptr<provider::IFolderEntryIterator> Folder::doListFolderEntries(ustring pattern) const
 {
-    return detail::translated([&] { return m_item.listFolders(std::move(pattern)); });
+    return detail::translated([&] { return live().listFolders(std::move(pattern)); });
 }
 
 bool Folder::providerSupportsFlatWildcardListing() const
 {
-    return detail::translated([&] { return m_item.hasFeature(provider::ExtendedFeature::FlatWildcardListing); });
+    return detail::translated([&] { return live().hasFeature(provider::ExtendedFeature::FlatWildcardListing); });
 }
 
 } // namespace foundation::storage::vfs

@@ -34,7 +34,7 @@ using AnyEntry = boost::variant<FileEntry, FolderEntry>;
 class Children {
 public:
     explicit Children(const Folder& folder)
-        : m_at(folder, detail::translated([&] { return detail::HandleAccess::item(folder).listAllNamesOnly(ustring()); })),
+        : m_at(folder, detail::translated([&] { return detail::HandleAccess::liveItem(folder).listAllNamesOnly(ustring()); })),
           m_end(folder)
     {
     }
@@ -61,7 +61,7 @@ using Trail = std::shared_ptr<const LinkTrail>;
 // back round. Costs one request per folder, and the canonical locations only at links.
 Trail enter(const Folder& folder, const Trail& trail)
 {
-    const auto kind = detail::translated([&] { return detail::HandleAccess::item(folder).existsExtended(); });
+    const auto kind = detail::translated([&] { return detail::HandleAccess::liveItem(folder).existsExtended(); });
     if (kind != provider::ExistenceTypeExtended::LinkToFolder)
         return trail;
     const CanonicalAbsoluteIRI target = folder.getCanonicalLocation();

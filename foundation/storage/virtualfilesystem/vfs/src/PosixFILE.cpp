@@ -6,6 +6,8 @@
 #include <boost/throw_exception.hpp>
 
 #include <cerrno>
+#include <cstdio>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -304,13 +306,22 @@ PosixFILE* adaptPosixFile(FILE* file, bool owns)
 
 namespace {
 
+// The C library buffers a cookie stream itself, and has no flush call for the cookie: a write it
+// passes down must reach the storage at once, or fflush() would leave the bytes in the adapter's
+// buffer and report a full storage only at fclose(). Its buffer is given the adapter's size, so that
+// the storage still sees large writes.
+struct Cookie {
+    std::unique_ptr<PosixFILE> file;
+    std::unique_ptr<char[]> buffer = std::make_unique<char[]>(static_cast<std::size_t>(BufferedIODevice::bufferSize));
+};
+
 ssize_t cookieRead(void* cookie, char* buffer, std::size_t size)
 {
-    auto* file = static_cast<PosixFILE*>(cookie);
-    const std::size_t got = file->fread(buffer, 1, size);
-    if (got == 0 && file->ferror()) {
-        errno = file->ferror();
-        file->clearerr();
+    PosixFILE& file = *static_cast<Cookie*>(cookie)->file;
+    const std::size_t got = file.fread(buffer, 1, size);
+    if (got == 0 && file.ferror()) {
+        errno = file.ferror();
+        file.clearerr();
         return -1;
     }
     return static_cast<ssize_t>(got);
@@ -319,24 +330,25 @@ ssize_t cookieRead(void* cookie, char* buffer, std::size_t size)
 // The C library takes a short count for an error; errno says which.
 ssize_t cookieWrite(void* cookie, const char* buffer, std::size_t size)
 {
-    auto* file = static_cast<PosixFILE*>(cookie);
-    const std::size_t put = file->fwrite(buffer, 1, size);
-    if (file->ferror()) {
-        errno = file->ferror();
-        file->clearerr();
-    }
-    return static_cast<ssize_t>(put);
+    PosixFILE& file = *static_cast<Cookie*>(cookie)->file;
+    const std::size_t put = file.fwrite(buffer, 1, size);
+    if (put == size && !file.ferror() && file.fflush() == 0)
+        return static_cast<ssize_t>(put);
+    errno = file.ferror() ? file.ferror() : EIO;
+    file.clearerr();
+    // All of it taken but not stored: an error; the device keeps the bytes and tries again at close.
+    return put == size ? -1 : static_cast<ssize_t>(put);
 }
 
 int cookieSeek(void* cookie, off64_t* offset, int whence)
 {
-    auto* file = static_cast<PosixFILE*>(cookie);
-    if (const int error = file->fseek(*offset, whence)) {
-        file->clearerr();
+    PosixFILE& file = *static_cast<Cookie*>(cookie)->file;
+    if (const int error = file.fseek(*offset, whence)) {
+        file.clearerr();
         errno = error;
         return -1;
     }
-    const std::int64_t position = file->ftell();
+    const std::int64_t position = file.ftell();
     if (position < 0)
         return -1;
     *offset = position;
@@ -345,9 +357,8 @@ int cookieSeek(void* cookie, off64_t* offset, int whence)
 
 int cookieClose(void* cookie)
 {
-    auto* file = static_cast<PosixFILE*>(cookie);
-    const int error = file->fclose();
-    delete file;
+    const std::unique_ptr<Cookie> owned(static_cast<Cookie*>(cookie));
+    const int error = owned->file->fclose();
     if (error) {
         errno = error;
         return -1;
@@ -359,14 +370,16 @@ int cookieClose(void* cookie)
 
 FILE* openCFile(File file, const char* mode)
 {
-    std::unique_ptr<PosixFILE> adapter(openPosixFile(std::move(file), mode));
+    auto cookie = std::make_unique<Cookie>();
+    cookie->file.reset(openPosixFile(std::move(file), mode));
     const cookie_io_functions_t functions{cookieRead, cookieWrite, cookieSeek, cookieClose};
     // The C library reads a "b" only in a few places ("bw" it refuses, "rbb+" it takes as "r"), so
     // it gets the mode the adapter was opened with, without them.
-    FILE* opened = ::fopencookie(adapter.get(), withoutB(mode).c_str(), functions);
+    FILE* opened = ::fopencookie(cookie.get(), withoutB(mode).c_str(), functions);
     if (!opened)
         throw std::bad_alloc();
-    adapter.release();
+    std::setvbuf(opened, cookie->buffer.get(), _IOFBF, static_cast<std::size_t>(BufferedIODevice::bufferSize));
+    cookie.release();
     return opened;
 }
 

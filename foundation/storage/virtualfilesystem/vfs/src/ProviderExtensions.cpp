@@ -24,7 +24,7 @@ void withCapability(const AbsoluteIRI& location, const StorageSystemReference& s
 template <class Call>
 void onWholeProvider(const Folder& folder, Call call)
 {
-    const auto& item = detail::HandleAccess::item(folder);
+    const auto& item = detail::HandleAccess::liveItem(folder);
     try {
         call(item);
     } catch (const provider::Exception& error) {
@@ -61,7 +61,7 @@ void shutdownProvider(Folder& folder)
 
 provider::ProviderStorageInfo getStorageInfo(const Folder& folder)
 {
-    return detail::translated([&] { return detail::HandleAccess::item(folder).getProviderStorageInfo(); });
+    return detail::translated([&] { return detail::HandleAccess::liveItem(folder).getProviderStorageInfo(); });
 }
 
 void invalidateFolder(const Folder& folder)

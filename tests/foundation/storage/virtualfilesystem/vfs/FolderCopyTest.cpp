@@ -136,9 +136,15 @@ TEST_P(FolderCopyTest, PoliciesMeetAnExistingDestination)
     EXPECT_EQ(treeOf(work.folder(u"d2")), (Names{u"empty", u"extra", u"f", u"sub", u"sub/g"}));
     EXPECT_EQ(work.file(u"d2/f").getAttributes().getSize(), 3u);
 
-    src.copyFolder(prepare(u"d4"), ReplacementPolicy::ReplaceIfNewer);
-    EXPECT_EQ(work.file(u"d4/f").getAttributes().getSize(), 1u); // existing files are left alone
-    EXPECT_TRUE(work.file(u"d4/sub/g").fileExists());
+    // A newer target file is kept (d4/f), an older one replaced (d4/sub/g, 1 byte from 2000).
+    const vfs::Folder d4 = prepare(u"d4");
+    work.folder(u"d4/sub").createFolder();
+    work.file(u"d4/sub/g").createFile();
+    work.file(u"d4/sub/g").truncateToSize(1);
+    work.file(u"d4/sub/g").setLastModified(boost::posix_time::time_from_string("2000-01-01 00:00:00"));
+    src.copyFolder(d4, ReplacementPolicy::ReplaceIfNewer);
+    EXPECT_EQ(work.file(u"d4/f").getAttributes().getSize(), 1u);
+    EXPECT_EQ(work.file(u"d4/sub/g").getAttributes().getSize(), 0u);
 
     // Permission failures are put aside and reported together once the rest is copied.
     faults().addFault({ProviderOperation::CopyFile, provider::StorageIRI(work.location(u"src/sub/g").toString()),

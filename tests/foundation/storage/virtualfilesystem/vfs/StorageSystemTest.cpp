@@ -1,4 +1,7 @@
 #include <foundation/storage/vfs/Exception.hpp>
+#include <foundation/storage/vfs/Folder.hpp>
+#include <foundation/storage/vfs/FolderListing.hpp>
+#include <foundation/storage/vfs/IODevice.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
 
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
@@ -116,16 +119,22 @@ TEST(StorageSystemReferenceTest, ResolvesTheLiveSystemForwardsAndNeverKeepsItAli
 
 TEST(StorageSystemReferenceTest, DestroyedSystemFailsEveryOperationButShutdownAndComparison)
 {
-    std::weak_ptr<StorageSystem> gone;
-    std::weak_ptr<StorageSystem> alsoGone;
-    {
-        auto system = std::make_shared<TestSystem>();
-        auto other = std::make_shared<TestSystem>();
-        gone = system;
-        alsoGone = other;
-    }
-    const StorageSystemReference ref{gone};
-    const StorageSystemReference other{alsoGone};
+    // A reference is made from an owner that stays, never from a temporary one.
+    static_assert(std::is_constructible_v<StorageSystemReference, std::shared_ptr<TestSystem>&>);
+    static_assert(!std::is_constructible_v<StorageSystemReference, std::shared_ptr<TestSystem>>);
+    auto system = std::make_shared<TestSystem>();
+    auto gone = std::make_shared<TestSystem>();
+    const StorageSystemReference ref{system};
+    const StorageSystemReference other{gone};
+    // Handles made while the system lived hold its provider, and still fail.
+    const vfs::File file(AbsoluteIRI{u"mem://v/f"}, ref);
+    const vfs::Folder folder(AbsoluteIRI{u"mem://v/"}, ref);
+    file.createFile();
+    system.reset();
+    gone.reset();
+    EXPECT_EQ(runtimeErrorFrom([&] { file.getAttributes(); }), destroyedMessage);
+    EXPECT_EQ(runtimeErrorFrom([&] { vfs::IODevice device(file); }), destroyedMessage);
+    EXPECT_EQ(runtimeErrorFrom([&] { folder.listFiles(u"").begin(); }), destroyedMessage);
 
     EXPECT_EQ(runtimeErrorFrom([&] { ref.lock(); }), destroyedMessage);
     EXPECT_EQ(runtimeErrorFrom([&] { Access::buildProvider(ref, anywhere); }), destroyedMessage);

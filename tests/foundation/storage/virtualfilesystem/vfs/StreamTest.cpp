@@ -167,6 +167,8 @@ TEST_P(StreamTest, CFileOverAStorageFile)
     ASSERT_NE(out, nullptr);
     std::fprintf(out, "%d lines\n", 2);
     std::fputs("second\n", out);
+    EXPECT_EQ(std::fflush(out), 0);
+    EXPECT_EQ(file.getAttributes().getSize(), 15u); // written through, before fclose
     EXPECT_EQ(std::fclose(out), 0);
 
     FILE* in = vfs::openCFile(file, "r");
@@ -201,8 +203,9 @@ TEST_P(StreamTest, CFileOverAStorageFile)
         FILE* full = vfs::openCFile(folder.file(u"full.txt"), "w");
         std::fputs(std::string(100, 'x').c_str(), full);
         errno = 0;
-        EXPECT_NE(std::fclose(full), 0);
+        EXPECT_EQ(std::fflush(full), EOF);
         EXPECT_EQ(errno, ENOSPC);
+        std::fclose(full);
     }
 }
 

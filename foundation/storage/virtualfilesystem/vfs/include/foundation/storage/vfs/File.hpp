@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fl/i18n/ustring.hpp>
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/events/Event.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
@@ -10,6 +11,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 #include <vector>
 
 namespace foundation::storage::vfs {
@@ -54,6 +56,8 @@ public:
     CanonicalAbsoluteIRI getCanonicalLocation() const;
     // The last segment of the location; these four never reach the storage.
     ustring getName() const;
+    // getName() in UTF-8, for printing (what is not Unicode becomes U+FFFD).
+    std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     // The name without its last extension; a name whose only dot leads it is its own stem.
     ustring getStem() const;
     // The last extension with its dot ("" without one); ".profile" is its own extension.
@@ -114,6 +118,10 @@ private:
     provider::ByteStreamDevice open(const provider::ByteStreamOpenOptions& options) const;
     provider::ByteStreamDevice openReadOnly() const;
     provider::TransactionalStreamDevice openTransactionalStream(const provider::ByteStreamOpenOptions& options) const;
+
+    // The item, for an operation that reaches the provider: throws std::runtime_error "StorageSystem
+    // has been destroyed" once the storage system has gone, although the item still holds a provider.
+    const provider::StorageItem& live() const;
 
     provider::StorageItem m_item;
     StorageSystemReference m_storageSystem;

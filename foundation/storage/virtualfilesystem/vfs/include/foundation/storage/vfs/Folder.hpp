@@ -88,6 +88,8 @@ public:
 
     // The last segment of the location; never reaches the storage.
     ustring getName() const;
+    // getName() in UTF-8, for printing (what is not Unicode becomes U+FFFD).
+    std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     bool hasParent() const noexcept;
     // The root's parent is the root.
     Folder getParent() const;
@@ -124,20 +126,20 @@ public:
 
     // Listings of the direct children, evaluated lazily and re-iterable. A non-empty `pattern`
     // ('*' and '?') keeps only the names that match it.
-    FolderListing<ListEntry> listAll(ustring pattern) const;
-    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntries(ustring pattern) const;
-    FolderListing<File> listFiles(ustring pattern) const;
-    FolderListing<FileEntry> listFileEntries(ustring pattern) const;
-    FolderListing<Folder> listFolders(ustring pattern) const;
-    FolderListing<FolderEntry> listFolderEntries(ustring pattern) const;
+    FolderListing<ListEntry> listAll(ustring pattern = {}) const;
+    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntries(ustring pattern = {}) const;
+    FolderListing<File> listFiles(ustring pattern = {}) const;
+    FolderListing<FileEntry> listFileEntries(ustring pattern = {}) const;
+    FolderListing<Folder> listFolders(ustring pattern = {}) const;
+    FolderListing<FolderEntry> listFolderEntries(ustring pattern = {}) const;
     // The whole tree below this folder (not the folder itself), depth first, each folder before its
     // contents; names are paths relative to this folder. Where the library walks the tree itself, a
     // non-empty pattern applies at every level: a subfolder whose own name does not match is neither
     // listed nor entered. A subfolder that cannot be read for lack of permission, or that vanishes,
     // is listed but its contents are skipped. The listing follows links to folders as the provider
     // lists them.
-    FolderListing<ListEntry> listAllRecursive(ustring pattern) const;
-    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntriesRecursive(ustring pattern) const;
+    FolderListing<ListEntry> listAllRecursive(ustring pattern = {}) const;
+    FolderListing<boost::variant<FileEntry, FolderEntry>> listAllEntriesRecursive(ustring pattern = {}) const;
 
     // Makes `destination` a copy of this folder's tree under `policy` (FailIfExists: an existing
     // folder fails with ResourceAlreadyExists; Replace: an existing empty folder is made anew, a
@@ -197,6 +199,10 @@ private:
         ustring pattern) const;
     bool providerSupportsFlatWildcardListing() const;
 
+    // The item, for an operation that reaches the provider: throws std::runtime_error "StorageSystem
+    // has been destroyed" once the storage system has gone, although the item still holds a provider.
+    const provider::StorageItem& live() const;
+
     provider::StorageItem m_item;
     StorageSystemReference m_storageSystem;
     bool m_canonical = false;
@@ -212,6 +218,9 @@ namespace detail {
 struct HandleAccess {
     static const provider::StorageItem& item(const File& file) noexcept { return file.m_item; }
     static const provider::StorageItem& item(const Folder& folder) noexcept { return folder.m_item; }
+    // As item(), for an operation that reaches the provider: fails once the storage system has gone.
+    static const provider::StorageItem& liveItem(const File& file) { return file.live(); }
+    static const provider::StorageItem& liveItem(const Folder& folder) { return folder.live(); }
     static File makeFile(provider::StorageItem item, StorageSystemReference system)
     {
         return File(std::move(item), std::move(system));

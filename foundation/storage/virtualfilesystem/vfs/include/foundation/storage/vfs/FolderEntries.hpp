@@ -30,6 +30,8 @@ public:
     FileEntry(Folder parent, ustring name, provider::FileAttributes attributes);
 
     const ustring& getName() const noexcept;
+    // getName() in UTF-8, for printing (what is not Unicode becomes U+FFFD).
+    std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     const File& getFile() const;
     const provider::FileAttributes& getAttributes() const;
 
@@ -45,6 +47,8 @@ public:
     FolderEntry(Folder parent, ustring name, provider::FolderAttributes attributes);
 
     const ustring& getName() const noexcept;
+    // getName() in UTF-8, for printing (what is not Unicode becomes U+FFFD).
+    std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     const Folder& getFolder() const;
     const provider::FolderAttributes& getAttributes() const;
 
@@ -61,6 +65,8 @@ public:
 
     // The name as the listing gave it.
     const ustring& getName() const noexcept;
+    // getName() in UTF-8, for printing (what is not Unicode becomes U+FFFD).
+    std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     // The last segment of the name: "b" for "a/b", "" for "a/", and "/" for "/".
     ustring getFilename() const;
     // The child's location below the parent's.

@@ -7,12 +7,34 @@
 
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 namespace foundation::msg_svc::eventmgr {
 class EventMgr;
 }
 
 namespace foundation::storage::vfs {
+
+// The provider's vocabulary that the library's operations take and return, under the library's
+// own namespace (the library's ErrorCode and PathComparator are its own types).
+using provider::ByteStreamAccess;
+using provider::ByteStreamCreation;
+using provider::ByteStreamOpenOptions;
+using provider::CaseModifier;
+using provider::CopyFileOptions;
+using provider::ExceptionContext;
+using provider::ExistenceType;
+using provider::ExistenceTypeExtended;
+using provider::ExtendedAttributes;
+using provider::ExtendedFeature;
+using provider::FileAttributes;
+using provider::FilenameSensitivity;
+using provider::FolderAttributes;
+using provider::matchesWildcard;
+using provider::ProviderStorageInfo;
+using provider::ReplacementPolicy;
+using provider::StreamClosePolicy;
+using provider::TransactionStatus;
 
 class StorageSystemReference;
 namespace detail {
@@ -82,6 +104,15 @@ class VFS_EXPORT StorageSystemReference : public StorageSystem {
 public:
     // The normal form: never extends the system's lifetime.
     StorageSystemReference(std::weak_ptr<StorageSystem> system);
+    // Refers to the system `system` owns, as the weak form does; the caller keeps owning it.
+    template <class System, class = std::enable_if_t<std::is_convertible_v<System*, StorageSystem*>>>
+    StorageSystemReference(const std::shared_ptr<System>& system)
+        : StorageSystemReference(std::weak_ptr<StorageSystem>(system))
+    {
+    }
+    // A system owned by a temporary would be gone before the first operation: refused.
+    template <class System>
+    StorageSystemReference(std::shared_ptr<System>&&) = delete;
     // A system created or looked up on demand.
     StorageSystemReference(std::function<std::shared_ptr<StorageSystem>()> factory);
     StorageSystemReference(const StorageSystemReference&) = default;
