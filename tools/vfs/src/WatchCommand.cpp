@@ -10,6 +10,7 @@
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <mutex>
@@ -70,17 +71,13 @@ int runWatch(Tool& tool, const WatchOptions& options)
     if (options.pollMs > 0 && isFile)
         throw ToolError("polling needs a folder", options.location);
 
-    auto& manager = options.pollMs > 0
-                        ? vfs::detail::startChangePolling(boost::get<vfs::Folder>(item), {},
-                                                          std::chrono::milliseconds(options.pollMs))
-                        : vfs::detail::publishEventsFor(item, {},
-                                                        options.recursive ? vfs::WithRecursiveChangeEvents::Yes
-                                                                          : vfs::WithRecursiveChangeEvents::No);
     std::mutex printing;
-    const auto connection = manager.subscribe(
-        {vfs::Event::EventType(), foundation::storage::events::eventTypePrefix(location.toString()), true},
-        [&](const boost::shared_ptr<const foundation::msg_svc::eventmgr::BaseEvent>& published) {
-            const auto& event = static_cast<const vfs::Event&>(*published);
+    vfs::WatchOptions how;
+    how.recursive = options.recursive;
+    how.pollInterval = std::chrono::milliseconds(options.pollMs);
+    const vfs::Watch watch = vfs::watch(
+        item,
+        [&](const vfs::Event& event) {
             const auto data = event.getEventData();
             const auto changed = data.getFileOrFolder();
             const bool folder = changed.which() == 1;
@@ -97,14 +94,11 @@ int runWatch(Tool& tool, const WatchOptions& options)
                 fmt::print("{}\t{}\t{}\n", kindName(data.getKind()), folder ? "folder" : "file", utf8(where.toString()));
                 std::fflush(stdout);
             }
-        });
+        },
+        how);
     fmt::print(stderr, "watching {} (Ctrl-C to stop)\n", display(location));
     std::fflush(stderr);
     waitForInterrupt();
-    if (options.pollMs > 0)
-        vfs::unsubscribeFromChangePolling(boost::get<vfs::Folder>(item), connection);
-    else
-        vfs::unsubscribe(item, connection);
     return Success;
 }
 

@@ -35,6 +35,20 @@ AbsoluteIRI::AbsoluteIRI(const ustring& iri)
     m_iri = std::move(parsed);
 }
 
+// Text that is not UTF-8 is reported as it reads with replacement characters.
+AbsoluteIRI::AbsoluteIRI(std::string_view utf8)
+    : AbsoluteIRI([&] {
+          try {
+              return fl::i18n::utf8_to_ustring(utf8);
+          } catch (...) {
+              throwInvalidNestingCurrent(fl::i18n::utf8_to_ustring_lossy(utf8));
+          }
+      }())
+{
+}
+
+std::string AbsoluteIRI::toUtf8() const { return fl::i18n::ustring_to_utf8_lossy(toString()); }
+
 AbsoluteIRI::AbsoluteIRI(const AbsoluteIRI& base, const ustring& relative) : m_iri(base.m_iri, relative) {}
 
 AbsoluteIRI::AbsoluteIRI(const ustring& scheme, const AbsoluteIRI& inner, ustring path)

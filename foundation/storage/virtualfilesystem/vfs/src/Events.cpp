@@ -9,6 +9,7 @@
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
 
+#include <atomic>
 #include <stdexcept>
 
 namespace foundation::storage::vfs {
@@ -46,6 +47,31 @@ boost::shared_ptr<eventmgr::EventMgr> eventMgrFor(const StorageSystemReference& 
     if (!manager)
         boost::throw_exception(ChangeEventsNotSupportedException(location));
     return manager;
+}
+
+// The Event of one provider report, its handles bound to `system`; null for a location that no
+// storage system serves (it has no handle).
+boost::shared_ptr<const Event> makeEvent(const StorageSystemReference& system, const events::Kind& kind,
+                                         const provider::StorageIRI& subscription, const provider::StorageIRI& changed,
+                                         const events::EntryType& entryType, boost::property_tree::ptree extra)
+{
+    try {
+        const AbsoluteIRI location = detail::IRIAccess::make(changed, true);
+        const FileOrFolder item = static_cast<std::int32_t>(entryType) != 0 ? FileOrFolder(Folder(location, system))
+                                                                            : FileOrFolder(File(location, system));
+        return boost::make_shared<const Event>(kind, detail::IRIAccess::make(subscription, true), item, std::move(extra));
+    } catch (const UnsupportedIRISchemeException&) {
+        return nullptr;
+    }
+}
+
+bool systemLives(const StorageSystemReference& system) noexcept
+{
+    try {
+        return system.lock() != nullptr;
+    } catch (...) {
+        return false;
+    }
 }
 
 } // namespace
@@ -119,6 +145,8 @@ Event::Event(const events::Kind& kind, const AbsoluteIRI& subscriptionLocation, 
 }
 
 Event::Event(const Event& other) = default;
+
+AbsoluteIRI Event::getLocation() const { return locationOf(m_eventData.getFileOrFolder()); }
 Event::~Event() = default;
 
 msg_svc::eventmgr::BaseEvent* Event::clone() const { return new Event(*this); }
@@ -141,19 +169,11 @@ void EventPublisher::operator()(const events::Kind& kind, const provider::Storag
             log.write(foundation::log::category_results, "Storage system found to be null");
         return;
     }
-    try {
-        const StorageSystemReference reference{std::weak_ptr<StorageSystem>(m_storageSystem)};
-        const AbsoluteIRI location = detail::IRIAccess::make(changed, true);
-        const FileOrFolder item = static_cast<std::int32_t>(entryType) != 0 ? FileOrFolder(Folder(location, reference))
-                                                                            : FileOrFolder(File(location, reference));
-        if (!m_eventMgr)
-            return;
-        const AbsoluteIRI subscriptionLocation = detail::IRIAccess::make(subscription, true);
-        m_eventMgr->publish(boost::make_shared<const Event>(kind, subscriptionLocation, item, std::move(extra)),
-                            m_deliveryOption);
-    } catch (const UnsupportedIRISchemeException&) {
-        // A location no storage system serves has no handle, and so no event.
-    }
+    if (!m_eventMgr)
+        return;
+    const StorageSystemReference reference{std::weak_ptr<StorageSystem>(m_storageSystem)};
+    if (auto event = makeEvent(reference, kind, subscription, changed, entryType, std::move(extra)))
+        m_eventMgr->publish(std::move(event), m_deliveryOption);
 }
 
 RecursiveEventPublisher::RecursiveEventPublisher(std::shared_ptr<StorageSystem> storageSystem,
@@ -174,7 +194,7 @@ void RecursiveEventPublisher::operator()(const events::Kind& kind, const provide
 
 void File::publishEvents(const EventPublisher& publisher, const std::vector<events::Kind>& kinds) const
 {
-    detail::translated([&] { m_item.publishFileEvents(provider::ChangeEventCallback(publisher), kinds); });
+    detail::translated([&] { live().publishFileEvents(provider::ChangeEventCallback(publisher), kinds); });
 }
 
 void File::publishEventsRecursively(const RecursiveEventPublisher&, const std::vector<events::Kind>&) const
@@ -184,45 +204,45 @@ void File::publishEventsRecursively(const RecursiveEventPublisher&, const std::v
 
 void File::stopPublishingEvents() const
 {
-    detail::translated([&] { m_item.stopPublishingFileEvents(); });
+    detail::translated([&] { live().stopPublishingFileEvents(); });
 }
 
 void Folder::publishEvents(const EventPublisher& publisher, const std::vector<events::Kind>& kinds) const
 {
     detail::translated([&] {
-        m_item.publishFolderEvents(provider::ChangeEventCallback(publisher), kinds,
+        live().publishFolderEvents(provider::ChangeEventCallback(publisher), kinds,
                                    provider::RecursiveFileWatching::NonRecursive);
     });
 }
 
 void Folder::publishEventsRecursively(const RecursiveEventPublisher& publisher, const std::vector<events::Kind>& kinds) const
 {
-    const bool native = detail::translated([&] { return m_item.hasFeature(provider::ExtendedFeature::RecursiveWatching); });
+    const bool native = detail::translated([&] { return live().hasFeature(provider::ExtendedFeature::RecursiveWatching); });
     if (!native)
         boost::throw_exception(Exception(ErrorCode::UnsupportedOperation, getLocation()));
     detail::translated([&] {
-        m_item.publishFolderEvents(provider::ChangeEventCallback(publisher), kinds,
+        live().publishFolderEvents(provider::ChangeEventCallback(publisher), kinds,
                                    provider::RecursiveFileWatching::Recursive);
     });
 }
 
 void Folder::stopPublishingEvents() const
 {
-    detail::translated([&] { m_item.stopPublishingFolderEvents(); });
+    detail::translated([&] { live().stopPublishingFolderEvents(); });
 }
 
 void Folder::startChangePolling(const EventPublisher& publisher, const std::vector<events::Kind>& kinds,
                                 std::chrono::milliseconds interval) const
 {
     detail::translated([&] {
-        m_item.startChangePollingMechanism(provider::ChangeEventCallback(publisher), kinds, interval,
+        live().startChangePollingMechanism(provider::ChangeEventCallback(publisher), kinds, interval,
                                            provider::RecursiveChangePolling::NonRecursive);
     });
 }
 
 void Folder::stopChangePolling() const
 {
-    detail::translated([&] { m_item.stopChangePollingMechanism(); });
+    detail::translated([&] { live().stopChangePollingMechanism(); });
 }
 
 // ---- subscribing and unsubscribing --------------------------------------------------------------
@@ -261,6 +281,119 @@ msg_svc::eventmgr::EventMgr& startChangePolling(const Folder& folder, const std:
 void stopChangePollingFor(const Folder& folder) { EventAccess::stopPolling(folder); }
 
 } // namespace detail
+
+// ---- watch handles ------------------------------------------------------------------------------
+
+struct Watch::State {
+    // The provider's item: it stops the watch also after the storage system has gone.
+    provider::StorageItem item;
+    enum class Way { File, Folder, Polling } way = Way::File;
+    std::atomic<bool> running{true};
+
+    explicit State(provider::StorageItem watched) : item(std::move(watched)) {}
+};
+
+Watch::Watch() noexcept = default;
+Watch::Watch(std::shared_ptr<State> state) noexcept : m_state(std::move(state)) {}
+Watch::Watch(Watch&& other) noexcept = default;
+
+Watch& Watch::operator=(Watch&& other) noexcept
+{
+    if (this != &other) {
+        stop();
+        m_state = std::move(other.m_state);
+    }
+    return *this;
+}
+
+Watch::~Watch() { stop(); }
+
+bool Watch::active() const noexcept { return m_state && m_state->running.load(); }
+
+void Watch::stop() noexcept
+{
+    // Kept here until the provider has let go of the callback: stopping from inside the callback
+    // may release the last other owner.
+    const std::shared_ptr<State> state = std::move(m_state);
+    if (!state || !state->running.exchange(false))
+        return;
+    try {
+        switch (state->way) {
+        case State::Way::File:
+            state->item.stopPublishingFileEvents();
+            break;
+        case State::Way::Folder:
+            state->item.stopPublishingFolderEvents();
+            break;
+        case State::Way::Polling:
+            state->item.stopChangePollingMechanism();
+            break;
+        }
+    } catch (...) {
+        auto& log = detail::logger();
+        if (log.enabled(foundation::log::category_exception))
+            log.write(foundation::log::category_exception,
+                      "Exception caught: " + foundation::log::current_exception_chain_as_string());
+    }
+}
+
+Watch watch(const boost::variant<File, Folder>& item, std::function<void(const Event&)> callback, WatchOptions options)
+{
+    if (!callback)
+        boost::throw_exception(std::invalid_argument("A watch needs a callback."));
+    const Folder* folder = boost::get<Folder>(&item);
+    const AbsoluteIRI location = locationOf(item);
+    if (!folder && (options.recursive || options.pollInterval.count() > 0))
+        boost::throw_exception(Exception(ErrorCode::InvalidLocation, location));
+    const provider::StorageItem& live =
+        folder ? detail::HandleAccess::liveItem(*folder) : detail::HandleAccess::liveItem(boost::get<File>(item));
+    const bool recursiveNative =
+        folder && options.recursive && options.pollInterval.count() == 0 &&
+        detail::translated([&] { return live.hasFeature(provider::ExtendedFeature::RecursiveWatching); });
+    if (folder && options.recursive && options.pollInterval.count() == 0 && !recursiveNative)
+        boost::throw_exception(Exception(ErrorCode::UnsupportedOperation, location));
+    auto state = std::make_shared<Watch::State>(live);
+    // The provider holds the callback; it reaches the storage system only through the reference.
+    provider::ChangeEventCallback report =
+        [system = storageSystemOf(item), callback = std::move(callback)](
+            const events::Kind& kind, const provider::StorageIRI& subscription, const provider::StorageIRI& changed,
+            const events::EntryType& entryType, boost::property_tree::ptree extra) {
+            boost::shared_ptr<const Event> event;
+            try {
+                event = makeEvent(system, kind, subscription, changed, entryType, std::move(extra));
+            } catch (const std::runtime_error&) {
+                if (systemLives(system))
+                    throw;
+                return; // the storage system has gone: no handle, no event
+            }
+            if (event)
+                callback(*event);
+        };
+    detail::translated([&] {
+        if (!folder) {
+            live.publishFileEvents(std::move(report), options.kinds);
+        } else if (options.pollInterval.count() > 0) {
+            state->way = Watch::State::Way::Polling;
+            live.startChangePollingMechanism(std::move(report), options.kinds, options.pollInterval,
+                                             options.recursive ? provider::RecursiveChangePolling::Recursive
+                                                               : provider::RecursiveChangePolling::NonRecursive);
+        } else {
+            state->way = Watch::State::Way::Folder;
+            live.publishFolderEvents(std::move(report), options.kinds,
+                                     options.recursive ? provider::RecursiveFileWatching::Recursive
+                                                       : provider::RecursiveFileWatching::NonRecursive);
+        }
+    });
+    return Watch(std::move(state));
+}
+
+Watch watch(const AbsoluteIRI& location, const StorageSystemReference& system, std::function<void(const Event&)> callback,
+            WatchOptions options)
+{
+    if (exists(location, system) == provider::ExistenceType::File)
+        return watch(File(location, system), std::move(callback), std::move(options));
+    return watch(Folder(location, system), std::move(callback), std::move(options));
+}
 
 void unsubscribe(const boost::variant<File, Folder>& item, const std::unique_ptr<msg_svc::eventmgr::Connection>& connection)
 {

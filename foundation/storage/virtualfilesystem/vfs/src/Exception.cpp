@@ -57,6 +57,32 @@ Exception::~Exception() noexcept = default;
 AbsoluteIRI Exception::getLocation() const { return *boost::get_error_info<AbsoluteIRIInfo>(*this); }
 ErrorCode Exception::getErrorCode() const { return *boost::get_error_info<ErrorCodeInfo>(*this); }
 
+namespace {
+
+class ErrorCategory final : public std::error_category {
+public:
+    const char* name() const noexcept override { return "foundation::storage::vfs"; }
+    std::string message(int value) const override
+    {
+        std::ostringstream text;
+        text << static_cast<ErrorCode>(value);
+        return text.str();
+    }
+};
+
+} // namespace
+
+const std::error_category& errorCategory() noexcept
+{
+    static const ErrorCategory category;
+    return category;
+}
+
+std::error_code make_error_code(ErrorCode code) noexcept
+{
+    return {static_cast<int>(code), errorCategory()};
+}
+
 ustring Exception::getExceptionContextsString() const { return provider::joinContextKeys(m_contexts); }
 
 void Exception::popExceptionContext() const

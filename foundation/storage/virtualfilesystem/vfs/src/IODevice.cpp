@@ -267,4 +267,34 @@ bool TransactionalIODevice::is_open() const noexcept
     return m_device != nullptr;
 }
 
+std::string readAll(const File& file)
+{
+    IODevice device(file);
+    std::string content;
+    constexpr std::size_t chunk = BufferedIODevice::bufferSize;
+    for (;;) {
+        const std::size_t had = content.size();
+        content.resize(had + chunk);
+        const std::streamsize got = device.read(content.data() + had, static_cast<std::streamsize>(chunk));
+        content.resize(had + static_cast<std::size_t>(got > 0 ? got : 0));
+        if (got <= 0)
+            break;
+    }
+    device.close();
+    return content;
+}
+
+void writeAll(const File& file, std::string_view bytes)
+{
+    TransactionalIODevice device(file, provider::ByteStreamAccess::Write);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const std::streamsize put =
+            device.write(bytes.data() + done, static_cast<std::streamsize>(bytes.size() - done));
+        if (put <= 0)
+            boost::throw_exception(IOWriteException(ErrorCode::IOError));
+        done += static_cast<std::size_t>(put);
+    }
+    device.close(provider::StreamClosePolicy::Commit);
+}
+
 } // namespace foundation::storage::vfs

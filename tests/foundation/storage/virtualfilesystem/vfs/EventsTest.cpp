@@ -14,11 +14,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -184,6 +186,47 @@ TEST_P(EventsEndToEnd, PollingDeliversChangesUntilUnsubscribed)
               1u);
 }
 
+// A watch handle reports until it ends, here destroyed from inside its own callback: the change
+// after it reaches a second watch, not the first.
+TEST_P(EventsEndToEnd, WatchHandleReportsUntilDestroyedFromItsOwnCallback)
+{
+    std::mutex mutex;
+    std::vector<ustring> seen;
+    std::unique_ptr<vfs::Watch> handle;
+    const auto record = [&](const vfs::Event& event) {
+        std::lock_guard lock(mutex);
+        seen.push_back(event.getSimpleEventData().getLocation());
+        if (seen.back() == work.location(u"stop").toString())
+            handle.reset();
+    };
+    const auto saw = [&](const ustring& relative) {
+        for (int tries = 0; tries < 1000; ++tries) {
+            {
+                std::lock_guard lock(mutex);
+                if (std::find(seen.begin(), seen.end(), work.location(relative).toString()) != seen.end())
+                    return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    };
+    {
+        std::lock_guard lock(mutex);
+        handle = std::make_unique<vfs::Watch>(vfs::watch(work.root(), record, {.recursive = true}));
+    }
+    work.folder(u"sub").createFolder();
+    work.file(u"sub/f").createFile();
+    EXPECT_TRUE(saw(u"sub/f"));
+    work.file(u"stop").createFile();
+    EXPECT_TRUE(saw(u"stop"));
+    const vfs::Watch second = vfs::watch(work.folder(u"sub"), record);
+    work.file(u"sub/after").createFile();
+    EXPECT_TRUE(saw(u"sub/after"));
+    std::lock_guard lock(mutex);
+    EXPECT_FALSE(handle);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), work.location(u"sub/after").toString()), 1);
+}
+
 INSTANTIATE_TEST_SUITE_P(Providers, EventsEndToEnd, testing::Values("file", "mem"));
 
 TEST(EventsTest, WatchesThatCannotStartFailWithTheLibrarysErrors)
@@ -239,6 +282,16 @@ TEST(EventsTest, StorageSystemReleasedWhileAWatchLives)
     EXPECT_TRUE(received.waitFor(Kind::Created, AbsoluteIRI(u"mem://v/f")));
     vfs::unsubscribe(folder, connection);
     EXPECT_TRUE(weak.expired());
+
+    // A watch handle holds no storage system, and ends cleanly after it has gone.
+    auto [owner, reference] = vfs_test::makeSystem<vfs::DefaultStorageSystem>();
+    vfs::Watch handle = vfs::watch(Folder(AbsoluteIRI(u"mem://v/"), reference), [](const vfs::Event&) {});
+    const std::weak_ptr<vfs::DefaultStorageSystem> released = owner;
+    owner.reset();
+    EXPECT_TRUE(released.expired());
+    EXPECT_TRUE(handle.active());
+    handle.stop();
+    EXPECT_FALSE(handle.active());
 
     vfs_test::RecordingListener log(vfs::detail::logger(), foundation::log::category_results);
     auto orphanManager = boost::make_shared<eventmgr::EventMgr>();

@@ -23,7 +23,6 @@
 #include <mutex>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -46,21 +45,6 @@ using Tree = std::map<ustring, std::string>;
 // Thrown by a scenario when its standard stream reports a failure: the streams absorb failures of
 // the buffer's reads, writes, seeks and flushes into the stream state rather than throwing.
 struct StreamWentBad {};
-
-void writeAll(const vfs::File& file, const std::string& content)
-{
-    vfs::ofstream out(file, std::ios::binary);
-    out << content;
-    out.close();
-}
-
-std::string readAll(const vfs::File& file)
-{
-    vfs::ifstream in(file, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
 
 Tree snapshot(const vfs::Folder& root)
 {

@@ -4,6 +4,8 @@
 #include <foundation/storage/provider/StorageIRI.hpp>
 
 #include <ostream>
+#include <string>
+#include <string_view>
 
 namespace foundation::storage::vfs {
 
@@ -25,6 +27,8 @@ public:
     // Parses `iri`. Throws InvalidIRIException(iri) with the parser's exception nested when the text
     // does not parse, and InvalidIRIException(normalised text) when it parses but has no path.
     explicit AbsoluteIRI(const ustring& iri);
+    // As above, from UTF-8 text; text that is not UTF-8 throws InvalidIRIException.
+    explicit AbsoluteIRI(std::string_view utf8);
     // `relative` resolved against `base` taken as a folder. Provider exceptions pass unchanged.
     AbsoluteIRI(const AbsoluteIRI& base, const ustring& relative);
     // `path` inside the container named by `inner`, under `scheme`. Provider exceptions pass unchanged.
@@ -53,6 +57,8 @@ public:
     ustring makePathRelativeTo(const AbsoluteIRI& base) const { return m_iri.makePathRelativeTo(base.m_iri); }
     const ustring& toString() const noexcept { return m_iri.toString(); }
     const ustring& toAsciiString() const { return m_iri.toAsciiString(); }
+    // toString() in UTF-8, for printing.
+    std::string toUtf8() const;
     network::IRI toIRI() const { return m_iri.toIRI(); }
     std::size_t hashValue() const noexcept { return m_iri.hashValue(); }
 

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -18,19 +19,14 @@
 
 namespace foundation::storage::vfs {
 
-// Change events of files and folders.
+// Change events of files and folders. The plain way is a watch handle:
 //
-//   auto& manager = detail::publishEventsFor(folder, {}, WithRecursiveChangeEvents::Yes);
-//   auto connection = manager.subscribe(
-//       {Event::EventType(), events::eventTypePrefix(folder.getLocation().toString()), true},
-//       [](const boost::shared_ptr<const msg_svc::eventmgr::BaseEvent>& e) {
-//           const auto& change = static_cast<const Event&>(*e); ... });
-//   ...
-//   unsubscribe(folder, connection);
+//   auto watch = vfs::watch(folder, [](const vfs::Event& change) { ... }, {.recursive = true});
+//   ...                // the watch ends when `watch` is destroyed or stopped
 //
-// Events arrive on the event manager's dispatcher thread. A live watch keeps its storage system
-// alive (the provider holds the publisher, which holds the system): end it with unsubscribe, or
-// shut the storage system down.
+// The lower level publishes into the storage system's event manager, to which any number of
+// subscribers connect; there a live watch keeps its storage system alive (the provider holds the
+// publisher, which holds the system) until unsubscribe or the system's shutdown.
 
 enum class WithRecursiveChangeEvents : std::int32_t {
     Yes = 0,
@@ -87,6 +83,8 @@ public:
     events::SimpleEventData getSimpleEventData() const override { return m_simpleData; }
 
     EventData getEventData() const { return m_eventData; }
+    // Where the change happened: the location of the changed file or folder.
+    AbsoluteIRI getLocation() const;
     // The location given when subscribing; an ancestor of the changed item for folder watches.
     AbsoluteIRI getEventSubscriptionLocation() const { return m_subscriptionLocation; }
     ExtendedEventData getExtendedEventData() const { return m_extendedData; }
@@ -131,6 +129,58 @@ public:
 private:
     EventPublisher m_publisher;
 };
+
+// How vfs::watch watches.
+struct WatchOptions {
+    // A folder's whole tree, not only its children (the provider must watch trees itself).
+    bool recursive = false;
+    // Zero: the provider's own watching (inotify on the local disk). Otherwise the folder's listing
+    // is compared at this interval, which any provider can do.
+    std::chrono::milliseconds pollInterval{0};
+    // The kinds to report; empty: every kind.
+    std::vector<events::Kind> kinds{};
+};
+
+// A running watch: stops when destroyed, moved over or stopped, and releases then everything the
+// watch holds (the provider's watch, its thread's share, the callback). Holds no storage system,
+// so it never keeps one alive. Movable, not copyable; one object is used by one thread at a time.
+class VFS_EXPORT Watch {
+public:
+    Watch() noexcept;
+    Watch(Watch&& other) noexcept;
+    Watch& operator=(Watch&& other) noexcept;
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+    ~Watch();
+
+    // Ends the watch: once it returns, the callback is not running and is not called again, except
+    // when called from inside the callback, which then finishes its current call. Safe at any time,
+    // also after the storage system has gone; a provider failure while stopping is logged.
+    void stop() noexcept;
+    bool active() const noexcept;
+
+    // What the library's watch function starts; defined in the library only.
+    struct State;
+    explicit Watch(std::shared_ptr<State> state) noexcept;
+
+private:
+    std::shared_ptr<State> m_state;
+};
+
+// Watches a file or a folder and calls `callback` with each change until the returned Watch ends.
+// The callback runs on the provider's watcher or polling thread, one call at a time; a slow
+// callback delays the reports after it (a full kernel queue is reported as events::Kind::Overflow).
+// An exception leaving it is logged. A report whose storage system has gone is dropped.
+// A provider keeps one watch per location and way of watching: a second watch of the same location
+// replaces the first. Failures: Exception with InvalidLocation for a recursive or polling watch
+// of a file, UnsupportedOperation for a recursive watch the provider cannot do; the provider's
+// translated (ResourceNotFound for a missing item, ChangeEventsSubscriptionException when the
+// watch cannot be added); std::runtime_error when the storage system has gone.
+VFS_EXPORT Watch watch(const boost::variant<File, Folder>& item, std::function<void(const Event&)> callback,
+                       WatchOptions options = {});
+// As above, for what is at `location` now.
+VFS_EXPORT Watch watch(const AbsoluteIRI& location, const StorageSystemReference& system,
+                       std::function<void(const Event&)> callback, WatchOptions options = {});
 
 // Stops the item's watch, then (when `connection` is not null) disconnects it.
 VFS_EXPORT void unsubscribe(const boost::variant<File, Folder>& item,

@@ -12,6 +12,8 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <system_error>
+#include <vector>
 
 namespace foundation::storage::vfs {
 
@@ -37,6 +39,10 @@ enum class ErrorCode : std::int32_t {
 VFS_EXPORT std::ostream& operator<<(std::ostream& out, const ErrorCode& code);
 // The library code for a provider code; Unknown for anything outside the provider's enumeration.
 VFS_EXPORT ErrorCode toErrorCode(provider::ErrorCode code) noexcept;
+// The category of std::error_codes made from ErrorCodes: name "foundation::storage::vfs", messages
+// as operator<< prints the code. An ErrorCode converts to std::error_code implicitly.
+VFS_EXPORT const std::error_category& errorCategory() noexcept;
+VFS_EXPORT std::error_code make_error_code(ErrorCode code) noexcept;
 
 struct TagErrorCode;
 struct TagAbsoluteIRI;
@@ -55,6 +61,13 @@ public:
 
     AbsoluteIRI getLocation() const;
     ErrorCode getErrorCode() const;
+    // getErrorCode() in errorCategory().
+    std::error_code code() const { return make_error_code(getErrorCode()); }
+    // Every context, front = top; the exception keeps them (popExceptionContext() removes them).
+    std::vector<provider::ExceptionContext> getExceptionContexts() const
+    {
+        return {m_contexts.begin(), m_contexts.end()};
+    }
     // The contexts' keys, front to back, joined by ':'; empty when there are none.
     ustring getExceptionContextsString() const;
     void popExceptionContext() const;
@@ -131,3 +144,6 @@ private:
 };
 
 } // namespace foundation::storage::vfs
+
+template <>
+struct std::is_error_code_enum<foundation::storage::vfs::ErrorCode> : std::true_type {};

@@ -9,6 +9,8 @@
 
 #include <ios>
 #include <memory>
+#include <string>
+#include <string_view>
 
 namespace foundation::storage::vfs {
 
@@ -104,5 +106,12 @@ public:
 private:
     std::unique_ptr<provider::TransactionalStreamDevice> m_device;
 };
+
+// The whole content of `file`. Failures as IODevice's.
+VFS_EXPORT std::string readAll(const File& file);
+// Makes `bytes` the whole content of `file`, created when missing, through its transactional
+// stream: a reader sees the old content or the new one, never a part, and a failure (an
+// I/O exception) leaves the old content in place.
+VFS_EXPORT void writeAll(const File& file, std::string_view bytes);
 
 } // namespace foundation::storage::vfs
