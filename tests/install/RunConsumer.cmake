@@ -1,8 +1,12 @@
 # cmake -DVFS_BUILD_DIR=... -DCONSUMER_SOURCE_DIR=... -DWORK_DIR=... -DGENERATOR=... -DCXX_COMPILER=...
-#       [-DMAKE_PROGRAM=...] [-DBUILD_TYPE=...] [-DCXX_FLAGS=...] [-DEXE_LINKER_FLAGS=...] -P RunConsumer.cmake
+#       [-DMAKE_PROGRAM=...] [-DBUILD_TYPE=...] [-DCXX_FLAGS=...] [-DEXE_LINKER_FLAGS=...] [-DDEB=ON]
+#       -P RunConsumer.cmake
 #
-# Installs VFS_BUILD_DIR into WORK_DIR/prefix, then configures, builds and runs the consumer project
-# against that prefix. Any failing step fails the script with the step's output.
+# Installs VFS_BUILD_DIR into a scratch prefix, then configures, builds and runs the consumer
+# project against that prefix. With DEB, the build is packaged by `cpack -G DEB` and the package's
+# files are unpacked (dpkg-deb -x) as the prefix instead, and the packaged tool is run from there,
+# which it can only do by finding the library beside it. Any failing step fails the script with
+# the step's output.
 foreach(required VFS_BUILD_DIR CONSUMER_SOURCE_DIR WORK_DIR GENERATOR CXX_COMPILER)
   if(NOT ${required})
     message(FATAL_ERROR "RunConsumer.cmake: ${required} is not set")
@@ -21,7 +25,25 @@ function(run_step name)
   set(step_output "${out}" PARENT_SCOPE)
 endfunction()
 
-run_step(install ${CMAKE_COMMAND} --install ${VFS_BUILD_DIR} --prefix ${prefix})
+if(DEB)
+  run_step(package cpack -G DEB --config ${VFS_BUILD_DIR}/CPackConfig.cmake -B ${WORK_DIR}/package)
+  file(GLOB debs ${WORK_DIR}/package/*.deb)
+  list(LENGTH debs count)
+  if(NOT count EQUAL 1)
+    message(FATAL_ERROR "cpack made ${count} .deb files: ${debs}")
+  endif()
+  run_step(unpack dpkg-deb -x ${debs} ${WORK_DIR}/root)
+  run_step(fields dpkg-deb -f ${debs} Depends)
+  message(STATUS "package depends on: ${step_output}")
+  set(prefix ${WORK_DIR}/root/usr)
+  file(GLOB_RECURSE private_headers ${prefix}/include/*/detail/*)
+  if(private_headers)
+    message(FATAL_ERROR "the package holds private headers: ${private_headers}")
+  endif()
+  run_step(tool ${prefix}/bin/vfs stat mem://scratch/)
+else()
+  run_step(install ${CMAKE_COMMAND} --install ${VFS_BUILD_DIR} --prefix ${prefix})
+endif()
 
 set(configure_args
   -S ${CONSUMER_SOURCE_DIR} -B ${consumer_build} -G ${GENERATOR}
