@@ -14,13 +14,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -190,25 +188,16 @@ TEST_P(EventsEndToEnd, PollingDeliversChangesUntilUnsubscribed)
 // after it reaches a second watch, not the first.
 TEST_P(EventsEndToEnd, WatchHandleReportsUntilDestroyedFromItsOwnCallback)
 {
+    Received received;
     std::mutex mutex;
-    std::vector<ustring> seen;
     std::unique_ptr<vfs::Watch> handle;
-    const auto record = [&](const vfs::Event& event) {
-        std::lock_guard lock(mutex);
-        seen.push_back(event.getSimpleEventData().getLocation());
-        if (seen.back() == work.location(u"stop").toString())
-            handle.reset();
-    };
-    const auto saw = [&](const ustring& relative) {
-        for (int tries = 0; tries < 1000; ++tries) {
-            {
-                std::lock_guard lock(mutex);
-                if (std::find(seen.begin(), seen.end(), work.location(relative).toString()) != seen.end())
-                    return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const auto record = [&, deliver = received.callback()](const vfs::Event& event) {
+        {
+            std::lock_guard lock(mutex);
+            if (event.getLocation() == work.location(u"stop"))
+                handle.reset();
         }
-        return false;
+        deliver(boost::make_shared<vfs::Event>(event));
     };
     {
         std::lock_guard lock(mutex);
@@ -216,15 +205,16 @@ TEST_P(EventsEndToEnd, WatchHandleReportsUntilDestroyedFromItsOwnCallback)
     }
     work.folder(u"sub").createFolder();
     work.file(u"sub/f").createFile();
-    EXPECT_TRUE(saw(u"sub/f"));
+    EXPECT_TRUE(received.waitFor(Kind::Created, work.location(u"sub/f")));
     work.file(u"stop").createFile();
-    EXPECT_TRUE(saw(u"stop"));
+    ASSERT_TRUE(received.waitFor(Kind::Created, work.location(u"stop")));
     const vfs::Watch second = vfs::watch(work.folder(u"sub"), record);
+    const std::size_t before = received.count();
     work.file(u"sub/after").createFile();
-    EXPECT_TRUE(saw(u"sub/after"));
+    EXPECT_TRUE(received.waitFor(Kind::Created, work.location(u"sub/after")));
+    EXPECT_EQ(received.count(), before + 1); // from the second watch alone
     std::lock_guard lock(mutex);
     EXPECT_FALSE(handle);
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), work.location(u"sub/after").toString()), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Providers, EventsEndToEnd, testing::Values("file", "mem"));
