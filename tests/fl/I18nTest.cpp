@@ -1,15 +1,5 @@
 #include <fl/i18n/append_utf8.hpp>
-#include <fl/i18n/ustring.hpp>
-
-#include <ExceptionCapture.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-#include <string_view>
-#include <utility>
+#include <Prelude.hpp>
 
 namespace {
 

@@ -153,4 +153,34 @@ protected:
 
 inline std::string schemeName(const testing::TestParamInfo<std::string>& info) { return info.param; }
 
+// A test run on each scheme, each time once per value of a flag the test gives a meaning (`flag()`):
+// the library's fallback against the provider's own feature, a parallel walk against a sequential
+// one. `hidden` features are masked on the providers of that run.
+class OnEachSchemeAndFlag : public testing::TestWithParam<std::tuple<std::string, bool>> {
+protected:
+    explicit OnEachSchemeAndFlag(std::set<foundation::storage::provider::ExtendedFeature> hidden = {},
+                                 DecoratedStorage::Wrap wrap = {})
+        : storage(std::move(hidden), std::move(wrap))
+    {
+    }
+
+    static bool flag() { return std::get<1>(GetParam()); }
+    static fl::i18n::ustring scheme() { return fl::i18n::utf8_to_ustring(std::get<0>(GetParam())); }
+    const ProviderLayers& layers() const { return storage.layers(scheme()); }
+    foundation::storage::provider::decorators::FaultInjectingProvider& faults() const { return *layers().faults; }
+
+    DecoratedStorage storage;
+    WorkingFolder work{std::get<0>(GetParam()), storage.ref};
+};
+
+inline auto eachSchemeAndFlag() { return testing::Combine(testing::Values("file", "mem"), testing::Bool()); }
+
+// Test names: the scheme, then `whenSet` or `whenClear`.
+inline auto schemeAndFlagName(std::string whenClear, std::string whenSet)
+{
+    return [=](const testing::TestParamInfo<std::tuple<std::string, bool>>& info) {
+        return std::get<0>(info.param) + "_" + (std::get<1>(info.param) ? whenSet : whenClear);
+    };
+}
+
 } // namespace vfs_test

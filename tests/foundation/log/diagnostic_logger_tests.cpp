@@ -1,32 +1,13 @@
-#include <foundation/log/diagnostic_logger.hpp>
-
-#include <RecordingListener.hpp>
-#include <Threads.hpp>
+#include <Prelude.hpp>
 
 #include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core/core.hpp>
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks/basic_sink_backend.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
-#include <boost/make_shared.hpp>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
-#include <memory>
 #include <ostream>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace log_test {
 

@@ -1,19 +1,6 @@
-#include <foundation/log/diagnostic_logger.hpp>
+#include <Prelude.hpp>
 
-#include <foundation/core/except/Exception.hpp>
-
-#include <ExceptionCapture.hpp>
-
-#include <boost/exception/errinfo_nested_exception.hpp>
 #include <boost/exception/info.hpp>
-#include <boost/exception_ptr.hpp>
-#include <boost/throw_exception.hpp>
-
-#include <gtest/gtest.h>
-
-#include <exception>
-#include <stdexcept>
-#include <string>
 
 namespace chain_test {
 

@@ -1,24 +1,9 @@
-#include <foundation/core/except/Exception.hpp>
-
-#include <ExceptionCapture.hpp>
-#include <Threads.hpp>
-
-#include <boost/exception_ptr.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <typeinfo>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace except_test {
 
 using foundation::core::except::Exception;
 using foundation::core::except::IException;
-using foundation::core::except::IInternalException;
 using foundation::core::except::ustring;
 using foundation::core::except::detail::AnonymousInternalException;
 

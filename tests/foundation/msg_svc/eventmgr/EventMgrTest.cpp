@@ -1,23 +1,10 @@
 #include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 
-#include <Threads.hpp>
-
-#include <boost/make_shared.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <stdexcept>
-#include <thread>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
 using namespace foundation::msg_svc::eventmgr;
-using fl::i18n::ustring;
 
 class Ping : public BaseEvent {
 public:

@@ -1,26 +1,17 @@
-#include <foundation/storage/provider/Exception.hpp>
-#include <foundation/storage/provider/StorageIRI.hpp>
+#include <Prelude.hpp>
 
 #include <ProviderHarness.hpp>
-#include <TempDir.hpp>
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
 
 namespace {
 
-using foundation::storage::provider::ErrorCode;
+using Code = provider::ErrorCode;
+
 using foundation::storage::provider::Exception;
-using foundation::storage::provider::StorageIRI;
 using foundation::storage::provider::fromStorageIRI;
 using foundation::storage::provider::locationsAreEquivalent;
 using foundation::storage::provider::toCanonicalizedStorageIRI;
 using foundation::storage::provider::toStorageIRI;
-using fl::i18n::ustring;
 using vfs_test::providerError;
-namespace fs = std::filesystem;
 
 std::string utf8(const StorageIRI& iri) { return fl::i18n::ustring_to_utf8_lossy(iri.toString()); }
 
@@ -65,7 +56,7 @@ TEST(LocalPaths, RefusalsAreInvalidLocation)
 {
     const auto refused = [](auto action) {
         const auto error = providerError(action);
-        return error && error->getErrorCode() == ErrorCode::InvalidLocation;
+        return error && error->getErrorCode() == Code::InvalidLocation;
     };
     EXPECT_TRUE(refused([] { toStorageIRI(u"mem", "/tmp"); }));
     EXPECT_TRUE(refused([] { toStorageIRI(u"files", "/tmp"); }));
@@ -82,7 +73,7 @@ TEST(LocalPaths, RefusalsAreInvalidLocation)
         const StorageIRI iri{ustring(text)};
         const auto error = providerError([&] { fromStorageIRI(iri); });
         ASSERT_TRUE(error);
-        EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+        EXPECT_EQ(error->getErrorCode(), Code::InvalidLocation);
         EXPECT_TRUE(error->getStorageIRI() == iri);
     }
     EXPECT_TRUE(refused([] { fromStorageIRI(StorageIRI()); }));
@@ -112,7 +103,7 @@ TEST(LocalPaths, CanonicalisationResolvesLinksAndReportsErrno)
     const fs::path missing = temp / "target/missing/x";
     auto error = providerError([&] { toCanonicalizedStorageIRI(u"", missing); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceNotFound);
+    EXPECT_EQ(error->getErrorCode(), Code::ResourceNotFound);
     ASSERT_EQ(error->getAllExceptionContexts().size(), 2u);
     EXPECT_EQ(error->getAllExceptionContexts()[0].getExceptionContextKey(), u"realpath");
     EXPECT_EQ(error->getAllExceptionContexts()[1].getExceptionContextKey(), u"ENOENT");
@@ -120,14 +111,14 @@ TEST(LocalPaths, CanonicalisationResolvesLinksAndReportsErrno)
 
     error = providerError([&] { toCanonicalizedStorageIRI(u"", temp / "target/sub/file.txt/below"); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceNotFound);
+    EXPECT_EQ(error->getErrorCode(), Code::ResourceNotFound);
     ASSERT_EQ(error->getAllExceptionContexts().size(), 2u);
     EXPECT_EQ(error->getAllExceptionContexts()[1].getExceptionContextKey(), u"ENOTDIR");
 
     fs::create_symlink("loop", temp / "loop");
     error = providerError([&] { toCanonicalizedStorageIRI(u"", temp / "loop"); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->getErrorCode(), ErrorCode::InvalidLocation);
+    EXPECT_EQ(error->getErrorCode(), Code::InvalidLocation);
     ASSERT_EQ(error->getAllExceptionContexts().size(), 2u);
     EXPECT_EQ(error->getAllExceptionContexts()[1].getExceptionContextKey(), u"ELOOP");
 }

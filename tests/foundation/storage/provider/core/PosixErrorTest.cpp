@@ -1,15 +1,10 @@
 #include <foundation/storage/provider/PosixError.hpp>
 
-#include <ExceptionCapture.hpp>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <utility>
+#include <Prelude.hpp>
 
 namespace {
+
+using Code = provider::ErrorCode;
 
 using namespace foundation::storage::provider;
 
@@ -17,25 +12,25 @@ TEST(PosixErrorTest, ErrnoValuesTranslateToTheirProviderCode)
 {
     struct Case {
         int error;
-        ErrorCode code;
+        Code code;
     };
     for (const Case& c : {
-             Case{ENOENT, ErrorCode::ResourceNotFound},      Case{ENOTDIR, ErrorCode::ResourceNotFound},
-             Case{EISDIR, ErrorCode::ResourceNotFound},      Case{EXDEV, ErrorCode::UnsupportedOperation},
-             Case{EACCES, ErrorCode::PermissionDenied},      Case{EPERM, ErrorCode::PermissionDenied},
-             Case{EEXIST, ErrorCode::ResourceAlreadyExists}, Case{ENOTEMPTY, ErrorCode::FolderNotEmpty},
-             Case{ENOSPC, ErrorCode::NoSpaceLeft},           Case{EDQUOT, ErrorCode::NoSpaceLeft},
-             Case{EROFS, ErrorCode::ReadOnlyProvider},       Case{EFBIG, ErrorCode::FileTooLarge},
-             Case{EBUSY, ErrorCode::ResourceInUse},          Case{ETXTBSY, ErrorCode::ResourceInUse},
-             Case{EIO, ErrorCode::IOError},                  Case{ENAMETOOLONG, ErrorCode::InvalidLocation},
-             Case{EINVAL, ErrorCode::InvalidLocation},       Case{ELOOP, ErrorCode::InvalidLocation},
-             Case{ENOSYS, ErrorCode::UnsupportedOperation},  Case{EOPNOTSUPP, ErrorCode::UnsupportedOperation},
-             Case{ENOTSUP, ErrorCode::UnsupportedOperation}, Case{ENOMEM, ErrorCode::InternalError},
+             Case{ENOENT, Code::ResourceNotFound},      Case{ENOTDIR, Code::ResourceNotFound},
+             Case{EISDIR, Code::ResourceNotFound},      Case{EXDEV, Code::UnsupportedOperation},
+             Case{EACCES, Code::PermissionDenied},      Case{EPERM, Code::PermissionDenied},
+             Case{EEXIST, Code::ResourceAlreadyExists}, Case{ENOTEMPTY, Code::FolderNotEmpty},
+             Case{ENOSPC, Code::NoSpaceLeft},           Case{EDQUOT, Code::NoSpaceLeft},
+             Case{EROFS, Code::ReadOnlyProvider},       Case{EFBIG, Code::FileTooLarge},
+             Case{EBUSY, Code::ResourceInUse},          Case{ETXTBSY, Code::ResourceInUse},
+             Case{EIO, Code::IOError},                  Case{ENAMETOOLONG, Code::InvalidLocation},
+             Case{EINVAL, Code::InvalidLocation},       Case{ELOOP, Code::InvalidLocation},
+             Case{ENOSYS, Code::UnsupportedOperation},  Case{EOPNOTSUPP, Code::UnsupportedOperation},
+             Case{ENOTSUP, Code::UnsupportedOperation}, Case{ENOMEM, Code::InternalError},
              // Everything else is Unknown, never a guess.
-             Case{EMFILE, ErrorCode::Unknown},               Case{EBADF, ErrorCode::Unknown},
-             Case{EINTR, ErrorCode::Unknown},                Case{EAGAIN, ErrorCode::Unknown},
-             Case{0, ErrorCode::Unknown},                    Case{-1, ErrorCode::Unknown},
-             Case{99999, ErrorCode::Unknown},
+             Case{EMFILE, Code::Unknown},               Case{EBADF, Code::Unknown},
+             Case{EINTR, Code::Unknown},                Case{EAGAIN, Code::Unknown},
+             Case{0, Code::Unknown},                    Case{-1, Code::Unknown},
+             Case{99999, Code::Unknown},
          }) {
         EXPECT_EQ(errorCodeFromErrno(c.error), c.code) << errnoName(c.error);
     }
@@ -54,7 +49,7 @@ TEST(PosixErrorTest, PosixErrorCarriesCodeLocationCallErrnoAndMessageAndIsWhatIs
 {
     const StorageIRI location(u"file:///some/where");
     const Exception error = posixError(EACCES, "openat", location);
-    EXPECT_EQ(error.getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_EQ(error.getErrorCode(), Code::PermissionDenied);
     EXPECT_TRUE(error.getStorageIRI() == location);
     ASSERT_EQ(error.getAllExceptionContexts().size(), 2u);
     EXPECT_EQ(error.getAllExceptionContexts()[0].getExceptionContextKey(), u"openat");
@@ -62,7 +57,7 @@ TEST(PosixErrorTest, PosixErrorCarriesCodeLocationCallErrnoAndMessageAndIsWhatIs
     EXPECT_EQ(error.getMessage(), fl::i18n::utf8_to_ustring(std::strerror(EACCES)));
 
     vfs_test::inspectThrown<Exception>([&] { throwPosixError(EACCES, "openat", location); }, [&](const Exception& thrown) {
-        EXPECT_EQ(thrown.getErrorCode(), ErrorCode::PermissionDenied);
+        EXPECT_EQ(thrown.getErrorCode(), Code::PermissionDenied);
         EXPECT_TRUE(thrown.getStorageIRI() == location);
         EXPECT_EQ(thrown.getAllExceptionContexts(), error.getAllExceptionContexts());
     });

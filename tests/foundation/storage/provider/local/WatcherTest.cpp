@@ -7,14 +7,7 @@
 #include <ProviderHarness.hpp>
 #include <TaskCount.hpp>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <condition_variable>
-#include <fstream>
-#include <mutex>
-#include <thread>
+#include <Prelude.hpp>
 
 namespace {
 

@@ -1,34 +1,8 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <ExceptionCapture.hpp>
-#include <StorageSystems.hpp>
-#include <TempDir.hpp>
-#include <Threads.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
 using provider::decorators::CallCountingProvider;
-using provider::decorators::FaultInjectingProvider;
-using provider::decorators::ProviderOperation;
-using vfs::AbsoluteIRI;
-using vfs::DefaultStorageSystem;
-using vfs::ErrorCode;
 using Access = vfs::detail::StorageSystemAccess;
 
 const provider::StorageIRI& storageIRI(const AbsoluteIRI& iri) { return vfs::detail::IRIAccess::storageIRI(iri); }
@@ -73,11 +47,10 @@ TEST(DefaultStorageSystemTest, OtherSchemesAreUnsupported)
     }
 }
 
-// Records every decoration and hands out providers that inject faults and count calls.
+// Records every decoration and hands out providers that count calls.
 struct Decorations {
     std::mutex mutex;
     std::map<ustring, int> calls;
-    std::map<ustring, std::shared_ptr<FaultInjectingProvider>> faults;
     std::map<ustring, std::shared_ptr<CallCountingProvider>> counters;
 
     vfs::DefaultStorageSystemOptions options()
@@ -87,10 +60,8 @@ struct Decorations {
             std::lock_guard lock(mutex);
             ++calls[scheme];
             auto counting = std::make_shared<CallCountingProvider>(std::move(built));
-            auto faulty = std::make_shared<FaultInjectingProvider>(counting);
             counters[scheme] = counting;
-            faults[scheme] = faulty;
-            return std::shared_ptr<provider::IProvider>(faulty);
+            return std::shared_ptr<provider::IProvider>(counting);
         };
         return options;
     }
@@ -118,20 +89,6 @@ TEST(DefaultStorageSystemTest, DecoratorIsAppliedOncePerSchemeAndUsed)
     EXPECT_EQ(fileCounter.count(ProviderOperation::Exists, storageIRI(file)), 3u);
     EXPECT_EQ(fileCounter.count(ProviderOperation::ExistsExtended), 1u);
     EXPECT_EQ(decorations.counters.at(u"mem")->count(ProviderOperation::Exists, storageIRI(memory)), 3u);
-
-    // A fault injected into the decorator reaches the caller translated.
-    decorations.faults.at(u"file")->addFault(
-        {.operation = ProviderOperation::Exists, .location = storageIRI(file), .code = provider::ErrorCode::ResourceInUse});
-    const auto error = vfs_test::thrown<vfs::Exception>([&] { vfs::exists(file, ref); });
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->getErrorCode(), ErrorCode::ResourceInUse);
-    EXPECT_EQ(error->getLocation(), file);
-    EXPECT_EQ(error->getExceptionContextsString(), u"fault-injection:exists");
-    // The fault sits in front of the counter: the failed call never reached the provider.
-    EXPECT_EQ(fileCounter.count(ProviderOperation::Exists), 3u);
-    // Only the file provider was given the fault, and nothing was decorated again.
-    EXPECT_EQ(vfs::exists(memory, ref), ExistenceType::NotFound);
-    EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"file", 1}, {u"mem", 1}}));
 }
 
 TEST(DefaultStorageSystemTest, AfterShutdownOperationsFailWithUnsupportedOperation)

@@ -1,37 +1,11 @@
-#include <foundation/storage/vfs/AbsoluteIRI.hpp>
-#include <foundation/storage/vfs/Exception.hpp>
-#include <foundation/storage/vfs/detail/Logger.hpp>
 
-#include <foundation/log/diagnostic_logger.hpp>
-
-#include <ExceptionCapture.hpp>
-#include <RecordingListener.hpp>
-#include <TempDir.hpp>
+#include <Prelude.hpp>
 
 #include <boost/container_hash/hash.hpp>
-#include <boost/exception/errinfo_nested_exception.hpp>
-#include <boost/exception/get_error_info.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <type_traits>
-#include <unordered_set>
-#include <utility>
-#include <vector>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
 using testing::StartsWith;
-using vfs::AbsoluteIRI;
-using vfs::CanonicalAbsoluteIRI;
 using vfs::InvalidIRIException;
 
 // What an InvalidIRIException thrown by `call` carries; fails the test when `call` throws nothing or

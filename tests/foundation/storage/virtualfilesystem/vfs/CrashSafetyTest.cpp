@@ -3,26 +3,12 @@
 // The work runs in a forked child (the parent's storage system and providers are built before the
 // fork, so the child starts no thread of its own); the parent kills it after a random delay.
 
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 
-#include <DecoratedStorage.hpp>
-
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <random>
-#include <string>
-#include <thread>
 
 #include <poll.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -34,13 +20,6 @@ constexpr int copyRounds = 2;
 constexpr int writerRounds = 100;
 constexpr int copyRounds = 5;
 #endif
-
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using vfs::File;
-using vfs::Folder;
-using vfs_test::DecoratedStorage;
-using vfs_test::WorkingFolder;
 
 // Contents that differ at every position and in length, so that a mix or a cut shows.
 std::string pattern(char first, int period, std::size_t size)

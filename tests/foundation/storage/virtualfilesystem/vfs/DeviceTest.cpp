@@ -1,37 +1,14 @@
 // Open modes, IODevice and its trace, buffered and transactional devices, against real providers
 // with faults injected in the middle of their streams.
 
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-#include <foundation/storage/vfs/detail/Logger.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <RecordingListener.hpp>
-#include <WholeFile.hpp>
-
-#include <boost/property_tree/ptree.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <typeinfo>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
 using provider::ByteStreamAccess;
 using provider::ByteStreamCreation;
 using provider::ByteStreamOpenOptions;
 using provider::StreamClosePolicy;
-using provider::decorators::ProviderOperation;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs_test::DecoratedStorage;
-using vfs_test::WorkingFolder;
 using std::ios_base;
 
 const ByteStreamOpenOptions readWrite{ByteStreamAccess::ReadWrite, ByteStreamCreation::CreateIfMissing, 1, 1};
@@ -41,43 +18,6 @@ void write(const File& file, const std::string& content)
     vfs::IODevice device(file, {ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1});
     device.write(content.data(), static_cast<std::streamsize>(content.size()));
     device.close();
-}
-
-TEST(OpenModeTest, MapsTheStandardModesToProviderOptionsAndRefusesTheRest)
-{
-    const int in = ios_base::in, out = ios_base::out, app = ios_base::app, trunc = ios_base::trunc;
-    struct Case {
-        int mode;
-        std::optional<ByteStreamOpenOptions> options; // none: refused
-    };
-    const Case cases[] = {
-        {out, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::OpenExisting, 1, 1}},
-        {in | out, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreation::OpenExisting, 1, 1}},
-        {app, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 1, 0}},
-        {in | app, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreation::CreateIfMissing, 1, 0}},
-        {out | trunc | ios_base::binary, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1}},
-        {in | out | trunc, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreation::CreateIfMissing, 0, 1}},
-        {in, std::nullopt},
-        {out | app | trunc, std::nullopt},
-        {app | trunc, std::nullopt},
-        {0, std::nullopt},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.mode);
-        const vfs::OpenMode mode(c.mode);
-        if (c.options) {
-            EXPECT_EQ(mode.toByteStreamOpenOptions(), *c.options);
-            continue;
-        }
-        // The creation step decides first, so every refusal carries its message.
-        EXPECT_EQ(vfs_test::whatOf<std::runtime_error>([&] { mode.toByteStreamOpenOptions(); }),
-                  "toByteStreamCreate called with bad openmode");
-    }
-    EXPECT_EQ(vfs::OpenMode(app).getOpenMode(), out | app);
-    EXPECT_EQ(vfs::OpenMode(app | trunc).getOpenMode(), app | trunc);
-    const vfs::OpenMode readOnly(in | ios_base::ate | ios_base::binary | trunc);
-    EXPECT_TRUE(readOnly.isReadOnly() && readOnly.includesAtEnd() && readOnly.includesBinary());
-    EXPECT_THROW(vfs::detail::toByteStreamAccess(in), foundation::core::except::IInternalException);
 }
 
 template <class T>
@@ -171,6 +111,7 @@ TEST_P(DeviceTest, MisuseFailsClearly)
     EXPECT_EQ(vfs_test::whatOf<std::logic_error>([&] { transaction.close(StreamClosePolicy::Commit); }),
               "Cannot operate on a closed TransactionalIODevice.");
     EXPECT_EQ(vfs_test::readWhole(file), "abc");
+    EXPECT_THROW(vfs::detail::toByteStreamAccess(std::ios_base::in), IInternalException);
 }
 
 TEST_P(DeviceTest, TransactionalDeviceReplacesTheContentWholeOnCommitOnly)

@@ -1,38 +1,11 @@
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-#include <foundation/storage/vfs/detail/Logger.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
 #include <InotifyFaults.hpp>
-#include <RecordingListener.hpp>
-#include <StorageSystems.hpp>
-
-#include <boost/make_shared.hpp>
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <sstream>
-#include <vector>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace events = foundation::storage::events;
-namespace provider = foundation::storage::provider;
-namespace eventmgr = foundation::msg_svc::eventmgr;
 using boost::property_tree::ptree;
 using events::Kind;
-using fl::i18n::ustring;
-using vfs::AbsoluteIRI;
-using vfs::File;
-using vfs::Folder;
 using vfs::WithRecursiveChangeEvents;
 
 // The vfs::Events a subscription receives; waits are bounded.

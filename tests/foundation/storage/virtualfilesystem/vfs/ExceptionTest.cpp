@@ -1,29 +1,7 @@
-#include <foundation/storage/vfs/Exception.hpp>
 
-#include <ExceptionCapture.hpp>
-
-#include <boost/exception/get_error_info.hpp>
-#include <boost/exception_ptr.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
-
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using foundation::core::except::IInternalException;
-using fl::i18n::ustring;
-using provider::ExceptionContext;
-using vfs::AbsoluteIRI;
-using vfs::ErrorCode;
 
 std::string streamed(ErrorCode code)
 {

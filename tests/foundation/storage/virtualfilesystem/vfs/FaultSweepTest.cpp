@@ -3,40 +3,12 @@
 // and the stored tree must hold, path by path, either what it held before or what a successful run
 // leaves; never a half-written file nor an item lost by a move.
 
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
 #include <ErrorCodeTable.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <set>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::ExtendedFeature;
-using provider::ReplacementPolicy;
-using provider::decorators::FaultInjectingProvider;
-using provider::decorators::ProviderOperation;
 using Code = provider::ErrorCode;
 
 // Relative path to content; "/" stands for a folder.
@@ -303,7 +275,6 @@ vfs::Folder folderAt(const vfs::Folder& t, const ustring& path) { return vfs::Fo
 
 TEST_P(FaultSweep, FileOperations)
 {
-    using vfs::File;
     const boost::posix_time::ptime time(boost::gregorian::date(2001, 2, 3));
     sweep({
         scenario("create", [](const vfs::Folder& t) { at(t, u"n").createFile(); }),

@@ -1,22 +1,7 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-#include <string>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using provider::ReplacementPolicy;
 using vfs::FileOrFolder;
 
 class FileOrFolderTest : public testing::TestWithParam<std::string> {

@@ -1,36 +1,9 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <StorageSystems.hpp>
-#include <TempDir.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <mutex>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using boost::posix_time::ptime;
-using boost::posix_time::time_from_string;
-using fl::i18n::ustring;
 using provider::CopyFileOptions;
-using provider::ReplacementPolicy;
 using provider::TransactionStatus;
-using provider::decorators::ProviderOperation;
-using vfs::AbsoluteIRI;
-using vfs::ErrorCode;
-using vfs::File;
 
 const ptime older = time_from_string("2001-02-03 04:05:06");
 const ptime newer = time_from_string("2011-12-13 14:15:16");
@@ -58,35 +31,6 @@ void makeFile(const File& file, std::uint64_t size = 0, std::optional<ptime> mod
 class FileTest : public vfs_test::OnEachScheme {};
 INSTANTIATE_TEST_SUITE_P(Providers, FileTest, testing::Values("file", "mem"), vfs_test::schemeName);
 
-TEST_P(FileTest, LifecycleOnEachSchemeWithAFolderCountingAsNoFile)
-{
-    const File file = work.file(u"a.txt");
-    EXPECT_EQ(failure([&] { file.getAttributes(); }), std::make_pair(ErrorCode::ResourceNotFound, file.getLocation().toString()));
-    file.createFile();
-    EXPECT_EQ(failure([&] { file.createFile(); }).first, ErrorCode::ResourceAlreadyExists);
-    file.truncateToSize(42);
-    file.setLastModified(older);
-    file.setWritable(false);
-    const auto attributes = file.getAttributes();
-    EXPECT_EQ(attributes.getSize(), 42u);
-    EXPECT_EQ(attributes.getLastModified(), older);
-    EXPECT_FALSE(attributes.isWritable());
-    file.setWritable(true);
-
-    // A move names its source afterwards still; the handle does not follow.
-    const File moved = work.file(u"b.txt");
-    file.moveFile(moved, ReplacementPolicy::FailIfExists);
-    EXPECT_FALSE(file.fileExists());
-    EXPECT_EQ(file.getLocation(), work.location(u"a.txt"));
-    moved.removeFile();
-    EXPECT_EQ(failure([&] { moved.removeFile(); }).first, ErrorCode::ResourceNotFound);
-
-    work.folder(u"sub").createFolder();
-    EXPECT_FALSE(work.file(u"sub").fileExists());
-    EXPECT_EQ(failure([&] { work.file(u"sub").removeFile(); }).first, ErrorCode::ResourceNotFound);
-    EXPECT_TRUE(work.folder(u"sub").folderExists());
-}
-
 TEST_P(FileTest, ChildOfAFolderSharesItsStorageSystemAndRefusesEscapingNames)
 {
     const File child(work.root(), u"x/y.txt");
@@ -98,39 +42,6 @@ TEST_P(FileTest, ChildOfAFolderSharesItsStorageSystemAndRefusesEscapingNames)
 
     for (const ustring& bad : {ustring(u""), ustring(u"/etc/passwd"), ustring(u"../out"), ustring(u"a\0b", 3)})
         EXPECT_EQ(failure([&] { File(work.root(), bad); }).first, ErrorCode::InvalidLocation);
-}
-
-TEST_P(FileTest, CopyWithinASchemeKeepsTheModificationTimeUnlessNothingWasCopied)
-{
-    const File source = work.file(u"source");
-    const File target = work.file(u"target");
-    makeFile(source, 10, older);
-
-    source.copyFile(target, ReplacementPolicy::FailIfExists);
-    EXPECT_EQ(target.getAttributes().getSize(), 10u);
-    EXPECT_EQ(target.getAttributes().getLastModified(), older);
-    EXPECT_TRUE(source.fileExists());
-
-    // A newer target is skipped by ReplaceIfNewer: status NothingDone, time and content untouched.
-    target.truncateToSize(3);
-    target.setLastModified(newer);
-    CopyFileOptions ifNewer;
-    ifNewer.replacementPolicy = ReplacementPolicy::ReplaceIfNewer;
-    EXPECT_EQ(source.copyFile(target, ifNewer), TransactionStatus::NothingDone);
-    EXPECT_EQ(target.getAttributes().getLastModified(), newer);
-    EXPECT_EQ(target.getAttributes().getSize(), 3u);
-
-    // Replace overwrites content and takes the source's time.
-    source.copyFile(target, ReplacementPolicy::Replace);
-    EXPECT_EQ(target.getAttributes().getSize(), 10u);
-    EXPECT_EQ(target.getAttributes().getLastModified(), older);
-
-    // A copy cancelled by its progress callback leaves no target and no time.
-    const File cancelled = work.file(u"cancelled");
-    CopyFileOptions cancelling;
-    cancelling.progress = [](std::uint64_t, std::uint64_t) { return false; };
-    EXPECT_EQ(source.copyFile(cancelled, cancelling), TransactionStatus::NothingDone);
-    EXPECT_FALSE(cancelled.fileExists());
 }
 
 // Records the replacement policy of every copy and move it forwards.

@@ -1,34 +1,9 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <ListingSupport.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/exception/get_error_info.hpp>
-
-#include <gtest/gtest.h>
+#include <Prelude.hpp>
 
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
-#include <set>
-#include <string>
-#include <tuple>
-#include <vector>
-
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::ExtendedFeature;
-using provider::ReplacementPolicy;
-using provider::decorators::ProviderOperation;
-using vfs::ErrorCode;
 using Names = std::vector<ustring>;
 
 template <class Call>
@@ -58,15 +33,13 @@ public:
     }
 };
 
-// Scheme, and whether the provider's own recursive removal and listing are hidden.
-class FolderCopyTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+// The flag hides the provider's own recursive removal and listing.
+class FolderCopyTest : public vfs_test::OnEachSchemeAndFlag {
 protected:
-    static bool libraryOnly() { return std::get<1>(GetParam()); }
-    static std::set<ExtendedFeature> hidden()
+    FolderCopyTest()
+        : OnEachSchemeAndFlag(flag() ? std::set{ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing}
+                                     : std::set<ExtendedFeature>{})
     {
-        if (!libraryOnly())
-            return {};
-        return {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing};
     }
 
     // src/{f (3 bytes), sub/{g}, empty/}; sub dated 2001.
@@ -79,34 +52,14 @@ protected:
         work.file(u"src/sub/g").createFile();
         work.folder(u"src/sub").setLastModified(subTime);
     }
-    provider::decorators::FaultInjectingProvider& faults() const
-    {
-        return *storage.layers(fl::i18n::utf8_to_ustring(std::get<0>(GetParam()))).faults;
-    }
 
-    const boost::posix_time::ptime subTime = boost::posix_time::time_from_string("2001-02-03 04:05:06");
-    vfs_test::DecoratedStorage storage{hidden()};
-    vfs_test::WorkingFolder work{std::get<0>(GetParam()), storage.ref};
+    const ptime subTime = time_from_string("2001-02-03 04:05:06");
     const vfs::Folder src = work.folder(u"src");
     const Names srcTree{u"empty", u"f", u"sub", u"sub/g"};
 };
 
-INSTANTIATE_TEST_SUITE_P(Providers, FolderCopyTest, testing::Combine(testing::Values("file", "mem"), testing::Bool()),
-                         [](const auto& info) {
-                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "_library" : "_native");
-                         });
-
-TEST_P(FolderCopyTest, CopiesTheTreeWithFolderTimes)
-{
-    const vfs::Folder into = work.folder(u"d");
-    into.createFolder();
-    src.copyFolderInto(into, ReplacementPolicy::FailIfExists);
-    const vfs::Folder copy = work.folder(u"d/src");
-    EXPECT_EQ(treeOf(copy), srcTree);
-    EXPECT_EQ(work.file(u"d/src/f").getAttributes().getSize(), 3u);
-    EXPECT_EQ(work.folder(u"d/src/sub").getAttributes().getLastModified(), subTime);
-    EXPECT_EQ(treeOf(src), srcTree);
-}
+INSTANTIATE_TEST_SUITE_P(Providers, FolderCopyTest, vfs_test::eachSchemeAndFlag(),
+                         vfs_test::schemeAndFlagName("native", "library"));
 
 TEST_P(FolderCopyTest, NeverIntoItsOwnTree)
 {
@@ -170,6 +123,8 @@ TEST_P(FolderCopyTest, ObserversFollowCopyAndRemovalAndCanStopThem)
     ASSERT_TRUE(src.copyFolder(work.folder(u"d"), ReplacementPolicy::FailIfExists, follow));
     EXPECT_EQ(std::tie(last.files, last.folders, last.bytes), std::make_tuple(2u, 3u, 3u));
     EXPECT_EQ(treeOf(work.folder(u"d")), srcTree);
+    EXPECT_EQ(work.file(u"d/f").getAttributes().getSize(), 3u);
+    EXPECT_EQ(work.folder(u"d/sub").getAttributes().getLastModified(), subTime);
 
     // Stopped as the bytes of f arrive: f is not left behind half-made, nothing after it is copied.
     EXPECT_FALSE(src.copyFolder(work.folder(u"e"), ReplacementPolicy::FailIfExists,

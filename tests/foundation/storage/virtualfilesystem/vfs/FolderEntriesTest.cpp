@@ -1,35 +1,6 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <Threads.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
-
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using boost::posix_time::time_from_string;
-using fl::i18n::ustring;
-using provider::decorators::FaultInjectingProvider;
-using provider::decorators::ProviderOperation;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs::FileEntry;
-using vfs::Folder;
-using vfs::FolderEntry;
-using vfs::ListEntry;
 
 constexpr auto codeOf = [](auto&& call) { return vfs_test::libraryErrorOf(call); };
 

@@ -1,42 +1,14 @@
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <ListingSupport.hpp>
-
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <iterator>
-#include <memory>
 #include <ranges>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
 using provider::ListKind;
-using provider::decorators::ProviderOperation;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs::FileEntry;
-using vfs::Folder;
-using vfs::FolderEntry;
 using vfs::FolderListing;
 using vfs::FolderListingIterator;
-using vfs::ListEntry;
 using Entry = boost::variant<FileEntry, FolderEntry>;
 using Names = std::vector<ustring>;
-using vfs_test::nameOf;
-using vfs_test::namesOf;
 
 static_assert(std::input_iterator<FolderListingIterator<FileEntry>>);
 static_assert(std::ranges::input_range<FolderListing<Entry>>);
@@ -80,35 +52,6 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(Providers, FolderListingTest, testing::Values("file", "mem"), vfs_test::schemeName);
-
-TEST_P(FolderListingTest, EachMemberYieldsItsKindOfChild)
-{
-    buildSample();
-    const Folder& root = work.root();
-    const Names files{u"a.txt", u"b.txt"};
-    const Names folders{u"sub", u"sub2"};
-    const Names all{u"a.txt", u"b.txt", u"sub", u"sub2"};
-
-    EXPECT_EQ(namesOf(root.listFiles(u"")), files);
-    EXPECT_EQ(namesOf(root.listFileEntries(u"")), files);
-    EXPECT_EQ(namesOf(root.listFolders(u"")), folders);
-    EXPECT_EQ(namesOf(root.listFolderEntries(u"")), folders);
-    EXPECT_EQ(namesOf(root.listAll(u"")), all);
-    EXPECT_EQ(namesOf(root.listAllEntries(u"")), all);
-
-    // Elements are children of the listed folder, of the kind the provider reported.
-    for (const File& file : root.listFiles(u""))
-        EXPECT_EQ(file.getLocation(), work.location(file.getName()));
-    for (const Folder& folder : root.listFolders(u""))
-        EXPECT_EQ(folder.getParent(), root);
-    for (const ListEntry& entry : root.listAll(u""))
-        EXPECT_EQ(entry.getLocation(), work.location(entry.getName()));
-    for (const Entry& entry : root.listAllEntries(u"")) {
-        const bool isFile = boost::get<FileEntry>(&entry) != nullptr;
-        EXPECT_EQ(isFile, nameOf(entry).ends_with(u".txt"));
-    }
-    EXPECT_EQ(namesOf(work.folder(u"sub").listAll(u"")), Names{u"inner.txt"});
-}
 
 TEST_P(FolderListingTest, HandlesListNamesOnlyAndEntriesTakeTheAttributesDelivered)
 {

@@ -1,47 +1,9 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <TempDir.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <functional>
-#include <optional>
-#include <set>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using boost::posix_time::ptime;
-using boost::posix_time::time_from_string;
-using fl::i18n::ustring;
 using provider::CaseModifier;
-using provider::ExtendedFeature;
-using provider::ReplacementPolicy;
-using provider::decorators::ProviderOperation;
-using vfs::AbsoluteIRI;
-using vfs::CanonicalAbsoluteIRI;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs::Folder;
 using vfs::FolderRemovalPolicy;
-using vfs_test::WorkingFolder;
 
 const ptime older = time_from_string("2001-02-03 04:05:06");
 
@@ -86,47 +48,14 @@ std::vector<ustring> treeOf(const Folder& folder, const ustring& prefix = {})
 class FolderTest : public vfs_test::OnEachScheme {};
 INSTANTIATE_TEST_SUITE_P(Providers, FolderTest, testing::Values("file", "mem"), vfs_test::schemeName);
 
-TEST_P(FolderTest, LifecycleOnEachSchemeWithAFileCountingAsNoFolder)
-{
-    const Folder folder = work.folder(u"a");
-    EXPECT_EQ(codeOf([&] { folder.getAttributes(); }), ErrorCode::ResourceNotFound);
-    EXPECT_EQ(codeOf([&] { work.folder(u"missing/child").createFolder(); }), ErrorCode::ResourceNotFound);
-    folder.createFolder();
-    EXPECT_EQ(codeOf([&] { folder.createFolder(); }), ErrorCode::ResourceAlreadyExists);
-    EXPECT_NO_THROW(folder.createFolderRecursive());
-    work.folder(u"a/b/c").createFolderRecursive();
-    folder.setLastModified(older);
-    EXPECT_EQ(folder.getAttributes().getLastModified(), older);
-    EXPECT_EQ(folder.getFilenameSensitivity(), provider::FilenameSensitivity::CaseSensitive);
-    EXPECT_NO_THROW(Folder(folder).flushFilesystem());
-
-    // Non-recursive removal leaves a non-empty folder to the provider's refusal.
-    EXPECT_EQ(codeOf([&] { folder.removeFolder(FolderRemovalPolicy::NonRecursive); }), ErrorCode::FolderNotEmpty);
-    work.folder(u"a/b/c").removeFolder(FolderRemovalPolicy::NonRecursive);
-    EXPECT_EQ(treeOf(folder), (std::vector<ustring>{u"b/"}));
-
-    build(work, {u"file"});
-    EXPECT_FALSE(work.folder(u"file").folderExists());
-    EXPECT_EQ(codeOf([&] { work.folder(u"file").getAttributes(); }), ErrorCode::ResourceNotFound);
-    EXPECT_EQ(codeOf([&] { work.folder(u"file/sub").createFolderRecursive(); }), ErrorCode::ResourceAlreadyExists);
-}
-
-// Recursive removal on each provider, with its own recursive removal and with the library's.
-class RecursiveRemovalTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+// Recursive removal on each provider, with its own recursive removal and (flag set) the library's.
+class RecursiveRemovalTest : public vfs_test::OnEachSchemeAndFlag {
 protected:
-    bool native() const { return std::get<1>(GetParam()); }
-    ustring scheme() const { return std::get<0>(GetParam()) == "mem" ? u"mem" : u"file"; }
-
-    vfs_test::DecoratedStorage storage{native() ? std::set<ExtendedFeature>{}
-                                                : std::set<ExtendedFeature>{ExtendedFeature::RecursiveRemoval}};
-    WorkingFolder work{std::get<0>(GetParam()), storage.ref};
+    RecursiveRemovalTest() : OnEachSchemeAndFlag(flag() ? std::set{ExtendedFeature::RecursiveRemoval} : std::set<ExtendedFeature>{}) {}
 };
 
-INSTANTIATE_TEST_SUITE_P(Branches, RecursiveRemovalTest,
-                         testing::Combine(testing::Values("file", "mem"), testing::Bool()),
-                         [](const auto& info) {
-                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "Native" : "Library");
-                         });
+INSTANTIATE_TEST_SUITE_P(Branches, RecursiveRemovalTest, vfs_test::eachSchemeAndFlag(),
+                         vfs_test::schemeAndFlagName("native", "library"));
 
 TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
 {
@@ -136,7 +65,7 @@ TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
 
     work.folder(u"tree").removeFolder(FolderRemovalPolicy::Recursive);
 
-    if (native()) {
+    if (!flag()) {
         EXPECT_EQ(calls->count(ProviderOperation::RemoveFolderRecursively), 1u);
         EXPECT_EQ(calls->count(ProviderOperation::List), 0u);
     } else {
@@ -154,61 +83,6 @@ TEST_P(RecursiveRemovalTest, RemovesTheWholeTreeAndNothingBeside)
     work.folder(u"empty").removeFolder(FolderRemovalPolicy::Recursive);
     EXPECT_FALSE(work.folder(u"empty").folderExists());
 }
-
-// One row of a failure table for file and folder handles: the injected fault, the call and what must
-// be left of the tree a/{f1, b/{f2, f3}}.
-struct FaultCase {
-    std::string name;
-    std::set<ExtendedFeature> hidden;
-    ProviderOperation operation;
-    std::optional<ustring> at; // relative to the working folder; every location when empty
-    provider::ErrorCode injected;
-    ErrorCode expected;
-    std::function<void(const WorkingFolder&)> call;
-    std::vector<ustring> left; // the working folder's tree afterwards
-};
-
-std::ostream& operator<<(std::ostream& out, const FaultCase& c) { return out << c.name; }
-
-class HandleFaultTest : public testing::TestWithParam<FaultCase> {};
-
-TEST_P(HandleFaultTest, FailsWithTheTranslatedCodeAndLeavesTheStorageAsDescribed)
-{
-    const FaultCase& c = GetParam();
-    vfs_test::DecoratedStorage storage(c.hidden);
-    const WorkingFolder work("mem", storage.ref);
-    build(work, {u"a/f1", u"a/b/f2", u"a/b/f3"});
-    const auto& faults = storage.layers(u"mem").faults;
-    provider::decorators::FaultInjectingProvider::Fault fault{c.operation};
-    if (c.at)
-        fault.location = vfs::detail::IRIAccess::storageIRI(work.location(*c.at));
-    fault.code = c.injected;
-    faults->addFault(fault);
-
-    EXPECT_EQ(codeOf([&] { c.call(work); }), c.expected);
-    faults->clearFaults();
-    EXPECT_EQ(treeOf(work.root()), c.left);
-}
-
-const std::vector<ustring> untouched{u"a/", u"a/b/", u"a/b/f2", u"a/b/f3", u"a/f1"};
-const std::set<ExtendedFeature> noNativeRemoval{ExtendedFeature::RecursiveRemoval};
-const auto removeA = [](const WorkingFolder& w) { w.folder(u"a").removeFolder(FolderRemovalPolicy::Recursive); };
-
-const std::vector<FaultCase> handleFaults{
-    // The library's removal stops at the first failure and undoes nothing.
-    {"LibraryRemovalStopsAtADeniedFile", noNativeRemoval, ProviderOperation::RemoveFile, u"a/b/f3",
-     provider::ErrorCode::PermissionDenied, ErrorCode::PermissionDenied, removeA, {u"a/", u"a/b/", u"a/b/f3", u"a/f1"}},
-    {"LibraryRemovalStopsAtAnUnlistableFolder", noNativeRemoval, ProviderOperation::List, u"a/b",
-     provider::ErrorCode::IOError, ErrorCode::IOError, removeA, untouched},
-    // A provider that cannot move falls back to copy and delete; the fallback refuses a target inside
-    // the source before copying anything.
-    {"FallbackRefusesATargetInsideTheSource", {}, ProviderOperation::MoveFolder, std::nullopt,
-     provider::ErrorCode::UnsupportedOperation, ErrorCode::InvalidLocation,
-     [](const auto& w) { w.folder(u"a").moveFolder(w.folder(u"a/b/c"), ReplacementPolicy::Replace); }, untouched},
-};
-
-INSTANTIATE_TEST_SUITE_P(Faults, HandleFaultTest, testing::ValuesIn(handleFaults),
-                         [](const testing::TestParamInfo<FaultCase>& info) { return info.param.name; });
 
 TEST_P(FolderTest, MovesNativelyWithinASchemeAndMergesThroughTheFallback)
 {

@@ -1,29 +1,7 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::decorators::FaultInjectingProvider;
-using provider::decorators::ProviderOperation;
-using vfs::ErrorCode;
 using vfs::FolderVisitResult;
 using Result = FolderVisitResult;
 
@@ -80,8 +58,8 @@ private:
     std::vector<std::string> m_events;
 };
 
-// Scheme, and whether the walk is the parallel one.
-class FolderWalkTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+// The flag makes the walk the parallel one.
+class FolderWalkTest : public vfs_test::OnEachSchemeAndFlag {
 protected:
     // r/{a/{x, y, c/{z}}, b/{w}, f}
     void SetUp() override
@@ -92,29 +70,20 @@ protected:
             work.file(file).createFile();
     }
 
-    static bool parallel() { return std::get<1>(GetParam()); }
+    static bool parallel() { return flag(); }
     Result walk(const vfs::Folder& root, vfs::FolderVisitor& visitor) const
     {
         return parallel() ? vfs::walkFolderParallel(root, visitor) : vfs::walkFolder(root, visitor);
     }
     vfs::Folder tree() const { return work.folder(u"r"); }
-    FaultInjectingProvider& faults() const
-    {
-        return *storage.layers(fl::i18n::utf8_to_ustring(std::get<0>(GetParam()))).faults;
-    }
     provider::StorageIRI iri(const ustring& relative) const
     {
         return provider::StorageIRI(work.location(relative).toString());
     }
-
-    vfs_test::DecoratedStorage storage;
-    vfs_test::WorkingFolder work{std::get<0>(GetParam()), storage.ref};
 };
 
-INSTANTIATE_TEST_SUITE_P(Walks, FolderWalkTest, testing::Combine(testing::Values("file", "mem"), testing::Bool()),
-                         [](const auto& info) {
-                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "_parallel" : "_sequential");
-                         });
+INSTANTIATE_TEST_SUITE_P(Walks, FolderWalkTest, vfs_test::eachSchemeAndFlag(),
+                         vfs_test::schemeAndFlagName("sequential", "parallel"));
 
 TEST_P(FolderWalkTest, VisitsDepthFirstWithEachFolderAroundItsContents)
 {

@@ -1,29 +1,9 @@
 // Trees and loads built to make the library misbehave: links leading back round, and many writers
 // racing against a memory volume's quota.
 
-#include <foundation/storage/vfs.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <StorageSystems.hpp>
-#include <TempDir.hpp>
-#include <Threads.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
-#include <random>
-#include <string>
+#include <Prelude.hpp>
 
 namespace {
-
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using vfs::AbsoluteIRI;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs::Folder;
 
 // Counts what it meets; a folder that fails (a link leading back round) is noted and passed over.
 class CountingVisitor : public vfs::FolderVisitor {

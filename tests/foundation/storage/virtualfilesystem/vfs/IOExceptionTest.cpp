@@ -1,26 +1,10 @@
-#include <foundation/storage/vfs/IOException.hpp>
 
-#include <ExceptionCapture.hpp>
+#include <Prelude.hpp>
 
-#include <boost/exception_ptr.hpp>
-
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <ios>
-#include <memory>
-#include <string>
 #include <system_error>
-#include <type_traits>
-#include <utility>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using foundation::core::except::IInternalException;
-using provider::ExceptionContext;
-using vfs::ErrorCode;
 using vfs::IOException;
 
 std::deque<ExceptionContext> contexts(std::initializer_list<const char16_t*> keys)

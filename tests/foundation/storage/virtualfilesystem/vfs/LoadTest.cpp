@@ -3,35 +3,9 @@
 // whole and listed once, and the watch must have reported at least one event per change (unless it
 // reported an overflow). A watchdog ends the program instead of letting a deadlock hang it.
 
-#include <foundation/storage/vfs.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <Threads.hpp>
-#include <WholeFile.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
-#include <mutex>
-#include <random>
-#include <set>
-#include <string>
-#include <thread>
+#include <Prelude.hpp>
 
 namespace {
-
-namespace vfs = foundation::storage::vfs;
-namespace events = foundation::storage::events;
-namespace provider = foundation::storage::provider;
-namespace eventmgr = foundation::msg_svc::eventmgr;
-using fl::i18n::ustring;
-using vfs::ErrorCode;
-using vfs::File;
-using vfs::Folder;
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr auto loadTime = std::chrono::milliseconds(600);

@@ -1,37 +1,9 @@
-#include <foundation/storage/vfs.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ExceptionCapture.hpp>
-#include <StorageSystems.hpp>
-#include <TempDir.hpp>
-
-#include <boost/property_tree/ptree.hpp>
-
-#include <gtest/gtest.h>
-
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
+#include <Prelude.hpp>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
 using boost::property_tree::ptree;
-using fl::i18n::ustring;
-using provider::StorageIRI;
-using vfs::AbsoluteIRI;
-using vfs::DefaultStorageSystem;
 using vfs::DefaultStorageSystemOptions;
-using vfs::ErrorCode;
-using vfs::Folder;
 
 constexpr auto codeOf = [](auto&& call) { return vfs_test::libraryErrorOf(call); };
 

@@ -1,27 +1,9 @@
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
 #include <DepthFirst.hpp>
-#include <ListingSupport.hpp>
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <set>
-#include <string>
-#include <tuple>
-#include <vector>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::ExtendedFeature;
-using provider::decorators::ProviderOperation;
-using Entry = boost::variant<vfs::FileEntry, vfs::FolderEntry>;
 using Names = std::vector<ustring>;
 
 // Names in listing order, as paths relative to the listed folder.
@@ -41,16 +23,15 @@ Names inOrder(const vfs::FolderListing<T>& listing, const vfs::Folder& root)
     return names;
 }
 
-// Scheme, and whether the provider's own recursive listing is used (otherwise the library walks).
-class RecursiveListingTest : public testing::TestWithParam<std::tuple<std::string, bool>> {
+// The flag hides the provider's own recursive listing, so that the library walks.
+class RecursiveListingTest : public vfs_test::OnEachSchemeAndFlag {
 protected:
-    static bool native() { return std::get<1>(GetParam()); }
-    static std::set<ExtendedFeature> hidden()
+    RecursiveListingTest()
+        : OnEachSchemeAndFlag(flag() ? std::set{ExtendedFeature::RecursiveListing, ExtendedFeature::FlatWildcardListing}
+                                     : std::set<ExtendedFeature>{})
     {
-        if (native())
-            return {};
-        return {ExtendedFeature::RecursiveListing, ExtendedFeature::FlatWildcardListing};
     }
+    static bool native() { return !flag(); }
 
     // r/{a/{x.txt, b.txt/{y.txt, z}}, docs/{in.txt}, c.txt}
     void SetUp() override
@@ -61,38 +42,14 @@ protected:
             work.file(file).createFile();
     }
     vfs::Folder tree() const { return work.folder(u"r"); }
-
-    vfs_test::DecoratedStorage storage{hidden()};
-    vfs_test::WorkingFolder work{std::get<0>(GetParam()), storage.ref};
 };
 
-INSTANTIATE_TEST_SUITE_P(Providers, RecursiveListingTest,
-                         testing::Combine(testing::Values("file", "mem"), testing::Bool()), [](const auto& info) {
-                             return std::get<0>(info.param) + (std::get<1>(info.param) ? "_native" : "_library");
-                         });
-
-TEST_P(RecursiveListingTest, WholeTreeDepthFirstWithoutTheRoot)
-{
-    const Names all{u"a", u"a/b.txt", u"a/b.txt/y.txt", u"a/b.txt/z", u"a/x.txt", u"c.txt", u"docs", u"docs/in.txt"};
-    const auto names = tree().listAllRecursive(u"");
-    EXPECT_EQ(vfs_test::sorted(inOrder(names, tree())), all);
-    vfs_test::expectDepthFirst(inOrder(names, tree()));
-    // Two passes give the same sequence; entries carry their kind.
-    EXPECT_EQ(inOrder(names, tree()), inOrder(names, tree()));
-    const auto entries = tree().listAllEntriesRecursive(u"");
-    EXPECT_EQ(vfs_test::sorted(inOrder(entries, tree())), all);
-    for (const Entry& entry : entries)
-        EXPECT_EQ(entry.which() == 1, vfs::getName(entry) == u"a" || vfs::getName(entry) == u"docs" ||
-                                          vfs::getName(entry).ends_with(u"b.txt"));
-
-    const vfs::Folder empty = work.folder(u"r/empty");
-    empty.createFolder();
-    EXPECT_TRUE(empty.listAllRecursive(u"").empty());
-    EXPECT_TRUE(empty.listAllEntriesRecursive(u"").begin() == empty.listAllEntriesRecursive(u"").end());
-}
+INSTANTIATE_TEST_SUITE_P(Providers, RecursiveListingTest, vfs_test::eachSchemeAndFlag(),
+                         vfs_test::schemeAndFlagName("native", "library"));
 
 TEST_P(RecursiveListingTest, PatternMatchesBareNames)
 {
+    vfs_test::expectDepthFirst(inOrder(tree().listAllRecursive(u""), tree()));
     const Names found = vfs_test::sorted(inOrder(tree().listAllRecursive(u"*.txt"), tree()));
     if (native()) // only the names are matched; every folder is entered
         EXPECT_EQ(found, (Names{u"a/b.txt", u"a/b.txt/y.txt", u"a/x.txt", u"c.txt", u"docs/in.txt"}));
@@ -107,7 +64,7 @@ TEST_P(RecursiveListingTest, UnreadableOrVanishedSubfolderIsListedButNotEntered)
 {
     if (native())
         GTEST_SKIP() << "the provider's own walk reads its folders below the decorators";
-    auto& faults = *storage.layers(fl::i18n::utf8_to_ustring(std::get<0>(GetParam()))).faults;
+    auto& faults = this->faults();
     const std::vector<std::pair<provider::ErrorCode, bool>> cases{{provider::ErrorCode::PermissionDenied, true},
                                                                   {provider::ErrorCode::ResourceNotFound, true},
                                                                   {provider::ErrorCode::IOError, false}};

@@ -1,43 +1,13 @@
-#include <foundation/storage/vfs/Exception.hpp>
-#include <foundation/storage/vfs/Folder.hpp>
-#include <foundation/storage/vfs/FolderListing.hpp>
-#include <foundation/storage/vfs/IODevice.hpp>
-#include <foundation/storage/vfs/StorageSystem.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
+#include <Prelude.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
-#include <ExceptionCapture.hpp>
-#include <StorageSystems.hpp>
-#include <TempDir.hpp>
-
 #include <boost/shared_ptr.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <utility>
 
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using foundation::core::except::IInternalException;
 using foundation::msg_svc::eventmgr::EventMgr;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
-using provider::StorageIRI;
-using provider::decorators::FaultInjectingProvider;
-using provider::decorators::ProviderOperation;
-using vfs::AbsoluteIRI;
-using vfs::ErrorCode;
 using vfs::StorageSystem;
 using vfs::StorageSystemReference;
 using Access = vfs::detail::StorageSystemAccess;

@@ -1,36 +1,10 @@
-#include <foundation/storage/vfs/Exception.hpp>
-#include <foundation/storage/vfs/IOException.hpp>
-#include <foundation/storage/vfs/detail/Logger.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
-#include <foundation/log/diagnostic_logger.hpp>
+#include <Prelude.hpp>
 
 #include <ErrorCodeTable.hpp>
-#include <ExceptionCapture.hpp>
-#include <RecordingListener.hpp>
-
-#include <boost/exception/errinfo_nested_exception.hpp>
-#include <boost/exception/get_error_info.hpp>
-#include <boost/throw_exception.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <exception>
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <typeinfo>
-#include <vector>
 
 namespace {
-
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using provider::ExceptionContext;
-using provider::StorageIRI;
-using vfs::AbsoluteIRI;
-using vfs::ErrorCode;
 
 // What translateProviderException() throws for the exception `raise` throws.
 std::exception_ptr translate(const std::function<void()>& raise)

@@ -1,41 +1,12 @@
-#include <foundation/storage/vfs.hpp>
+#include <Prelude.hpp>
 #include <foundation/storage/vfs/detail/FolderIteratorWildcardsImpl.hpp>
 #include <foundation/storage/vfs/detail/FolderListingIteratorImpl.hpp>
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <DecoratedStorage.hpp>
-#include <ListingSupport.hpp>
-
-#include <boost/variant/get.hpp>
-
-#include <gtest/gtest.h>
-
-#include <iterator>
-#include <memory>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
 namespace {
 
-namespace vfs = foundation::storage::vfs;
-namespace provider = foundation::storage::provider;
-using fl::i18n::ustring;
-using provider::ExtendedFeature;
-using provider::decorators::ProviderOperation;
-using vfs::File;
-using vfs::FileEntry;
-using vfs::Folder;
-using vfs::FolderEntry;
 using Entry = boost::variant<FileEntry, FolderEntry>;
 using Handle = boost::variant<File, Folder>;
 using Names = std::vector<ustring>;
-using vfs_test::nameOf;
-using vfs_test::namesOf;
 using vfs_test::sorted;
 
 const ustring smiley = u"\U0001F600"; // one character, two UTF-16 code units
