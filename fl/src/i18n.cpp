@@ -276,6 +276,59 @@ ustring utf8_to_ustring_lossy(std::string_view text)
     return out;
 }
 
+void append_native(ustring& out, std::string_view bytes)
+{
+    for (std::size_t i = widenAsciiPrefix(bytes, out); i < bytes.size();) {
+        const std::size_t at = i;
+        char32_t c;
+        if (nextUtf8(bytes, i, c)) {
+            appendUtf16(out, c);
+            continue;
+        }
+        // Every byte of the ill-formed prefix is 0x80 or above: ASCII always decodes.
+        for (std::size_t k = at; k < i; ++k)
+            out.push_back(static_cast<char16_t>(0xDC00 + static_cast<unsigned char>(bytes[k])));
+    }
+}
+
+ustring native_to_ustring(std::string_view bytes)
+{
+    ustring out;
+    append_native(out, bytes);
+    return out;
+}
+
+std::string ustring_to_native(std::u16string_view text)
+{
+    std::string out(text.size(), '\0');
+    std::size_t i = narrowAsciiPrefix(text, out.data());
+    out.resize(i);
+    while (i < text.size()) {
+        const std::size_t at = i;
+        char32_t c;
+        if (nextUtf16(text, i, c))
+            appendUtf8(out, c);
+        else if (is_escaped_byte(text[at]))
+            out.push_back(static_cast<char>(text[at] - 0xDC00));
+        else
+            throw conversion_error("lone surrogate in UTF-16 text", at);
+    }
+    return out;
+}
+
+ustring canonical_native(std::u16string_view text) { return native_to_ustring(ustring_to_native(text)); }
+
+bool is_valid_native_utf16(std::u16string_view text) noexcept
+{
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t at = i;
+        char32_t c;
+        if (!nextUtf16(text, i, c) && !is_escaped_byte(text[at]))
+            return false;
+    }
+    return true;
+}
+
 std::u32string to_u32string(std::u16string_view text)
 {
     std::u32string out;

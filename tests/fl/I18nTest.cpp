@@ -108,6 +108,26 @@ TEST_P(I18nBadUtf8, IsRejectedStrictlyAndReplacedLossily)
     const BadUtf8& c = GetParam();
     EXPECT_EQ(failureOffset([&] { utf8_to_ustring(c.bytes); }), c.offset);
     EXPECT_EQ(utf8_to_ustring_lossy(c.bytes), c.lossy);
+    // As a name, every byte is kept: each ill-formed byte becomes U+DC00 + byte and comes back.
+    const ustring native = native_to_ustring(c.bytes);
+    EXPECT_EQ(ustring_to_native(native), c.bytes);
+    EXPECT_TRUE(is_valid_native_utf16(native));
+    EXPECT_EQ(canonical_native(native), native);
+    for (std::size_t i = 0, n = 0; i < native.size(); ++i) {
+        if (is_escaped_byte(native[i])) {
+            EXPECT_EQ(static_cast<unsigned char>(c.bytes[c.offset + n++]), native[i] - 0xDC00) << i;
+        }
+    }
+}
+
+TEST(I18n, NativeNamesTakeOnlyByteUnitsAndFoldThemIntoTheCharacterTheySpell)
+{
+    EXPECT_EQ(native_to_ustring("a\xC3\x28\xC3\xA9"), u"a\xDCC3(\u00E9");
+    EXPECT_EQ(canonical_native(u"\xDCC3\xDCA9\xDCFF"), u"\u00E9\xDCFF");
+    for (const char16_t unit : {u'\xD800', u'\xDC7F', u'\xDD00', u'\xDFFF'}) {
+        EXPECT_EQ(failureOffset([&] { ustring_to_native(ustring(u"ab") + unit); }), 2u);
+        EXPECT_FALSE(is_valid_native_utf16(ustring(1, unit)));
+    }
 }
 
 const BadUtf8 badUtf8Cases[] = {

@@ -220,12 +220,13 @@ inline provider::ListOptions makeListOptions(provider::ListKind kind, bool withA
     return options;
 }
 
-// The entries' names as UTF-8, in order; with `markFolders`, folders' names end in '/'.
+// The entries' names as the bytes they have on disk, in order; with `markFolders`, folders' names
+// end in '/'.
 inline std::vector<std::string> entryNames(const std::vector<provider::FolderEntry>& entries, bool markFolders = false)
 {
     std::vector<std::string> names;
     for (const auto& entry : entries)
-        names.push_back(fl::i18n::ustring_to_utf8(entry.getName()) + (markFolders && !entry.isFile() ? "/" : ""));
+        names.push_back(fl::i18n::ustring_to_native(entry.getName()) + (markFolders && !entry.isFile() ? "/" : ""));
     return names;
 }
 

@@ -34,7 +34,7 @@ void printLsLine(const LsOptions& options, const VisitedEntry& entry, const std:
 {
     if (options.json) {
         boost::json::object object;
-        object["name"] = shownName;
+        object["name"] = jsonText(shownName);
         object["type"] = entry.isFile ? "file" : "folder";
         object["iri"] = utf8(entry.location.toString());
         if (entry.fileAttributes)
@@ -201,7 +201,7 @@ private:
         if (m_options.json) {
             boost::json::object object;
             object["iri"] = utf8(location.toString());
-            object["path"] = utf8(location.makePathRelativeTo(m_root));
+            object["path"] = fl::i18n::ustring_to_utf8_lossy(location.makePathRelativeTo(m_root));
             object["type"] = isFile ? "file" : "folder";
             printJsonLine(object);
         } else {

@@ -80,9 +80,20 @@ void checkInterrupted()
         throw ToolError("interrupted", "");
 }
 
-std::string utf8(const ustring& text) { return fl::i18n::ustring_to_utf8_lossy(text); }
+// Names go out as the bytes they have on disk, as ls and find write them; text that names no bytes
+// (a lone surrogate of another kind) is printed lossily.
+std::string utf8(const ustring& text)
+{
+    try {
+        return fl::i18n::ustring_to_native(text);
+    } catch (const fl::i18n::conversion_error&) {
+        return fl::i18n::ustring_to_utf8_lossy(text);
+    }
+}
 
-ustring utf16(const std::string& text) { return fl::i18n::utf8_to_ustring_lossy(text); }
+ustring utf16(const std::string& text) { return fl::i18n::native_to_ustring(text); }
+
+std::string jsonText(const std::string& printed) { return fl::i18n::ustring_to_utf8_lossy(utf16(printed)); }
 
 std::string describe(const vfs::IOException& error)
 {
@@ -108,12 +119,7 @@ vfs::AbsoluteIRI Tool::locate(const std::string& operand) const
 {
     if (operand.empty())
         throw ToolError("empty location", "''", Usage);
-    ustring text;
-    try {
-        text = fl::i18n::utf8_to_ustring(operand);
-    } catch (const fl::i18n::conversion_error&) {
-        throw ToolError("not valid UTF-8", operand, Usage);
-    }
+    const ustring text = fl::i18n::native_to_ustring(operand);
     try {
         if (vfs::hasIRIPrefix(text))
             return vfs::AbsoluteIRI(text);

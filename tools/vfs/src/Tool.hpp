@@ -66,6 +66,8 @@ std::string utf8(const ustring& text);
 // The words for a failed stream operation ("no space left", "input/output error", ...).
 std::string describe(const vfs::IOException& error);
 ustring utf16(const std::string& text);
+// Printed bytes as JSON text: valid UTF-8 whatever a name holds (the exact name is in the IRI).
+std::string jsonText(const std::string& printed);
 
 // Runs one command's body; every failure becomes "vfs: COMMAND: WHAT: LOCATION" on stderr and
 // the matching exit code.

@@ -37,6 +37,18 @@ VFS_EXPORT ustring utf8_to_ustring_lossy(std::string_view text);
 // True when the text holds no lone surrogate.
 VFS_EXPORT bool is_valid_utf16(std::u16string_view text) noexcept;
 
+// Names on a disk are bytes, not necessarily UTF-8. These conversions keep every name: valid UTF-8
+// converts as usual and each byte of an ill-formed sequence becomes the lone surrogate U+DC00 + byte
+// (U+DC80..U+DCFF), so a name comes back byte for byte. ustring_to_native throws conversion_error on
+// any other lone surrogate. Escaped units that spell valid UTF-8 together (U+DCC3 U+DCA9) give the
+// bytes of that character: canonical_native folds them into it, so one name has one ustring.
+VFS_EXPORT ustring native_to_ustring(std::string_view bytes);
+VFS_EXPORT std::string ustring_to_native(std::u16string_view text);
+VFS_EXPORT ustring canonical_native(std::u16string_view text);
+// True when the text is valid UTF-16 apart from lone units U+DC80..U+DCFF.
+VFS_EXPORT bool is_valid_native_utf16(std::u16string_view text) noexcept;
+constexpr bool is_escaped_byte(char16_t unit) noexcept { return unit >= 0xDC80 && unit <= 0xDCFF; }
+
 // ASCII-only character classes: false for every code point outside U+0000..U+007F, whatever the
 // locale says.
 constexpr bool isdigit_ascii(char32_t c) noexcept { return c >= U'0' && c <= U'9'; }

@@ -42,18 +42,8 @@ void checkScheme(const ustring& scheme)
     refuse(StorageIRI(), u"the scheme \"" + scheme + u"\" has no local paths", u"scheme without local paths");
 }
 
-// The file IRI of an absolute native path (UTF-8 bytes).
-StorageIRI fileIRI(const std::string& native)
-{
-    ustring path;
-    try {
-        path = fl::i18n::utf8_to_ustring(native);
-    } catch (const fl::i18n::conversion_error& error) {
-        refuse(StorageIRI(), u"local path is not valid UTF-8: " + fl::i18n::utf8_to_ustring_lossy(native),
-               fl::i18n::utf8_to_ustring_lossy(error.what()));
-    }
-    return StorageIRI(fileRoot(), path);
-}
+// The file IRI of an absolute native path (bytes; names that are not UTF-8 keep their bytes).
+StorageIRI fileIRI(const std::string& native) { return StorageIRI(fileRoot(), fl::i18n::native_to_ustring(native)); }
 
 std::optional<std::string> localPath(const StorageIRI& iri)
 {
@@ -61,7 +51,7 @@ std::optional<std::string> localPath(const StorageIRI& iri)
     if (iri.hasInnerIRI() || iri.getScheme() != u"file" || !iri.hasPath() || !iri.getAuthority().empty() ||
         iri.getPath().find(u'\0') != ustring::npos)
         return std::nullopt;
-    return fl::i18n::ustring_to_utf8(iri.getPath());
+    return fl::i18n::ustring_to_native(iri.getPath());
 }
 
 } // namespace

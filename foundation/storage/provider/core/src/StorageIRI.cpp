@@ -2,10 +2,13 @@
 
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <fl/i18n/append_utf8.hpp>
+
 #include "UnitScan.hpp"
 
 #include <boost/throw_exception.hpp>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <functional>
@@ -184,6 +187,13 @@ void encode(ustring& out, std::u16string_view text, Part part)
             ++i;
             continue;
         }
+        if (fl::i18n::is_escaped_byte(unit)) {
+            // A byte of a name that is not UTF-8 is written as its escape, which parses back to it.
+            const char byte = static_cast<char>(unit - 0xDC00);
+            appendEscapedBytes(out, std::string_view(&byte, 1));
+            ++i;
+            continue;
+        }
         const std::size_t length = isHighSurrogate(unit) && i + 1 < text.size() ? 2 : 1;
         const char32_t c = length == 2 ? 0x10000 + ((char32_t(unit) - 0xD800) << 10) + (char32_t(text[i + 1]) - 0xDC00)
                                        : char32_t(unit);
@@ -208,13 +218,21 @@ ustring toAscii(std::u16string_view text)
         std::size_t end = i;
         while (end < text.size() && text[end] >= 0x80)
             ++end;
-        appendEscapedBytes(out, fl::i18n::ustring_to_utf8(text.substr(i, end - i)));
+        appendEscapedBytes(out, fl::i18n::ustring_to_native(text.substr(i, end - i)));
         i = end;
     }
     return out;
 }
 
 // ---- decoding and normalisation ----------------------------------------------------------------
+
+// Units that stand for bytes (U+DC80..U+DCFF) and together spell UTF-8 become that character, so
+// that one native name has one IRI.
+void canonicaliseBytes(ustring& text)
+{
+    if (std::any_of(text.begin(), text.end(), fl::i18n::is_escaped_byte))
+        text = fl::i18n::canonical_native(text);
+}
 
 int hexValue(char16_t c) noexcept
 {
@@ -244,7 +262,6 @@ bool decode(std::u16string_view raw, std::size_t offset, ustring& out, ustring& 
             out.push_back(raw[i++]);
             continue;
         }
-        const std::size_t runStart = i;
         bytes.clear();
         while (i < raw.size() && raw[i] == u'%') {
             const int high = i + 1 < raw.size() ? hexValue(raw[i + 1]) : -1;
@@ -260,13 +277,10 @@ bool decode(std::u16string_view raw, std::size_t offset, ustring& out, ustring& 
             bytes.push_back(static_cast<char>(high * 16 + low));
             i += 3;
         }
-        try {
-            out += fl::i18n::utf8_to_ustring(bytes);
-        } catch (const fl::i18n::conversion_error&) {
-            reason = u"escapes at offset " + offsetText(offset + runStart) + u" are not well-formed UTF-8";
-            return false;
-        }
+        // Escapes that are not UTF-8 stand for bytes of a name that is not UTF-8 either.
+        fl::i18n::append_native(out, bytes);
     }
+    canonicaliseBytes(out);
     return true;
 }
 
@@ -608,7 +622,7 @@ StorageIRI::StorageIRI(std::shared_ptr<const Data> data) noexcept : m_data(std::
 StorageIRI::StorageIRI(ustring text)
 {
     ustring reason;
-    if (!fl::i18n::is_valid_utf16(text))
+    if (!fl::i18n::is_valid_native_utf16(text))
         reason = u"lone surrogate";
     else
         m_data = parse(text, 0, reason);
@@ -636,8 +650,9 @@ StorageIRI::StorageIRI(const StorageIRI& base, ustring relative)
         m_data = lazyChild(base.m_data, std::move(relative));
         return;
     }
-    if (!fl::i18n::is_valid_utf16(relative))
+    if (!fl::i18n::is_valid_native_utf16(relative))
         throwInvalid(base, u"cannot resolve \"" + relative + u"\": lone surrogate", u"lone surrogate");
+    canonicaliseBytes(relative);
     if (relative.empty()) {
         m_data = base.m_data;
         return;
@@ -667,8 +682,9 @@ StorageIRI::StorageIRI(const ustring& scheme, const StorageIRI& inner, ustring p
     const Data& in = dataOf(inner.m_data);
     if (!in.hasPath)
         throwInvalid(inner, u"inner IRI \"" + in.text + u"\" has no path", u"inner IRI has no path");
-    if (!fl::i18n::is_valid_utf16(path))
+    if (!fl::i18n::is_valid_native_utf16(path))
         throwInvalid(inner, u"invalid path \"" + path + u"\": lone surrogate", u"lone surrogate");
+    canonicaliseBytes(path);
     m_data = build(lowerAscii(scheme), false, {}, inner.m_data, true, normalisePath(path), {});
 }
 

@@ -165,17 +165,7 @@ private:
     // Releases the walk (and its descriptors) once the end is read.
     void finish() noexcept
     {
-        const std::size_t skipped = m_walk->skipped;
         m_walk.reset();
-        if (skipped != 0 && logger().enabled(foundation::log::category_information)) {
-            try {
-                logger().write(foundation::log::category_information,
-                               "listing of " + fl::i18n::ustring_to_utf8(m_location.toString()) + " left out " +
-                                   std::to_string(skipped) + " entries whose names are not valid UTF-8");
-            } catch (...) {
-                // A diagnostic that cannot be composed is dropped.
-            }
-        }
     }
 
     std::mutex m_mutex;
@@ -257,15 +247,7 @@ bool isFollowFailure(int error) noexcept
 
 // ---- Batch ---------------------------------------------------------------------------------------
 
-bool Batch::appendName(std::string_view raw)
-{
-    try {
-        fl::i18n::append_utf8(m_names, raw);
-    } catch (const fl::i18n::conversion_error&) {
-        return false;
-    }
-    return true;
-}
+void Batch::appendName(std::string_view raw) { fl::i18n::append_native(m_names, raw); }
 
 void Batch::add(bool isFile, std::optional<FileAttributes> file, std::optional<FolderAttributes> folder)
 {

@@ -25,8 +25,8 @@ public:
     // Entries are added in two steps: the reader appends the name (appendName), looks at the entry,
     // then keeps it (add) or drops the pending name (drop).
     void appendName(std::u16string_view part) { m_names.append(part); }
-    // Appends UTF-8 `raw`; false when it is not valid UTF-8 (the pending name is then unchanged).
-    bool appendName(std::string_view raw);
+    // Appends a native name: bytes that are not UTF-8 become U+DC80..U+DCFF, so no name is lost.
+    void appendName(std::string_view raw);
     std::u16string_view pendingName() const noexcept
     {
         return std::u16string_view(m_names).substr(m_committed);
@@ -72,9 +72,6 @@ public:
     const StorageIRI& location() const noexcept { return m_location; }
     // Adds the next entries to `batch` (possibly none); false once the walk is done.
     virtual bool read(Batch& batch) = 0;
-
-    // Names that are not valid UTF-8 cannot become IRIs: walks leave them out and count them here.
-    std::size_t skipped = 0;
 
 private:
     const StorageIRI m_location;

@@ -21,10 +21,7 @@ public:
             return false;
         batch.reserve(batch.size() + m_reader.capacityHint(), 0);
         m_reader.forEach([&](const char* name, unsigned char type) {
-            if (!batch.appendName(name)) {
-                ++skipped;
-                return;
-            }
+            batch.appendName(name);
             if (!m_pattern.empty() && !matchesWildcard(batch.pendingName(), m_pattern)) {
                 batch.drop();
                 return;

@@ -143,7 +143,7 @@ private:
 
     StorageIRI at(const std::string& relative) const
     {
-        return relative.empty() ? m_root : StorageIRI(m_root, fl::i18n::utf8_to_ustring_lossy(relative));
+        return relative.empty() ? m_root : StorageIRI(m_root, fl::i18n::native_to_ustring(relative));
     }
 
     StorageIRI m_root;

@@ -82,11 +82,7 @@ private:
         const unsigned char type = frame.types[frame.next++];
         frame.offset += name.size() + 1;
         batch.appendName(frame.relative);
-        if (!batch.appendName(name)) {
-            batch.drop();
-            ++skipped;
-            return true;
-        }
+        batch.appendName(name);
         // Only a record of these types can turn out to be a folder to enter; its name is kept before
         // the batch takes it over.
         ustring relative;

@@ -54,11 +54,7 @@ constexpr std::uint32_t watchedEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_A
 
 std::optional<ustring> nameOf(const char* name)
 {
-    try {
-        return fl::i18n::utf8_to_ustring(name);
-    } catch (const fl::i18n::conversion_error&) {
-        return std::nullopt; // not reachable by an IRI: listings skip such names too
-    }
+    return fl::i18n::native_to_ustring(name);
 }
 
 // One inotify event as read.

@@ -174,7 +174,7 @@ TEST_F(LocalProviderTest, ListingsFollowLinksForTheKindAndMarkThemInTheAttribute
     EXPECT_FALSE(byName.at("fifo").getFileAttributes()->isSymlink());
 }
 
-TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreLeftOutOfListingsAndRemovedWithTheirFolder)
+TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreListedEnteredAndRemovedByTheirBytes)
 {
     const auto folder = dir.makeFolder("mixed");
     for (const char* raw : {"bad-\xff\xfe.txt", "truncated-\xc3", "lone-surrogate-\xed\xa0\x80"}) {
@@ -184,22 +184,23 @@ TEST_F(LocalProviderTest, NamesThatAreNotUtf8AreLeftOutOfListingsAndRemovedWithT
     }
     ASSERT_EQ(::mkdir((folder / "folder-\x80").c_str(), 0755), 0);
     dir.writeFile("mixed/folder-\x80/inside.txt", "x");
-    dir.writeFile("mixed/caf\xc3\xa9.txt", "ok"); // valid UTF-8 stays
-    dir.writeFile("mixed/plain.txt");
+    dir.writeFile("mixed/caf\xc3\xa9.txt", "ok");
 
+    const auto files = testing::UnorderedElementsAre("bad-\xff\xfe.txt", "truncated-\xc3", "lone-surrogate-\xed\xa0\x80",
+                                                     "caf\xc3\xa9.txt");
     for (const bool withAttributes : {false, true}) {
         SCOPED_TRACE(withAttributes ? "with attributes" : "names only");
-        EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::All, withAttributes))),
-                    testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"));
-        EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::All, withAttributes, u"*"))),
-                    testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"));
-        EXPECT_TRUE(listed(folder, makeListOptions(ListKind::Folders, withAttributes)).empty());
-        ListOptions recursive = makeListOptions(ListKind::All, withAttributes);
+        EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::Files, withAttributes))), files);
+        EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::Files, withAttributes, u"*.txt"))),
+                    testing::UnorderedElementsAre("bad-\xff\xfe.txt", "caf\xc3\xa9.txt"));
+        EXPECT_THAT(entryNames(listed(folder, makeListOptions(ListKind::Folders, withAttributes))),
+                    testing::ElementsAre("folder-\x80"));
+        ListOptions recursive = makeListOptions(ListKind::Files, withAttributes);
         recursive.recursive = true;
-        EXPECT_THAT(entryNames(listed(folder, recursive)), testing::UnorderedElementsAre("caf\xc3\xa9.txt", "plain.txt"))
-            << "a folder whose name is left out is not entered";
+        EXPECT_THAT(entryNames(listed(folder, recursive)),
+                    testing::UnorderedElementsAre("bad-\xff\xfe.txt", "truncated-\xc3", "lone-surrogate-\xed\xa0\x80",
+                                                  "caf\xc3\xa9.txt", "folder-\x80/inside.txt"));
     }
-    // Removal works on the bytes on disk, so it takes what listings leave out as well.
     local->removeFolderRecursively(at(folder));
     EXPECT_FALSE(std::filesystem::exists(folder));
 }

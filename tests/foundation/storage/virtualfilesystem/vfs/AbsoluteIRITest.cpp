@@ -182,7 +182,7 @@ TEST(LocalPathsTest, ResultsAndFailuresArriveAsTheLibrarysTypes)
             EXPECT_THAT(fl::i18n::ustring_to_utf8(error.getExceptionContextsString()), StartsWith("realpath:"));
         });
     // A path that names no location is an InvalidIRIException nesting the provider's refusal.
-    for (const auto& path : {std::filesystem::path(), std::filesystem::path("/tmp/\xFF.txt")}) {
+    for (const auto& path : {std::filesystem::path(), std::filesystem::path(std::string("/tmp/a\0b.txt", 12))}) {
         for (const auto& error : {invalidIRIFrom([&] { vfs::toAbsoluteIRI(u"", path); }),
                                   invalidIRIFrom([&] { vfs::toCanonicalAbsoluteIRI(u"", path); })}) {
             ASSERT_TRUE(error.has_value());

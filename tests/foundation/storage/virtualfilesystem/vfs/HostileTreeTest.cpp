@@ -1,5 +1,5 @@
-// Trees and loads built to make the library misbehave: links leading back round, and many writers
-// racing against a memory volume's quota.
+// Trees and loads built to make the library misbehave: links leading back round, names that are
+// not UTF-8, and many writers racing against a memory volume's quota.
 
 #include <Prelude.hpp>
 
@@ -115,3 +115,80 @@ TEST(HostileTreeTest, ConcurrentWritersNeverExceedAMemoryVolumesQuota)
 }
 
 } // namespace
+
+namespace {
+
+// Every byte a name may hold (all but '/' and NUL) once, bytes that are no UTF-8, control
+// characters, and the longest name ext4 takes.
+std::set<std::string> hostileNames()
+{
+    std::set<std::string> names;
+    for (int byte = 1; byte < 256; ++byte)
+        if (byte != '/')
+            names.insert(std::string("n") + static_cast<char>(byte));
+    for (const char* name : {"line\nbreak", "tab\there", "\xC3\x28", "\xE2\x82", "\xFF\xFE", "\xED\xA0\x80",
+                             "\xC0\xAF", "caf\xC3\xA9", "mixed\xC3\xA9\xFF", "%FF", "a%2Fb", "!", "#?"})
+        names.insert(name);
+    names.insert(std::string(255, 'L'));
+    return names;
+}
+
+std::set<std::string> namesOnDisk(const std::filesystem::path& folder)
+{
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.insert(entry.path().filename().native());
+    return names;
+}
+
+} // namespace
+
+// A disk allows any bytes but '/' and NUL in a name: every such name is listed, walked, copied,
+// moved and removed, and keeps its bytes (and its content) throughout.
+TEST(HostileTreeTest, EveryNameOnDiskIsReachable)
+{
+    const vfs_test::TempDir tree;
+    const std::set<std::string> names = hostileNames();
+    for (const auto& name : names)
+        tree.writeFile(std::filesystem::path("src") / name, name);
+    auto [system, ref] = vfs_test::makeSystem<vfs::DefaultStorageSystem>();
+    const Folder source(vfs::toAbsoluteIRI(u"", tree / "src"), ref);
+
+    std::set<std::string> listed;
+    for (const File& file : source.listFiles()) {
+        listed.insert(fl::i18n::ustring_to_native(file.getName()));
+        const AbsoluteIRI location = file.getLocation();
+        EXPECT_EQ(AbsoluteIRI(location.toString()), location) << location.toUtf8();
+        EXPECT_EQ(vfs::fromAbsoluteIRI(location).filename().native(), fl::i18n::ustring_to_native(file.getName()));
+    }
+    EXPECT_EQ(listed, names);
+
+    CountingVisitor visitor;
+    vfs::walkFolder(source, visitor);
+    EXPECT_EQ(visitor.files.load(), static_cast<int>(names.size()));
+
+    const Folder copy(vfs::toAbsoluteIRI(u"", tree / "copy"), ref);
+    source.copyFolder(copy, provider::ReplacementPolicy::FailIfExists);
+    EXPECT_EQ(namesOnDisk(tree / "copy"), names);
+
+    const Folder moved(vfs::toAbsoluteIRI(u"", tree / "moved"), ref);
+    moved.createFolder();
+    std::vector<File> copied;
+    for (const File& file : copy.listFiles())
+        copied.push_back(file);
+    ASSERT_EQ(copied.size(), names.size());
+    for (const File& file : copied)
+        file.moveFile(File(moved, file.getName()), provider::ReplacementPolicy::FailIfExists);
+    EXPECT_EQ(namesOnDisk(tree / "moved"), names);
+    EXPECT_TRUE(namesOnDisk(tree / "copy").empty());
+    for (const auto& name : names) {
+        std::ifstream in(tree / "moved" / name, std::ios::binary);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), name);
+    }
+
+    for (const File& file : copied)
+        File(moved, file.getName()).removeFile();
+    EXPECT_TRUE(namesOnDisk(tree / "moved").empty());
+    source.removeFolder(vfs::FolderRemovalPolicy::Recursive);
+    EXPECT_FALSE(std::filesystem::exists(tree / "src"));
+}
