@@ -177,6 +177,16 @@ FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
     return folder == m_root ? FolderVisitResult::Continue : answer; // nothing is left to stop
 }
 
+namespace {
+
+[[noreturn]] void refuseIntoItself(const AbsoluteIRI& target)
+{
+    boost::throw_exception(
+        Exception(ErrorCode::InvalidLocation, target).withExceptionContexts({provider::ExceptionContext(u"into-itself")}));
+}
+
+} // namespace
+
 bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
               const TreeProgressObserver& observer, bool forMove)
 {
@@ -184,7 +194,7 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
-        boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
+        refuseIntoItself(target);
     FolderCopyVisitor visitor(destination, policy, observer, forMove);
     walkFolder(source, visitor);
     if (visitor.stopped() && !destination.folderExists())
