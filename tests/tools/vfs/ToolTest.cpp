@@ -2,6 +2,7 @@
 // and error lines checked.
 
 #include "TempDir.hpp"
+#include "Unprivileged.hpp"
 
 #include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
@@ -439,6 +440,22 @@ TEST_F(ToolTest, NothingIsLostWithoutAWord)
         EXPECT_EQ(full.exitCode, 1);
         EXPECT_NE(full.err.find("cannot write the output"), std::string::npos) << full.err;
     }
+
+    // As an unprivileged user, an unreadable folder is reported and the rest is copied.
+    tree.writeFile("part/ok", "o");
+    tree.writeFile("part/locked/secret", "s");
+    tree.writeFile("part/z", "z");
+    tree.makeFolder("out");
+    fs::permissions(at(""), static_cast<fs::perms>(0711));
+    fs::permissions(at("out"), fs::perms::all);
+    fs::permissions(at("part/locked"), fs::perms::none);
+    const std::string partial = vfs_test::runWithPermissionsEnforced([&] {
+        const Outcome run = vfsTool({"cp", "-r", at("part"), at("out/copy")});
+        return std::to_string(run.exitCode) + (fs::exists(at("out/copy/z")) ? " z " : " - ") + run.err;
+    });
+    EXPECT_EQ(partial.substr(0, 4), "1 z ") << partial;
+    EXPECT_NE(partial.find("vfs: cp: permission denied: " + at("part/locked")), std::string::npos) << partial;
+    fs::permissions(at("part/locked"), fs::perms::owner_all);
 
     // A file moved to another file system is copied there, then removed here.
     if (fs::is_directory("/dev/shm")) {

@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
 
+#include <boost/exception/get_error_info.hpp>
+
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -112,9 +114,27 @@ int runCp(Tool& tool, const CpOptions& options)
         if (insideThroughLinks(source, target))
             throw ToolError("cannot move or copy a folder into itself", display(target));
         Progress progress("copied");
-        if (!tool.folder(source).copyFolder(tool.folder(target), policy, drawingOn(progress)))
-            throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
-                            display(target));
+        // Merging, what cannot be read is reported one by one and the rest is copied, as cp -r does.
+        const auto treePolicy =
+            policy == provider::ReplacementPolicy::MergeFolders ? provider::ReplacementPolicy::MergeCollectingFailures : policy;
+        try {
+            if (!tool.folder(source).copyFolder(tool.folder(target), treePolicy, drawingOn(progress)))
+                throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
+                                display(target));
+        } catch (const vfs::Exception& error) {
+            const auto* all = boost::get_error_info<vfs::CollectedCopyFailures>(error);
+            if (!all)
+                throw;
+            progress.finish();
+            for (const vfs::Exception& failure : *all) {
+                try {
+                    failure.rethrow();
+                } catch (...) {
+                    reportCurrentFailure("cp");
+                }
+            }
+            throw ToolError(fmt::format("{} left out, partial copy left", all->size()), display(target));
+        }
         return Success;
     }
     if (tool.kindAt(target) == provider::ExistenceType::Folder)

@@ -65,8 +65,23 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
         target.createFolder();
     }
     m_current = std::move(target);
+    m_entered.push_back(source.getLocation());
     ++m_progress.folders;
     return report();
+}
+
+FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, const Exception& failure)
+{
+    if (m_policy != ReplacementPolicy::MergeCollectingFailures || failure.getErrorCode() != ErrorCode::PermissionDenied)
+        return FolderVisitor::visitFolderFailed(source, failure);
+    m_collected.push_back(failure);
+    // The folder's visitAfter will not come: the copy goes back up from its target here.
+    if (!m_entered.empty() && m_entered.back() == source.getLocation()) {
+        m_entered.pop_back();
+        if (!(*m_current == m_destinationRoot))
+            m_current = m_current->getParent();
+    }
+    return FolderVisitResult::Skip;
 }
 
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
@@ -115,6 +130,8 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
 {
     const Folder target = *m_current;
+    if (!m_entered.empty())
+        m_entered.pop_back();
     if (!(target == m_destinationRoot))
         m_current = target.getParent();
     try {
