@@ -372,6 +372,11 @@ TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
     EXPECT_EQ(read(reader, got, sizeof got), 6);
     close(reader);
     EXPECT_TRUE(!devices || fs::is_character_file(at("null")));
+    // find, as find does, enters a link to a folder only with -L.
+    fs::create_directory_symlink(at("real"), at("other/lr"));
+    EXPECT_EQ(vfsTool({"find", "--name", "deeper", at("other")}).out +
+                  vfsTool({"find", "-L", "-0", "--name", "deeper", at("other")}).out,
+              at("other/lr/deeper") + '\0');
 
     // The real root, in a jail where the root is a throwaway folder and all else is read-only.
     const vfs_test::TempDir jail;

@@ -255,7 +255,8 @@ void addChangeCommands(const CommandSet& commands)
     auto cp = std::make_shared<CpOptions>();
     CLI::App* cpCommand = commands.app.add_subcommand("cp", "Copy a file, or a folder tree with -r");
     cpCommand->add_flag("-r", cp->recursive, "Copy folders and everything below them");
-    cpCommand->add_option("--policy", cp->policy, "When the target exists: fail, replace, or merge (default)")
+    cpCommand->add_option("--policy", cp->policy, "When the target exists: fail; replace (files, and folders only when empty); or merge (default: "
+                                              "into existing folders, replacing files)")
         ->check(CLI::IsMember({"fail", "replace", "merge"}));
     cpCommand->add_option("SRC", cp->source, "What to copy (IRI or local path)")->required();
     cpCommand->add_option("DST", cp->destination, "Where to (into it when it is a folder)")->required();

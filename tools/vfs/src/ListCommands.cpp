@@ -177,6 +177,8 @@ struct FindOptions {
     std::string type;
     bool parallel = false;
     bool json = false;
+    bool followLinks = false; // -L; -P (the default) lists links to folders without entering them
+    bool print0 = false;
 };
 
 // Prints the matches of a walk. Under the parallel walk its visits run on several threads at once:
@@ -191,9 +193,13 @@ public:
     vfs::FolderVisitResult visitEntryBefore(const vfs::FolderEntry& entry) override
     {
         const vfs::AbsoluteIRI location = entry.getFolder().getLocation();
-        if (location != m_root)
-            report(entry.getName(), location, false);
-        return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+        if (location == m_root)
+            return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+        report(entry.getName(), location, false);
+        if (interrupted())
+            return vfs::FolderVisitResult::Stop;
+        return !m_options.followLinks && entry.getAttributes().isSymlink() ? vfs::FolderVisitResult::Skip
+                                                                           : vfs::FolderVisitResult::Continue;
     }
 
     vfs::FolderVisitResult visitEntry(const vfs::FileEntry& entry) override
@@ -235,7 +241,7 @@ private:
             object["type"] = isFile ? "file" : "folder";
             printJsonLine(object);
         } else {
-            fmt::print("{}\n", display(location));
+            fmt::print("{}{}", display(location), m_options.print0 ? '\0' : '\n');
         }
     }
 
@@ -381,6 +387,10 @@ void addListCommands(const CommandSet& commands)
     findCommand->add_option("--type", find->type, "f for files, d for folders")->check(CLI::IsMember({"f", "d"}));
     findCommand->add_flag("--parallel", find->parallel, "Walk subfolders on several threads (output in no fixed order)");
     findCommand->add_flag("--json", find->json, "One JSON object per match and line");
+    findCommand->add_flag("-L", find->followLinks, "Enter links to folders (a link loop is reported, not followed)");
+    findCommand->add_flag_function("-P", [find](std::int64_t) { find->followLinks = false; },
+                          "List links to folders without entering them (the default)");
+    findCommand->add_flag("-0,--print0", find->print0, "End each printed location with a NUL instead of a newline");
     findCommand->callback(
         [=] { commands.status = runReported("find", [&] { return runFind(commands.tool, *find); }); });
 
