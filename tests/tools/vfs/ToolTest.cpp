@@ -2,6 +2,7 @@
 // and error lines checked.
 
 #include "TempDir.hpp"
+#include "Unprivileged.hpp"
 
 #include <boost/json/parse.hpp>
 #include <gtest/gtest.h>
@@ -18,6 +19,10 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +41,8 @@ struct Outcome {
 
 std::string slurp(const fs::path& path)
 {
+    if (!fs::is_regular_file(path))
+        return {}; // output sent to a device
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
@@ -45,11 +52,13 @@ std::string slurp(const fs::path& path)
 // The tool started with `arguments`, stdout and stderr captured in files (no pipe can fill up).
 class Started {
 public:
-    explicit Started(const std::vector<std::string>& arguments)
-        : m_out(m_capture.path() / "out"), m_err(m_capture.path() / "err")
+    explicit Started(const std::vector<std::string>& arguments, const std::string& input = "/dev/null",
+                     const std::string& output = "")
+        : m_out(output.empty() ? m_capture.path() / "out" : fs::path(output)), m_err(m_capture.path() / "err")
     {
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         std::vector<std::string> storage{VFS_TOOL_PATH};
@@ -102,7 +111,10 @@ private:
     pid_t m_pid = 0;
 };
 
-Outcome vfsTool(const std::vector<std::string>& arguments) { return Started(arguments).finish(); }
+Outcome vfsTool(const std::vector<std::string>& arguments, const std::string& output = "")
+{
+    return Started(arguments, "/dev/null", output).finish();
+}
 
 std::vector<std::string> lines(const std::string& text)
 {
@@ -278,6 +290,220 @@ TEST_F(ToolTest, WatchPrintsOneLinePerChangeUntilInterrupted)
     EXPECT_EQ(vfsTool({"watch", at("missing")}).exitCode, 1);
 }
 
+// Runs the tool in a child whose root is `jail`, in a private mount namespace: the system's /usr and
+// the build tree are there read-only, and nothing else of the machine is. Exit code of the tool;
+// -1 where this process may not make a mount namespace (the caller skips).
+int vfsToolJailed(const fs::path& jail, const std::vector<std::string>& arguments)
+{
+    const fs::path build = fs::path(VFS_TOOL_PATH).parent_path().parent_path().parent_path();
+    const pid_t child = fork();
+    if (child == 0) {
+        const auto readOnly = [&](const fs::path& from) {
+            const fs::path to = jail / from.relative_path();
+            std::error_code ignored;
+            fs::create_directories(to, ignored);
+            return mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
+                   mount(nullptr, to.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+        };
+        std::error_code ignored;
+        fs::create_directory_symlink("usr/lib", jail / "lib", ignored);
+        fs::create_directory_symlink("usr/lib64", jail / "lib64", ignored);
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            !readOnly("/usr") || !readOnly(build) || chroot(jail.c_str()) != 0 || chdir("/") != 0)
+            _exit(255);
+        const int err = open("/err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(err, STDERR_FILENO);
+        std::vector<std::string> storage{VFS_TOOL_PATH};
+        storage.insert(storage.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (std::string& argument : storage)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        execv(VFS_TOOL_PATH, argv.data());
+        _exit(254);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 255 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+// What nobody asked to destroy stays: the root, '.', '..', what a ".." after a link does not name,
+// special files and links that a copy lands on, and a tree a copy would land inside.
+TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
+{
+    tree.writeFile("real/deeper/keep", "k");
+    tree.writeFile("other/keep", "k");
+    fs::create_directory_symlink(at("real/deeper"), at("ld"));
+    fs::create_directory_symlink(at("a"), at("la"));
+    tree.writeFile("target", "old");
+    fs::create_symlink(at("target"), at("link"));
+    fs::create_hard_link(at("target"), at("hard"));
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
+    const int reader = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    const bool devices = mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
+
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string firstErrorLine; // empty: succeeds
+    };
+    const std::vector<Case> cases = {
+        {{"rm", "-r", at("a/.")}, "vfs: rm: refusing to remove '.' or '..': " + at("a/.")},
+        {{"rm", "-r", at("a/b/..")}, "vfs: rm: refusing to remove '.' or '..': " + at("a/b/..")},
+        {{"rm", "-r", "mem://vol/"}, "vfs: rm: refusing to remove the root folder (--no-preserve-root overrides): mem://vol/"},
+        {{"rm", "-r", at("ld/../other")}, "vfs: rm: no such file or folder: " + at("ld/../other")},
+        {{"cp", "-r", at("a"), at("la/sub")}, "vfs: cp: cannot move or copy a folder into itself: " + at("la/sub")},
+        {{"cp", at("a/x.txt"), at("link")}, ""},
+        {{"cp", at("a/x.txt"), at("hard")}, ""},
+        {{"cp", at("a/x.txt"), at("fifo")}, ""},
+        {{"cp", at("a/x.txt"), devices ? at("null") : at("a/copy")}, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments[1] + " " + c.arguments[2]);
+        const Outcome run = vfsTool(c.arguments);
+        EXPECT_EQ(run.exitCode, c.firstErrorLine.empty() ? 0 : 1);
+        EXPECT_EQ(lines(run.err).empty() ? "" : lines(run.err).front(), c.firstErrorLine);
+    }
+    EXPECT_TRUE(fs::is_regular_file(at("a/b/y.dat")));
+    EXPECT_TRUE(fs::is_regular_file(at("other/keep")));
+    EXPECT_FALSE(fs::exists(at("a/sub")));
+    EXPECT_TRUE(fs::is_symlink(at("link")));
+    EXPECT_EQ(fs::hard_link_count(at("hard")), 2u);
+    EXPECT_EQ(slurp(at("target")), "hello\n");
+    EXPECT_TRUE(fs::is_fifo(at("fifo")));
+    char got[16] = {};
+    EXPECT_EQ(read(reader, got, sizeof got), 6);
+    close(reader);
+    EXPECT_TRUE(!devices || fs::is_character_file(at("null")));
+    // find, as find does, enters a link to a folder only with -L.
+    fs::create_directory_symlink(at("real"), at("other/lr"));
+    EXPECT_EQ(vfsTool({"find", "--name", "deeper", at("other")}).out +
+                  vfsTool({"find", "-L", "-0", "--name", "deeper", at("other")}).out,
+              at("other/lr/deeper") + '\0');
+
+    // The real root, in a jail where the root is a throwaway folder and all else is read-only. The
+    // jail has no /proc, which AddressSanitizer needs.
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "no jail under AddressSanitizer";
+#endif
+    const vfs_test::TempDir jail;
+    jail.writeFile("victim", "v");
+    const int root = vfsToolJailed(jail.path(), {"rm", "-r", "/"});
+    if (root == -1)
+        GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(root, 1);
+    EXPECT_TRUE(fs::is_regular_file(jail / "victim"));
+    EXPECT_EQ(slurp(jail / "err"), "vfs: rm: refusing to remove the root folder (--no-preserve-root overrides): /\n");
+}
+
+// A copy grants no more than the source did: bits within the umask, no set-ID bits of another owner.
+TEST_F(ToolTest, CopiesExposeNothing)
+{
+    tree.writeFile("suid", "#!");
+    fs::permissions(at("suid"), static_cast<fs::perms>(06755));
+    tree.writeFile("open", "o");
+    fs::permissions(at("open"), static_cast<fs::perms>(0666));
+    const bool root = geteuid() == 0 && chown(at("suid").c_str(), 65534, 65534) == 0;
+    struct Case {
+        std::string source;
+        mode_t umask;
+        mode_t expected;
+    };
+    const std::vector<Case> cases = {
+        {"open", 077, 0600},
+        {"open", 022, 0644},
+        {"suid", 022, root ? 0755u : 06755u},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.source);
+        const mode_t previous = umask(c.umask);
+        const Outcome run = vfsTool({"cp", at(c.source), at("copy-" + c.source)});
+        umask(previous);
+        EXPECT_EQ(run.exitCode, 0) << run.err;
+        struct stat info {};
+        ASSERT_EQ(stat(at("copy-" + c.source).c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, c.expected);
+        fs::remove(at("copy-" + c.source));
+    }
+}
+
+// Odd entries are shown for what they are and counted once; output that cannot be written fails.
+TEST_F(ToolTest, NothingIsLostWithoutAWord)
+{
+    tree.writeFile("odd/file", std::string(100, 'f'));
+    fs::create_hard_link(at("odd/file"), at("odd/second"));
+    fs::create_symlink(at("nowhere"), at("odd/dangling"));
+    fs::create_symlink("loop", at("odd/loop"));
+    ASSERT_EQ(mkfifo(at("odd/fifo").c_str(), 0600), 0);
+    const Outcome ls = vfsTool({"ls", "-l", at("odd")});
+    EXPECT_EQ(ls.exitCode, 0) << ls.err;
+    std::string kinds;
+    for (const std::string& line : lines(ls.out))
+        kinds += line.front();
+    EXPECT_EQ(kinds, "lp-l-"); // dangling, fifo, file, loop, second
+    EXPECT_NE(ls.out.find(std::to_string(at("nowhere").size()) + "  "), std::string::npos) << ls.out;
+
+    const Outcome du = vfsTool({"du", "-s", at("odd")});
+    EXPECT_EQ(du.out, std::to_string(100 + at("nowhere").size() + 4) + "\t" + at("odd") + "\n") << du.err;
+
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"stat", "--json", at("a")}, {"ls", "--json", at("a")}, {"find", "--json", at("a")}, {"ls", at("a")}}) {
+        SCOPED_TRACE(arguments.front());
+        const Outcome full = vfsTool(arguments, "/dev/full");
+        EXPECT_EQ(full.exitCode, 1);
+        EXPECT_NE(full.err.find("cannot write the output"), std::string::npos) << full.err;
+    }
+
+    // As an unprivileged user, an unreadable folder is reported and the rest is copied.
+    tree.writeFile("part/ok", "o");
+    tree.writeFile("part/locked/secret", "s");
+    tree.writeFile("part/z", "z");
+    tree.makeFolder("out");
+    fs::permissions(at(""), static_cast<fs::perms>(0711));
+    fs::permissions(at("out"), fs::perms::all);
+    fs::permissions(at("part/locked"), fs::perms::none);
+    const std::string partial = vfs_test::runWithPermissionsEnforced([&] {
+        const Outcome run = vfsTool({"cp", "-r", at("part"), at("out/copy")});
+        return std::to_string(run.exitCode) + (fs::exists(at("out/copy/z")) ? " z " : " - ") + run.err;
+    });
+    EXPECT_EQ(partial.substr(0, 4), "1 z ") << partial;
+    EXPECT_NE(partial.find("vfs: cp: permission denied: " + at("part/locked")), std::string::npos) << partial;
+    fs::permissions(at("part/locked"), fs::perms::owner_all);
+
+    // A file moved to another file system is copied there, then removed here.
+    if (fs::is_directory("/dev/shm")) {
+        const vfs_test::TempDir elsewhere("/dev/shm");
+        const Outcome mv = vfsTool({"mv", at("a/x.txt"), (elsewhere / "x.txt").string()});
+        EXPECT_EQ(mv.exitCode, 0) << mv.err;
+        EXPECT_EQ(slurp(elsewhere / "x.txt"), "hello\n");
+        EXPECT_FALSE(fs::exists(at("a/x.txt")));
+    }
+}
+
+// What used to crash, hang or be refused: odd locations, pipes and FIFOs, --version.
+TEST_F(ToolTest, PipesFifosAndOddLocationsWork)
+{
+    const Outcome version = vfsTool({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out.rfind("vfs ", 0), 0u) << version.out;
+
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
+    // The writer's end is open first, so that the tool's start does not wait for one.
+    const int writer = open(at("fifo").c_str(), O_RDWR | O_CLOEXEC);
+    Started piped({"cat", "/dev/stdin"}, at("fifo"));
+    EXPECT_EQ(write(writer, "through a pipe\n", 15), 15);
+    EXPECT_TRUE(piped.waitForOutput("through a pipe\n"));
+    close(writer);
+    const Outcome cat = piped.finish();
+    EXPECT_EQ(cat.exitCode, 0) << cat.err;
+    EXPECT_EQ(cat.out, "through a pipe\n");
+
+    // Waiting for a writer that never comes: Ctrl-C ends it as it ends cat.
+    Started waiting({"cat", at("fifo")});
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    waiting.signal(SIGINT);
+    EXPECT_EQ(waiting.finish().exitCode, 128 + SIGINT);
+}
+
 // Bad input: one line "vfs: COMMAND: WHAT: LOCATION" (or a usage line), the right exit code, and
 // nothing written.
 TEST_F(ToolTest, BadInputGivesOneErrorLineAndTheRightExitCode)
@@ -290,13 +516,19 @@ TEST_F(ToolTest, BadInputGivesOneErrorLineAndTheRightExitCode)
     const std::vector<Case> cases = {
         {{"ls", at("missing")}, 1, "vfs: ls: no such file or folder: " + at("missing")},
         {{"cp", at("a"), at("copy")}, 1, "vfs: cp: is a folder (use -r): " + at("a")},
-        {{"cp", "-r", at("a"), at("a/b")}, 1, "vfs: cp: invalid location: " + at("a/b/a")},
+        {{"cp", "-r", at("a"), at("a/b")}, 1, "vfs: cp: cannot move or copy a folder into itself: " + at("a/b/a")},
         {{"rm", at("a")}, 1, "vfs: rm: is a folder (use -r): " + at("a")},
         {{"mkdir", at("no/parent")}, 1, "vfs: mkdir: no such file or folder: " + at("no/parent")},
         {{"mkdir", at("a")}, 1, "vfs: mkdir: already exists: " + at("a")},
         {{"tree", at("a/x.txt")}, 1, "vfs: tree: not a folder: " + at("a/x.txt")},
         {{"cat", at("a")}, 1, "vfs: cat: is a folder: " + at("a")},
-        {{"ls", "zip:nowhere:/x"}, 2, "vfs: ls: neither an IRI nor a path: zip:nowhere:/x"},
+        {{"ls", "zip:nowhere:/x"}, 2, "vfs: ls: not a valid IRI: zip:nowhere:/x"},
+        {{"stat", "file://host/x"}, 1, "vfs: stat: invalid location: file://host/x"},
+        {{"stat", "file://127.0.0.1:22/x"}, 1, ""},
+        {{"stat", "file:///tmp/a%00b"}, 1, ""},
+        {{"rm", at("a/x.txt/")}, 1, "vfs: rm: not a folder: " + at("a/x.txt/")},
+        {{"cp", at("a/x.txt"), at("a/x.txt")}, 1, "vfs: cp: source and target are the same file: " + at("a/x.txt")},
+        {{"touch", at(std::string(256, 'n'))}, 1, "vfs: touch: name or path too long: " + at(std::string(256, 'n'))},
         {{"ls", "ftp://host/x"}, 2, "vfs: ls: no storage for the scheme: ftp"},
         {{"cp", at("a/x.txt")}, 2, "vfs: cp: DST is required"},
         {{"ls", "--bogus"}, 2, "vfs: ls: The following argument was not expected: --bogus"},

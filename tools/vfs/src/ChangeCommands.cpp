@@ -6,9 +6,16 @@
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
 
+#include <boost/exception/get_error_info.hpp>
+
+#include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <optional>
 #include <memory>
 #include <vector>
+
+#include <sys/stat.h>
 
 namespace vfs_tool {
 
@@ -45,6 +52,44 @@ provider::ReplacementPolicy policyNamed(const std::string& name)
     return policies.at(name);
 }
 
+// Where a local location is once the kernel has followed every link on its way: its nearest
+// existing ancestor resolved, with the names below it as given. Nothing for other storages.
+std::optional<std::filesystem::path> resolvedLocally(const vfs::AbsoluteIRI& location)
+{
+    if (location.getScheme() != u"file" || location.hasInnerIRI())
+        return std::nullopt;
+    std::filesystem::path path;
+    try {
+        path = vfs::fromAbsoluteIRI(location);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    std::filesystem::path below;
+    for (;;) {
+        if (char* resolved = ::realpath(path.c_str(), nullptr)) {
+            std::filesystem::path result(resolved);
+            std::free(resolved);
+            return below.empty() ? result : result / below;
+        }
+        if (!path.has_relative_path())
+            return std::nullopt;
+        below = below.empty() ? path.filename() : path.filename() / below;
+        path = path.parent_path();
+    }
+}
+
+// Whether `target` lies in the folder `source` or is it, links followed (a target reached through a
+// link to the source is inside it all the same).
+bool insideThroughLinks(const vfs::AbsoluteIRI& source, const vfs::AbsoluteIRI& target)
+{
+    const auto from = resolvedLocally(source);
+    const auto to = resolvedLocally(target);
+    if (!from || !to)
+        return false;
+    const std::string prefix = from->string() == "/" ? "/" : from->string() + "/";
+    return *to == *from || to->string().starts_with(prefix);
+}
+
 // ---- cp -----------------------------------------------------------------------------------------
 
 struct CpOptions {
@@ -66,10 +111,30 @@ int runCp(Tool& tool, const CpOptions& options)
             throw ToolError("is a folder (use -r)", options.source);
         if (tool.kindAt(target) == provider::ExistenceType::File)
             throw ToolError("cannot replace a file with a folder", display(target));
+        if (insideThroughLinks(source, target))
+            throw ToolError("cannot move or copy a folder into itself", display(target));
         Progress progress("copied");
-        if (!tool.folder(source).copyFolder(tool.folder(target), policy, drawingOn(progress)))
-            throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
-                            display(target));
+        // Merging, what cannot be read is reported one by one and the rest is copied, as cp -r does.
+        const auto treePolicy =
+            policy == provider::ReplacementPolicy::MergeFolders ? provider::ReplacementPolicy::MergeCollectingFailures : policy;
+        try {
+            if (!tool.folder(source).copyFolder(tool.folder(target), treePolicy, drawingOn(progress)))
+                throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
+                                display(target));
+        } catch (const vfs::Exception& error) {
+            const auto* all = boost::get_error_info<vfs::CollectedCopyFailures>(error);
+            if (!all)
+                throw;
+            progress.finish();
+            for (const vfs::Exception& failure : *all) {
+                try {
+                    failure.rethrow();
+                } catch (...) {
+                    reportCurrentFailure("cp");
+                }
+            }
+            throw ToolError(fmt::format("{} left out, partial copy left", all->size()), display(target));
+        }
         return Success;
     }
     if (tool.kindAt(target) == provider::ExistenceType::Folder)
@@ -109,17 +174,65 @@ int runMv(Tool& tool, const std::string& sourceOperand, const std::string& desti
 
 // ---- rm -----------------------------------------------------------------------------------------
 
-int runRm(Tool& tool, const std::vector<std::string>& operands, bool recursive)
+struct RmOptions {
+    std::vector<std::string> operands;
+    bool recursive = false;
+    bool preserveRoot = true;
+};
+
+// The last name of an operand as written ("sub/.." gives ".."), trailing slashes left out.
+std::string lastNameWritten(std::string operand)
 {
+    while (operand.size() > 1 && operand.back() == '/')
+        operand.pop_back();
+    const std::size_t slash = operand.rfind('/');
+    return slash == std::string::npos ? operand : operand.substr(slash + 1);
+}
+
+// Whether the location is the root of its storage, or, on the local disk, the root folder reached
+// by another name (a bind mount or /proc/self/root).
+bool isStorageRoot(const vfs::AbsoluteIRI& location)
+{
+    if (location.getPath() == u"/")
+        return true;
+    if (location.getScheme() != u"file" || location.hasInnerIRI())
+        return false;
+    struct stat root {};
+    struct stat here {};
+    try {
+        return ::stat("/", &root) == 0 && ::stat(vfs::fromAbsoluteIRI(location).c_str(), &here) == 0 &&
+               root.st_dev == here.st_dev && root.st_ino == here.st_ino;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+int runRm(Tool& tool, const RmOptions& options)
+{
+    const bool recursive = options.recursive;
     int status = Success;
     Progress progress("removed");
-    for (const std::string& operand : operands) {
+    for (const std::string& operand : options.operands) {
         checkInterrupted();
         const int result = runReported("rm", [&] {
+            const std::string last = lastNameWritten(operand);
+            if (last == "." || last == ".." || operand.ends_with("/.") || operand.ends_with("/.."))
+                throw ToolError("refusing to remove '.' or '..'", operand);
             const vfs::AbsoluteIRI location = tool.locate(operand);
-            if (tool.existingKindAt(location, operand) == provider::ExistenceType::File) {
+            if (tool.isLinkAt(location) && !operand.ends_with("/")) {
+                // The link goes, never what it leads to (as rm does, with or without -r).
+                tool.file(location).removeFile();
+                progress.add(1);
+                return Success;
+            }
+            const auto kind = tool.existingKindAt(location, operand);
+            if (kind == provider::ExistenceType::File && operand.ends_with("/"))
+                throw ToolError("not a folder", operand);
+            if (kind == provider::ExistenceType::File) {
                 tool.file(location).removeFile();
             } else {
+                if (recursive && options.preserveRoot && isStorageRoot(location))
+                    throw ToolError("refusing to remove the root folder (--no-preserve-root overrides)", operand);
                 if (!recursive)
                     throw ToolError("is a folder (use -r)", operand);
                 if (!tool.folder(location).removeFolder(vfs::FolderRemovalPolicy::Recursive, drawingOn(progress)))
@@ -142,7 +255,8 @@ void addChangeCommands(const CommandSet& commands)
     auto cp = std::make_shared<CpOptions>();
     CLI::App* cpCommand = commands.app.add_subcommand("cp", "Copy a file, or a folder tree with -r");
     cpCommand->add_flag("-r", cp->recursive, "Copy folders and everything below them");
-    cpCommand->add_option("--policy", cp->policy, "When the target exists: fail, replace, or merge (default)")
+    cpCommand->add_option("--policy", cp->policy, "When the target exists: fail; replace (files, and folders only when empty); or merge (default: "
+                                              "into existing folders, replacing files)")
         ->check(CLI::IsMember({"fail", "replace", "merge"}));
     cpCommand->add_option("SRC", cp->source, "What to copy (IRI or local path)")->required();
     cpCommand->add_option("DST", cp->destination, "Where to (into it when it is a folder)")->required();
@@ -156,12 +270,15 @@ void addChangeCommands(const CommandSet& commands)
     mv->callback(
         [=] { commands.status = runReported("mv", [&] { return runMv(commands.tool, *mvSource, *mvDestination); }); });
 
-    auto rmLocations = std::make_shared<std::vector<std::string>>();
-    auto rmRecursive = std::make_shared<bool>(false);
-    CLI::App* rm = commands.app.add_subcommand("rm", "Remove files, or folder trees with -r");
-    rm->add_flag("-r", *rmRecursive, "Remove folders and everything below them");
-    rm->add_option("LOCATION", *rmLocations, "IRIs or local paths")->required();
-    rm->callback([=] { commands.status = runRm(commands.tool, *rmLocations, *rmRecursive); });
+    auto rm = std::make_shared<RmOptions>();
+    CLI::App* rmCommand = commands.app.add_subcommand(
+        "rm", "Remove files, or folder trees with -r. A link is removed, never what it leads to; '.' and '..' are "
+              "refused, and so is the root folder unless --no-preserve-root is given");
+    rmCommand->add_flag("-r", rm->recursive, "Remove folders and everything below them");
+    rmCommand->add_flag("--preserve-root,!--no-preserve-root", rm->preserveRoot,
+                        "Refuse to remove the root folder of a storage (the default)");
+    rmCommand->add_option("LOCATION", rm->operands, "IRIs or local paths")->required();
+    rmCommand->callback([=] { commands.status = runRm(commands.tool, *rm); });
 }
 
 } // namespace vfs_tool

@@ -10,6 +10,7 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -110,7 +111,7 @@ int runStat(Tool& tool, const std::string& operand, bool json)
 
 int runCat(Tool& tool, const std::vector<std::string>& operands)
 {
-    // One aligned buffer for every file: reads of 128 KiB straight into it bypass the stream's own.
+    // One aligned buffer for every file, filled from the stream's own.
     constexpr std::size_t kChunk = 128 * 1024;
     struct Free {
         void operator()(char* buffer) const noexcept { std::free(buffer); }
@@ -118,6 +119,11 @@ int runCat(Tool& tool, const std::vector<std::string>& operands)
     const std::unique_ptr<char, Free> buffer(static_cast<char*>(std::aligned_alloc(4096, kChunk)));
     if (!buffer)
         throw std::bad_alloc();
+    // A read from a FIFO or a terminal can wait for ever: Ctrl-C ends cat at once, as it ends the
+    // classic cat. Nothing is left half done by that.
+    std::signal(SIGINT, SIG_DFL);
+    if (interrupted().load())
+        std::raise(SIGINT);
     int status = Success;
     for (const std::string& operand : operands) {
         const int result = runReported("cat", [&] {
@@ -127,11 +133,13 @@ int runCat(Tool& tool, const std::vector<std::string>& operands)
             try {
                 vfs::ifstream in(tool.file(location), std::ios::binary);
                 in.exceptions(std::ios::badbit);
-                while (in) {
+                // What one read of the storage gave is passed on at once: from a pipe or a terminal
+                // that is what has come so far, not a whole buffer's worth.
+                while (in.peek() != std::char_traits<char>::eof()) {
                     checkInterrupted();
-                    in.read(buffer.get(), kChunk);
-                    const auto got = static_cast<std::size_t>(in.gcount());
-                    if (got != 0 && std::fwrite(buffer.get(), 1, got, stdout) != got)
+                    const auto got = static_cast<std::size_t>(in.readsome(buffer.get(), kChunk));
+                    if (std::fwrite(buffer.get(), 1, got, stdout) != got ||
+                        (got < kChunk && std::fflush(stdout) != 0))
                         throw ToolError("cannot write the output", "");
                 }
             } catch (const vfs::IOException& error) {

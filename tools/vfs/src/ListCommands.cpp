@@ -11,6 +11,10 @@
 #include <boost/json/object.hpp>
 
 #include <map>
+#include <set>
+#include <utility>
+
+#include <sys/stat.h>
 #include <mutex>
 #include <memory>
 
@@ -30,7 +34,25 @@ struct LsOptions {
     std::string pattern;
 };
 
-void printLsLine(const LsOptions& options, const VisitedEntry& entry, const std::string& shownName)
+// The kind letter of ls -l: a link, a folder, or by the mode bits a FIFO, a socket, a device or a
+// file.
+char kindLetter(const VisitedEntry& entry, bool link)
+{
+    if (link)
+        return 'l';
+    if (!entry.isFile)
+        return 'd';
+    const std::uint32_t mode = entry.extended && entry.extended->posixMode ? *entry.extended->posixMode : 0;
+    switch (mode & S_IFMT) {
+    case S_IFIFO: return 'p';
+    case S_IFSOCK: return 's';
+    case S_IFCHR: return 'c';
+    case S_IFBLK: return 'b';
+    default: return '-';
+    }
+}
+
+void printLsLine(const Tool& tool, const LsOptions& options, const VisitedEntry& entry, const std::string& shownName)
 {
     if (options.json) {
         boost::json::object object;
@@ -39,6 +61,8 @@ void printLsLine(const LsOptions& options, const VisitedEntry& entry, const std:
         object["iri"] = utf8(entry.location.toString());
         if (entry.fileAttributes)
             addAttributes(object, *entry.fileAttributes);
+        if (entry.dangling)
+            object["symlink"] = true;
         if (entry.folderAttributes)
             addAttributes(object, *entry.folderAttributes);
         printJsonLine(object);
@@ -48,15 +72,18 @@ void printLsLine(const LsOptions& options, const VisitedEntry& entry, const std:
         fmt::print("{}{}\n", shownName, entry.isFile ? "" : "/");
         return;
     }
-    const bool link = entry.isFile ? entry.fileAttributes && entry.fileAttributes->isSymlink()
+    const bool link = entry.isFile ? entry.dangling || (entry.fileAttributes && entry.fileAttributes->isSymlink())
                                    : entry.folderAttributes && entry.folderAttributes->isSymlink();
-    const char type = link ? 'l' : entry.isFile ? '-' : 'd';
+    const char type = kindLetter(entry, link);
     std::string size = "-";
-    if (entry.fileAttributes)
-        size = options.human ? humanSize(entry.fileAttributes->getSize()) : std::to_string(entry.fileAttributes->getSize());
-    const auto& modified = entry.isFile ? entry.fileAttributes->getLastModified()
-                                        : entry.folderAttributes->getLastModified();
-    fmt::print("{} {:>10}  {}  {}{}\n", type, size, shortTime(modified), shownName, entry.isFile ? "" : "/");
+    if (entry.fileAttributes || link) {
+        const std::uint64_t bytes = link ? tool.linkSize(entry.location) : entry.fileAttributes->getSize();
+        size = options.human ? humanSize(bytes) : std::to_string(bytes);
+    }
+    const std::string modified = entry.dangling ? "-"
+                                 : entry.isFile  ? shortTime(entry.fileAttributes->getLastModified())
+                                                 : shortTime(entry.folderAttributes->getLastModified());
+    fmt::print("{} {:>10}  {:>16}  {}{}\n", type, size, modified, shownName, entry.isFile ? "" : "/");
 }
 
 int runLs(Tool& tool, const LsOptions& options)
@@ -64,6 +91,7 @@ int runLs(Tool& tool, const LsOptions& options)
     const vfs::AbsoluteIRI location = tool.locate(options.location);
     TraversalOptions traversal;
     traversal.withAttributes = options.longFormat || options.json;
+    traversal.withExtended = options.longFormat;
     traversal.includeHidden = options.all;
     traversal.pattern = utf16(options.pattern);
 
@@ -73,7 +101,9 @@ int runLs(Tool& tool, const LsOptions& options)
         entry.name = options.location;
         if (traversal.withAttributes)
             entry.fileAttributes = file.getAttributes();
-        printLsLine(options, entry, options.location);
+        if (traversal.withExtended && !tool.isLinkAt(location))
+            entry.extended = file.getExtendedAttributes();
+        printLsLine(tool, options, entry, options.location);
         return Success;
     }
     int status = Success;
@@ -92,7 +122,7 @@ int runLs(Tool& tool, const LsOptions& options)
             if (options.recursive && !options.json)
                 fmt::print("{}{}:\n", self ? "\n" : "", heading);
             for (const VisitedEntry& child : children)
-                printLsLine(options, child, options.recursive && options.json ? child.relativePath : child.name);
+                printLsLine(tool, options, child, options.recursive && options.json ? child.relativePath : child.name);
             if (!options.recursive)
                 return;
             for (const VisitedEntry& child : children)
@@ -147,6 +177,8 @@ struct FindOptions {
     std::string type;
     bool parallel = false;
     bool json = false;
+    bool followLinks = false; // -L; -P (the default) lists links to folders without entering them
+    bool print0 = false;
 };
 
 // Prints the matches of a walk. Under the parallel walk its visits run on several threads at once:
@@ -161,9 +193,13 @@ public:
     vfs::FolderVisitResult visitEntryBefore(const vfs::FolderEntry& entry) override
     {
         const vfs::AbsoluteIRI location = entry.getFolder().getLocation();
-        if (location != m_root)
-            report(entry.getName(), location, false);
-        return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+        if (location == m_root)
+            return interrupted() ? vfs::FolderVisitResult::Stop : vfs::FolderVisitResult::Continue;
+        report(entry.getName(), location, false);
+        if (interrupted())
+            return vfs::FolderVisitResult::Stop;
+        return !m_options.followLinks && entry.getAttributes().isSymlink() ? vfs::FolderVisitResult::Skip
+                                                                           : vfs::FolderVisitResult::Continue;
     }
 
     vfs::FolderVisitResult visitEntry(const vfs::FileEntry& entry) override
@@ -205,7 +241,7 @@ private:
             object["type"] = isFile ? "file" : "folder";
             printJsonLine(object);
         } else {
-            fmt::print("{}\n", display(location));
+            fmt::print("{}{}", display(location), m_options.print0 ? '\0' : '\n');
         }
     }
 
@@ -272,6 +308,9 @@ int runDu(Tool& tool, const DuOptions& options)
     }
     TraversalOptions traversal;
     traversal.withAttributes = true;
+    traversal.withExtended = true;
+    // A file with several names is counted once, under the first name met (as du does).
+    std::set<std::pair<std::uint64_t, std::uint64_t>> counted;
     // Totals of the folders still open on the way down; a folder's line is printed once its content
     // is summed (du prints children before their parent).
     std::function<Usage(const vfs::Folder&, const VisitedEntry*, const vfs::AbsoluteIRI&)> sum =
@@ -288,9 +327,17 @@ int runDu(Tool& tool, const DuOptions& options)
             }
             for (const VisitedEntry& child : children) {
                 if (child.isFile) {
-                    total.bytes += child.fileAttributes->getSize();
+                    const auto& extended = child.extended;
+                    if (extended && extended->linkCount.value_or(1) > 1 && extended->device && extended->inode &&
+                        !counted.emplace(*extended->device, *extended->inode).second)
+                        continue;
+                    // A link counts as itself, not as what it leads to.
+                    const std::uint64_t bytes = child.dangling || child.fileAttributes->isSymlink()
+                                                    ? tool.linkSize(child.location)
+                                                    : child.fileAttributes->getSize();
+                    total.bytes += bytes;
                     ++total.files;
-                    progress.add(1, child.fileAttributes->getSize());
+                    progress.add(1, bytes);
                 } else if (child.enterable()) {
                     const Usage below = sum(*child.folder, &child, child.location);
                     total.bytes += below.bytes;
@@ -340,6 +387,10 @@ void addListCommands(const CommandSet& commands)
     findCommand->add_option("--type", find->type, "f for files, d for folders")->check(CLI::IsMember({"f", "d"}));
     findCommand->add_flag("--parallel", find->parallel, "Walk subfolders on several threads (output in no fixed order)");
     findCommand->add_flag("--json", find->json, "One JSON object per match and line");
+    findCommand->add_flag("-L", find->followLinks, "Enter links to folders (a link loop is reported, not followed)");
+    findCommand->add_flag_function("-P", [find](std::int64_t) { find->followLinks = false; },
+                          "List links to folders without entering them (the default)");
+    findCommand->add_flag("-0,--print0", find->print0, "End each printed location with a NUL instead of a newline");
     findCommand->callback(
         [=] { commands.status = runReported("find", [&] { return runFind(commands.tool, *find); }); });
 

@@ -44,7 +44,8 @@ void printJsonLine(const boost::json::object& object)
     const std::string line = boost::json::serialize(object);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw ToolError("cannot write the output", "");
 }
 
 void addAttributes(boost::json::object& object, const provider::FileAttributes& attributes)

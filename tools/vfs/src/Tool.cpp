@@ -8,6 +8,12 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <optional>
+
+#include <sys/stat.h>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 
 namespace vfs_tool {
 
@@ -35,6 +41,10 @@ std::string describe(vfs::ErrorCode code, const ustring& contexts)
         return "cannot move or copy a folder into itself";
     if (contexts.find(u"circular_symlink") != ustring::npos)
         return "a link leads back into the copy";
+    if (contexts.find(u"same-file") != ustring::npos)
+        return "source and target are the same file";
+    if (contexts.find(u"ENAMETOOLONG") != ustring::npos)
+        return "name or path too long";
     switch (code) {
     case vfs::ErrorCode::FolderNotEmpty: return "folder not empty";
     case vfs::ErrorCode::InvalidLocation: return "invalid location";
@@ -102,10 +112,50 @@ std::string describe(const vfs::IOException& error)
 
 std::string display(const vfs::AbsoluteIRI& location)
 {
-    if (location.getScheme() == u"file" && !location.hasInnerIRI())
-        return vfs::fromAbsoluteIRI(location).string();
+    // A file IRI with a host or an escaped NUL has no local path: it is shown as written.
+    try {
+        if (location.getScheme() == u"file" && !location.hasInnerIRI())
+            return vfs::fromAbsoluteIRI(location).string();
+    } catch (const std::exception&) {
+    }
     return utf8(location.toString());
 }
+
+namespace {
+
+// A plain path names what the kernel finds there: ".." after a link leads to the parent of the
+// link's target, not back to the text before the link. The path up to its last ".." is therefore
+// resolved by the kernel; what follows is kept as written, so that a last name that is a link
+// still names the link.
+std::filesystem::path resolvedAsTheKernelDoes(const std::string& operand)
+{
+    const std::filesystem::path path(operand);
+    std::filesystem::path head;
+    std::filesystem::path tail;
+    bool climbs = false;
+    for (const auto& part : path) {
+        tail /= part;
+        if (part == "..") {
+            head /= tail;
+            tail.clear();
+            climbs = true;
+        }
+    }
+    if (!climbs)
+        return path;
+    char* resolved = ::realpath(head.c_str(), nullptr);
+    if (!resolved) {
+        if (errno == ENAMETOOLONG)
+            throw ToolError("path too long", operand);
+        throw ToolError(errno == EACCES ? "permission denied" : "no such file or folder", operand);
+    }
+    std::filesystem::path result(resolved);
+    std::free(resolved);
+    // A trailing slash stays: it says the operand must be a folder.
+    return tail.empty() ? result : result / tail;
+}
+
+} // namespace
 
 Tool::Tool() : m_system(std::make_shared<vfs::DefaultStorageSystem>()) {}
 Tool::~Tool() = default;
@@ -123,7 +173,12 @@ vfs::AbsoluteIRI Tool::locate(const std::string& operand) const
     try {
         if (vfs::hasIRIPrefix(text))
             return vfs::AbsoluteIRI(text);
-        return vfs::toAbsoluteIRI(u"", std::filesystem::path(operand));
+    } catch (const std::exception&) {
+        throw ToolError("not a valid IRI", operand, Usage);
+    }
+    const std::filesystem::path path = resolvedAsTheKernelDoes(operand);
+    try {
+        return vfs::toAbsoluteIRI(u"", path);
     } catch (const std::exception&) {
         throw ToolError("neither an IRI nor a path", operand, Usage);
     }
@@ -132,6 +187,41 @@ vfs::AbsoluteIRI Tool::locate(const std::string& operand) const
 vfs::File Tool::file(const vfs::AbsoluteIRI& location) const { return vfs::File(location, system()); }
 
 vfs::Folder Tool::folder(const vfs::AbsoluteIRI& location) const { return vfs::Folder(location, system()); }
+
+namespace {
+
+// What the local disk says of the location itself, a link not followed; nothing for other storages.
+std::optional<struct stat> localLinkInfo(const vfs::AbsoluteIRI& location)
+{
+    if (location.getScheme() != u"file" || location.hasInnerIRI())
+        return std::nullopt;
+    std::string path;
+    try {
+        path = vfs::fromAbsoluteIRI(location).string();
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0)
+        return std::nullopt;
+    return info;
+}
+
+} // namespace
+
+bool Tool::isLinkAt(const vfs::AbsoluteIRI& location) const
+{
+    const auto info = localLinkInfo(location);
+    return info && S_ISLNK(info->st_mode);
+}
+
+std::uint64_t Tool::linkSize(const vfs::AbsoluteIRI& location) const
+{
+    const auto info = localLinkInfo(location);
+    return info && S_ISLNK(info->st_mode) ? static_cast<std::uint64_t>(info->st_size) : 0;
+}
 
 provider::ExistenceType Tool::kindAt(const vfs::AbsoluteIRI& location) const
 {

@@ -51,6 +51,10 @@ public:
     vfs::AbsoluteIRI locate(const std::string& operand) const;
     vfs::File file(const vfs::AbsoluteIRI& location) const;
     vfs::Folder folder(const vfs::AbsoluteIRI& location) const;
+    // Whether the location is a local link (dangling or not); such an operand names the link.
+    bool isLinkAt(const vfs::AbsoluteIRI& location) const;
+    // The size of the link itself (the length of what it leads to), 0 where unknown.
+    std::uint64_t linkSize(const vfs::AbsoluteIRI& location) const;
     // What is at the location, links followed.
     provider::ExistenceType kindAt(const vfs::AbsoluteIRI& location) const;
     // As kindAt(), failing with "no such file or folder" when nothing is there.
@@ -60,7 +64,7 @@ private:
     std::shared_ptr<vfs::DefaultStorageSystem> m_system;
 };
 
-// How a person reads a location: a local path for file IRIs, the IRI otherwise.
+// How a person reads a location: a local path for file IRIs, the IRI otherwise. Never throws.
 std::string display(const vfs::AbsoluteIRI& location);
 std::string utf8(const ustring& text);
 // The words for a failed stream operation ("no space left", "input/output error", ...).

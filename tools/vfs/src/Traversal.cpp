@@ -14,6 +14,8 @@ std::vector<VisitedEntry> childrenOf(const vfs::Folder& folder, const TraversalO
         bool isFile;
         std::optional<provider::FileAttributes> fileAttributes;
         std::optional<provider::FolderAttributes> folderAttributes;
+        std::optional<provider::ExtendedAttributes> extended;
+        bool dangling = false;
     };
     std::vector<Child> children;
     for (const auto& element : folder.listAllEntries(u"")) {
@@ -21,14 +23,26 @@ std::vector<VisitedEntry> childrenOf(const vfs::Folder& folder, const TraversalO
         if (const auto* file = boost::get<vfs::FileEntry>(&element)) {
             if (!options.pattern.empty() && !provider::matchesWildcard(file->getName(), options.pattern))
                 continue;
-            Child child{file->getName(), true, std::nullopt, std::nullopt};
-            if (options.withAttributes)
-                child.fileAttributes = file->getAttributes();
+            Child child{file->getName(), true, std::nullopt, std::nullopt, std::nullopt, false};
+            if (options.withAttributes || options.withExtended) {
+                try {
+                    child.fileAttributes = file->getAttributes();
+                } catch (const vfs::Exception& error) {
+                    // A link that leads nowhere, or round in a loop, is still an entry: it is shown
+                    // with no attributes rather than failing its whole folder.
+                    if (error.getErrorCode() != vfs::ErrorCode::ResourceNotFound &&
+                        error.getErrorCode() != vfs::ErrorCode::InvalidLocation)
+                        throw;
+                    child.dangling = true;
+                }
+            }
+            if (options.withExtended && child.fileAttributes && !child.fileAttributes->isSymlink())
+                child.extended = file->getFile().getExtendedAttributes();
             children.push_back(std::move(child));
         } else {
             const auto& sub = boost::get<vfs::FolderEntry>(element);
             // A folder's attributes are needed anyway, to know whether it is a link not to enter.
-            children.push_back(Child{sub.getName(), false, std::nullopt, sub.getAttributes()});
+            children.push_back(Child{sub.getName(), false, std::nullopt, sub.getAttributes(), std::nullopt, false});
         }
     }
     if (!options.includeHidden)
@@ -51,6 +65,8 @@ std::vector<VisitedEntry> childrenOf(const vfs::Folder& folder, const TraversalO
         entry.isLastChild = i + 1 == children.size();
         entry.fileAttributes = std::move(child.fileAttributes);
         entry.folderAttributes = std::move(child.folderAttributes);
+        entry.extended = std::move(child.extended);
+        entry.dangling = child.dangling;
         entries.push_back(std::move(entry));
     }
     return entries;

@@ -25,6 +25,8 @@ struct VisitedEntry {
     std::optional<provider::FileAttributes> fileAttributes;     // with attributes, for files
     std::optional<provider::FolderAttributes> folderAttributes; // for folders, always
     std::optional<vfs::Folder> folder;                          // for folders
+    std::optional<provider::ExtendedAttributes> extended;       // for files, when asked for and known
+    bool dangling = false; // a link that leads nowhere or loops: no attributes (found only with them)
 
     // A folder that a recursive visit enters: not a link (a link loop cannot trap a visit).
     bool enterable() const { return !isFile && !(folderAttributes && folderAttributes->isSymlink()); }
@@ -32,6 +34,7 @@ struct VisitedEntry {
 
 struct TraversalOptions {
     bool withAttributes = false;
+    bool withExtended = false; // files' extended attributes too (kind, links, inode); implies attributes
     bool recursive = true;
     bool includeHidden = true;
     ustring pattern; // '*'/'?' filter on names; folders are entered whatever their name

@@ -7,6 +7,7 @@
 #include <fmt/core.h>
 
 #include <clocale>
+#include <cstdio>
 
 int main(int argc, char** argv)
 {
@@ -18,6 +19,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     // "-h" means human-readable sizes in ls and du, as in the classic tools.
     app.set_help_flag("--help", "Show help");
+    app.set_version_flag("--version", "vfs " VFS_TOOL_VERSION, "Show the version");
     int status = Success;
     Tool tool;
     const CommandSet commands{app, tool, status};
@@ -32,6 +34,8 @@ int main(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
+    } catch (const CLI::CallForVersion& version) {
+        return app.exit(version);
     } catch (const CLI::ParseError& error) {
         // One line, in the tool's own form, and a pointer to the help.
         if (!app.get_subcommands().empty())
@@ -42,6 +46,11 @@ int main(int argc, char** argv)
             fmt::print(stderr, "vfs: {}\n", error.what());
         fmt::print(stderr, "Run 'vfs --help' or 'vfs COMMAND --help' for the options.\n");
         return Usage;
+    }
+    // Output lost (a full disk, a closed pipe) is a failure, whatever the command did.
+    if ((std::fflush(stdout) != 0 || std::ferror(stdout)) && status == Success) {
+        fmt::print(stderr, "vfs: cannot write the output\n");
+        return Failed;
     }
     return status;
 }

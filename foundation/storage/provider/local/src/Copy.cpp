@@ -1,7 +1,9 @@
 // File copy on the local disk. The content goes into a file of its own in the target's folder,
 // through copy_file_range (the kernel copies, or shares extents where the file system can), gets its
-// mode and time, is made durable when asked, and only then takes the target's name: a reader sees
-// the old target or the whole new one, and a failed or cancelled copy leaves nothing behind.
+// mode (within the umask) and time, is made durable when asked, and only then takes the target's
+// name: a reader sees the old target or the whole new one, and a failed or cancelled copy leaves
+// nothing behind. A target that is a device, a FIFO or a file of several names is written into
+// instead, as cp does.
 //
 // A copy that must not replace anything writes an unnamed file (O_TMPFILE) and links it in: one
 // directory change instead of a temporary name's creation and rename, and not even a crash can
@@ -117,8 +119,21 @@ bool fillTarget(int in, int out, const struct stat& sourceInfo, const CopyFileOp
 {
     if (!copyContent(in, out, static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
         return false;
-    if (::fchmod(out, sourceInfo.st_mode & 07777) != 0)
-        fail(errno, "fchmod", to);
+    // The permission bits came with the file's creation, limited by the umask as for any new file.
+    // The set-ID bits stay only where the copy keeps the source's owner or group (it is owned by
+    // this process), so that no copy grants another user's rights.
+    mode_t special = sourceInfo.st_mode & (S_ISUID | S_ISGID | S_ISVTX);
+    if (sourceInfo.st_uid != ::geteuid())
+        special &= ~mode_t(S_ISUID);
+    if (sourceInfo.st_gid != ::getegid())
+        special &= ~mode_t(S_ISGID);
+    if (special != 0) {
+        struct stat made {};
+        if (::fstat(out, &made) != 0)
+            fail(errno, "fstat", to);
+        if (::fchmod(out, (made.st_mode & 0777) | special) != 0)
+            fail(errno, "fchmod", to);
+    }
     if (options.keepLastModified) {
         const struct timespec times[2] = {{0, UTIME_OMIT}, sourceInfo.st_mtim};
         if (::futimens(out, times) != 0)
@@ -186,7 +201,7 @@ std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceIn
 {
     if (unnamedLink.load(std::memory_order_relaxed) == UnnamedLink::Impossible)
         return std::nullopt;
-    FileDescriptor out(::open(parentOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    FileDescriptor out(::open(parentOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, sourceInfo.st_mode & 0777));
     if (!out) {
         // No unnamed files on this file system (EOPNOTSUPP) or in this kernel (EISDIR, EINVAL).
         if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)
@@ -207,12 +222,30 @@ std::optional<TransactionStatus> copyUnnamed(int in, const struct stat& sourceIn
     return TransactionStatus::Completed;
 }
 
+// Writes into the existing file at `target`: a device or a FIFO stays what it is, and a file with
+// other names keeps them, as cp does. Unlike a replacement this is not atomic: a failure or a
+// cancellation part way leaves the target with part of the content.
+TransactionStatus copyThrough(int in, const struct stat& sourceInfo, const std::string& target,
+                              const CopyFileOptions& options, const StorageIRI& from, const StorageIRI& to)
+{
+    FileDescriptor out(::open(target.c_str(), O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC));
+    if (!out)
+        fail(errno, "open", to);
+    if (!copyContent(in, out.get(), static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
+        return TransactionStatus::NothingDone;
+    if (options.durable && ::fsync(out.get()) != 0 && errno != EINVAL)
+        fail(errno, "fsync", to);
+    if (const int error = out.close())
+        fail(error, "close", to);
+    return TransactionStatus::Completed;
+}
+
 } // namespace
 
 TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const CopyFileOptions& options)
 {
     const std::string source = nativePath(from);
-    const std::string target = nativePath(to);
+    std::string target = nativePath(to);
     const ReplacementPolicy policy = options.replacementPolicy;
 
     // Non-blocking, so that a FIFO found here is refused below instead of waiting for a writer.
@@ -243,6 +276,21 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
                 throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"not-a-file")});
             if (policy == ReplacementPolicy::ReplaceIfNewer && !newer(sourceInfo.st_mtim, targetInfo.st_mtim))
                 return TransactionStatus::NothingDone;
+            if (targetInfo.st_dev == sourceInfo.st_dev && targetInfo.st_ino == sourceInfo.st_ino)
+                failAs(ErrorCode::InvalidLocation, EINVAL, "stat", to, u"same-file");
+            // Never a regular file in place of a device, a FIFO or a socket, and no second name of
+            // a file split off from the others.
+            if (!S_ISREG(targetInfo.st_mode) || targetInfo.st_nlink > 1)
+                return copyThrough(in.get(), sourceInfo, target, options, from, to);
+            // A link stays a link: the file it leads to is replaced, in its own folder.
+            struct stat linkInfo {};
+            if (::lstat(target.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode)) {
+                char* resolved = ::realpath(target.c_str(), nullptr);
+                if (!resolved)
+                    fail(errno, "realpath", to);
+                target = resolved;
+                std::free(resolved);
+            }
         } else if (errno != ENOENT) {
             // A link that leads nowhere is replaced like a file; only a missing target is fine
             // otherwise (a missing folder on the way fails when the folder is opened).
@@ -257,7 +305,7 @@ TransactionStatus copyFile(const StorageIRI& from, const StorageIRI& to, const C
     FileDescriptor folder(::open(parentOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         fail(errno, "open", to);
-    TemporaryFile temporary(folder.get(), to, ".vfs-copy-", O_WRONLY, 0600);
+    TemporaryFile temporary(folder.get(), to, ".vfs-copy-", O_WRONLY, sourceInfo.st_mode & 0777);
     if (!fillTarget(in.get(), temporary.fd(), sourceInfo, options, from, to))
         return TransactionStatus::NothingDone;
     if (const int error = temporary.close())

@@ -425,9 +425,19 @@ public:
         if (S_ISDIR(sourceInfo.st_mode))
             failKind(location, u"not-a-file");
 
+        // Across file systems, as mv does: a copy that keeps the time and is on the disk before the
+        // source goes.
+        const auto copyThenRemove = [&] {
+            CopyFileOptions options;
+            options.replacementPolicy = policy;
+            options.keepLastModified = true;
+            if (detail::copyFile(location, destination, options) == TransactionStatus::Completed &&
+                ::unlink(source.c_str()) != 0 && errno != ENOENT)
+                fail(errno, "unlink", location);
+        };
         if (policy == ReplacementPolicy::FailIfExists) {
             if (const int error = renameNoReplace(source.c_str(), target.c_str()))
-                failMove(error, "renameat2", location, destination);
+                error == EXDEV ? copyThenRemove() : failMove(error, "renameat2", location, destination);
             return;
         }
         struct stat targetInfo {};
@@ -439,6 +449,8 @@ public:
                 return;
         }
         if (::rename(source.c_str(), target.c_str()) != 0) {
+            if (errno == EXDEV)
+                return copyThenRemove();
             // EISDIR: a folder took the target's place since it was looked at.
             if (errno == EISDIR)
                 failAs(ErrorCode::ResourceAlreadyExists, EISDIR, "rename", destination, u"not-a-file");

@@ -55,7 +55,13 @@ public:
         if (n <= 0)
             return 0;
         for (;;) {
-            const ssize_t got = ::pread(m_file.get(), s, static_cast<std::size_t>(n), m_position);
+            const ssize_t got = m_sequential ? ::read(m_file.get(), s, static_cast<std::size_t>(n))
+                                             : ::pread(m_file.get(), s, static_cast<std::size_t>(n), m_position);
+            if (got < 0 && errno == ESPIPE && !m_sequential) {
+                // A pipe, FIFO, socket or terminal has no positions: it is read in order.
+                m_sequential = true;
+                continue;
+            }
             if (got > 0) {
                 m_position += got;
                 return got;
@@ -73,11 +79,15 @@ public:
         for (std::streamsize done = 0; done < n;) {
             const auto rest = static_cast<std::size_t>(n - done);
             // With O_APPEND the kernel puts every write at the end, wherever the position is.
-            const ssize_t put = m_append ? ::write(m_file.get(), s + done, rest)
-                                         : ::pwrite(m_file.get(), s + done, rest, m_position);
+            const ssize_t put = m_append || m_sequential ? ::write(m_file.get(), s + done, rest)
+                                                         : ::pwrite(m_file.get(), s + done, rest, m_position);
             if (put < 0) {
                 if (errno == EINTR)
                     continue;
+                if (errno == ESPIPE && !m_sequential) {
+                    m_sequential = true;
+                    continue;
+                }
                 throwPosixStreamError(StreamOperation::Write, errno, m_append ? "write" : "pwrite", m_location);
             }
             done += put;
@@ -135,6 +145,7 @@ private:
     bool m_readable;
     bool m_writable;
     bool m_append;
+    bool m_sequential = false; // set once the descriptor turned out to have no positions
 };
 
 class LocalStream final : public ByteStream {

@@ -336,13 +336,15 @@ struct Watcher::Core {
                         release(key, watch, wd);
                 }
             } else if (*kind == events::Kind::Created || *kind == events::Kind::RenamedTo) {
-                followNewFolder(key, watch, path, changed, *kind == events::Kind::Created, calls);
+                // A folder renamed into place is new under its path too: what it holds is reported,
+                // also what was made in it while it had no watch of its own.
+                followNewFolder(key, watch, path, changed, true, calls);
             }
         }
     }
 
-    // A folder appeared below a recursive watch: watch it and everything in it. A created folder may
-    // already hold entries made before its watch existed; they are reported as created.
+    // A folder appeared below a recursive watch: watch it and everything in it. It may already hold
+    // entries made before its watch existed; with `created` they are reported as created.
     void followNewFolder(const Key& key, Watch& watch, const std::string& path, const StorageIRI& location,
                          bool created, std::vector<Call>& calls)
     {
@@ -353,6 +355,12 @@ struct Watcher::Core {
         if (error == ENOSPC || error == ENOMEM) {
             boost::property_tree::ptree extra;
             extra.put("reason", "the limit of inotify watches is reached: changes below this folder are not seen");
+            emit(calls, watch, report(events::Kind::Overflow, key.first, location, true, extra));
+        } else if (error == ENOENT || error == ENOTDIR) {
+            // Renamed or removed before its watch was in place: what was done inside it meanwhile
+            // cannot be known, so the watcher says it fell behind rather than stay silent.
+            boost::property_tree::ptree extra;
+            extra.put("reason", "a new folder changed before it could be watched: changes inside it may be missed");
             emit(calls, watch, report(events::Kind::Overflow, key.first, location, true, extra));
         }
         for (const auto& [entry, isFolder] : found)

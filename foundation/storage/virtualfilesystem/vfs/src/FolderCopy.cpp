@@ -65,8 +65,23 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
         target.createFolder();
     }
     m_current = std::move(target);
+    m_entered.push_back(source.getLocation());
     ++m_progress.folders;
     return report();
+}
+
+FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, const Exception& failure)
+{
+    if (m_policy != ReplacementPolicy::MergeCollectingFailures || failure.getErrorCode() != ErrorCode::PermissionDenied)
+        return FolderVisitor::visitFolderFailed(source, failure);
+    m_collected.push_back(failure);
+    // The folder's visitAfter will not come: the copy goes back up from its target here.
+    if (!m_entered.empty() && m_entered.back() == source.getLocation()) {
+        m_entered.pop_back();
+        if (!(*m_current == m_destinationRoot))
+            m_current = m_current->getParent();
+    }
+    return FolderVisitResult::Skip;
 }
 
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
@@ -118,6 +133,8 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
 {
     const Folder target = *m_current;
+    if (!m_entered.empty())
+        m_entered.pop_back();
     if (!(target == m_destinationRoot))
         m_current = target.getParent();
     try {
@@ -180,6 +197,16 @@ FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
     return folder == m_root ? FolderVisitResult::Continue : answer; // nothing is left to stop
 }
 
+namespace {
+
+[[noreturn]] void refuseIntoItself(const AbsoluteIRI& target)
+{
+    boost::throw_exception(
+        Exception(ErrorCode::InvalidLocation, target).withExceptionContexts({provider::ExceptionContext(u"into-itself")}));
+}
+
+} // namespace
+
 bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
               const TreeProgressObserver& observer, bool forMove)
 {
@@ -187,7 +214,7 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
-        boost::throw_exception(Exception(ErrorCode::InvalidLocation, target));
+        refuseIntoItself(target);
     FolderCopyVisitor visitor(destination, policy, observer, forMove);
     walkFolder(source, visitor);
     if (visitor.stopped() && !destination.folderExists())

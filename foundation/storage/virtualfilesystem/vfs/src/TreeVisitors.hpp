@@ -23,6 +23,9 @@ public:
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
     FolderVisitResult visitAfter(const Folder& source) override;
+    // Under MergeCollectingFailures a folder that cannot be read for lack of permission is put
+    // aside with the files, and the copy goes on with its siblings.
+    FolderVisitResult visitFolderFailed(const Folder& source, const Exception& failure) override;
 
     // Permission failures put aside under MergeCollectingFailures, in the order met.
     const std::vector<Exception>& collected() const noexcept { return m_collected; }
@@ -34,6 +37,7 @@ private:
 
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
+    std::vector<AbsoluteIRI> m_entered; // the source folders whose targets m_current goes down through
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
     std::vector<Exception> m_collected;

@@ -90,6 +90,41 @@ TEST(LocalWatcherTest, TheLimitOfWatchesFailsTheWatchWholeOrIsReportedForLaterFo
     local->shutdown();
 }
 
+// Folders made, renamed and filled faster than the watcher can follow them: every file made in
+// them is reported, or the watcher says that it fell behind.
+TEST(LocalWatcherTest, FoldersRenamedBeforeTheyAreWatchedAreFollowedOrReportedAsOverflow)
+{
+    LocalHarness harness;
+    const auto local = harness.provider();
+    harness.makeFolder(u"t");
+    const StorageIRI tree(harness.root(), u"t");
+    ChangeRecorder recorder;
+    local->publishFolderEvents(tree, recorder.callback(), {}, RecursiveFileWatching::Recursive);
+    constexpr std::size_t rounds = 300;
+    for (std::size_t i = 0; i < rounds; ++i) {
+        const ustring number = fl::i18n::utf8_to_ustring(std::to_string(i));
+        local->createFolder(StorageIRI(tree, u"d" + number));
+        local->moveFolder(StorageIRI(tree, u"d" + number), StorageIRI(tree, u"e" + number),
+                          provider::ReplacementPolicy::FailIfExists);
+        local->createFile(StorageIRI(tree, u"e" + number + u"/f"));
+    }
+    const auto accounted = [&] {
+        std::set<std::string> files;
+        for (const Change& change : recorder.changes()) {
+            if (change.kind == Kind::Overflow)
+                return true;
+            if (change.kind == Kind::Created && !change.folder)
+                files.insert(change.relative);
+        }
+        return files.size() == rounds;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!accounted() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(accounted()) << testing::PrintToString(recorder.changes().size());
+    local->shutdown();
+}
+
 TEST(LocalWatcherTest, AProviderReleasedByItsOwnWatcherThreadEndsThatThread)
 {
     // A runtime that starts a helper thread along with the first thread of the process (as
