@@ -180,7 +180,7 @@ public:
     ProviderCapabilities capabilities() const override
     {
         ProviderCapabilities capabilities;
-        capabilities.scheme = u"mem";
+        capabilities.scheme = m_options.scheme; // never changed after construction
         capabilities.authority = ProviderCapabilities::Authority::Required;
         for (const auto feature : {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
                                    ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWatching,
