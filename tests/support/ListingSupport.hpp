@@ -60,8 +60,9 @@ public:
     {
     }
 
+protected:
     std::unique_ptr<foundation::storage::provider::IFolderEntryIterator>
-    list(const foundation::storage::provider::StorageIRI& location,
+    doList(const foundation::storage::provider::StorageIRI& location,
          const foundation::storage::provider::ListOptions& options) const override
     {
         {
@@ -73,8 +74,10 @@ public:
             forwarded.pattern.clear();
         if (m_behaviour.withholdAttributes)
             forwarded.withAttributes = false;
-        return ProviderDecorator::list(location, forwarded);
+        return ProviderDecorator::doList(location, forwarded);
     }
+
+public:
 
     // The options of every listing so far, oldest first, as the caller gave them.
     std::vector<foundation::storage::provider::ListOptions> seen() const

@@ -45,7 +45,6 @@ StorageIRI childLocation(const StorageIRI& folder, ustring name)
     return StorageIRI(folder, std::move(name));
 }
 
-IProvider::~IProvider() = default;
 IFolderEntryIterator::~IFolderEntryIterator() = default;
 extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;

@@ -3,7 +3,6 @@
 #include "Native.hpp"
 #include "Watcher.hpp"
 
-#include <foundation/storage/provider/ChangePoller.hpp>
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <boost/property_tree/ptree.hpp>
@@ -45,14 +44,6 @@ struct stat statOf(const std::string& path, const StorageIRI& location)
     if (::stat(path.c_str(), &info) != 0)
         fail(errno, "stat", location);
     return info;
-}
-
-// The path of a destination of a move: another scheme (or a nested IRI) is another provider's.
-std::string destinationPath(const StorageIRI& destination)
-{
-    if (destination.getScheme() != u"file" || destination.hasInnerIRI())
-        throwProviderError(ErrorCode::UnsupportedOperation, destination, {ExceptionContext(u"cross-provider-move")});
-    return nativePath(destination);
 }
 
 // A move's failure, reported for the location it concerns: what is wrong at the target (it exists,
@@ -155,9 +146,25 @@ private:
 // the kernel, so any number of threads may call it at once.
 class LocalProvider final : public IProvider, public extensions::IFlushableFilesystem {
 public:
+    ~LocalProvider() override { endPolling(); }
+
+    ProviderCapabilities capabilities() const override
+    {
+        ProviderCapabilities capabilities;
+        capabilities.scheme = u"file";
+        capabilities.authority = ProviderCapabilities::Authority::LocalHost;
+        for (const auto feature : {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
+                                   ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWatching})
+            capabilities.with(feature);
+        capabilities.watching = true;
+        capabilities.extendedAttributes = true;
+        capabilities.atomicReplace = true;
+        return capabilities;
+    }
+
     // ---- existence and kind --------------------------------------------------------------------
 
-    ExistenceType exists(const StorageIRI& location) const override
+    ExistenceType doExists(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         struct stat info {};
@@ -170,7 +177,7 @@ public:
         return S_ISDIR(info.st_mode) ? ExistenceType::Folder : ExistenceType::File;
     }
 
-    ExistenceTypeExtended existsExtended(const StorageIRI& location) const override
+    ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         struct stat info {};
@@ -198,24 +205,14 @@ public:
         return ExistenceTypeExtended::Special;
     }
 
-    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override
-    {
-        static_cast<void>(nativePath(location));
-        return feature == ExtendedFeature::RecursiveRemoval || feature == ExtendedFeature::RecursiveListing ||
-               feature == ExtendedFeature::FlatWildcardListing || feature == ExtendedFeature::RecursiveWatching;
-    }
-
-    bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
-    bool folderExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::Folder; }
-
-    StorageIRI getCanonicalLocation(const StorageIRI& location) const override
+    StorageIRI doGetCanonicalLocation(const StorageIRI& location) const override
     {
         return toCanonicalizedStorageIRI(u"", nativePath(location));
     }
 
     // ---- attributes ----------------------------------------------------------------------------
 
-    FileAttributes getFileAttributes(const StorageIRI& location) const override
+    FileAttributes doGetFileAttributes(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         bool symlink = false;
@@ -226,7 +223,7 @@ public:
         return detail::fileAttributes(info, writable, symlink, location.getName());
     }
 
-    FolderAttributes getFolderAttributes(const StorageIRI& location) const override
+    FolderAttributes doGetFolderAttributes(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         bool symlink = false;
@@ -276,7 +273,7 @@ public:
         return named;
     }
 
-    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override
+    ExtendedAttributes doGetExtendedAttributes(const StorageIRI& location) const override
     {
         const struct stat info = statOf(nativePath(location), location);
         ExtendedAttributes attributes;
@@ -294,7 +291,7 @@ public:
         return attributes;
     }
 
-    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
+    void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
     {
         const std::string path = nativePath(location);
         struct timespec times[2];
@@ -306,7 +303,7 @@ public:
     }
 
     // Writable: every class that may read may also write; not writable: nobody may write.
-    void setWritable(const StorageIRI& location, bool writable) const override
+    void doSetWritable(const StorageIRI& location, bool writable) const override
     {
         const std::string path = nativePath(location);
         const mode_t mode = statOf(path, location).st_mode & 07777;
@@ -317,7 +314,7 @@ public:
             fail(errno, "chmod", location);
     }
 
-    void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
+    void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const override
     {
         const std::string path = nativePath(location);
         if (size > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()))
@@ -328,7 +325,7 @@ public:
 
     // ---- creation and removal ------------------------------------------------------------------
 
-    void createFile(const StorageIRI& location) const override
+    void doCreateFile(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY | O_CLOEXEC, 0666));
@@ -338,21 +335,21 @@ public:
             fail(error, "close", location);
     }
 
-    void removeFile(const StorageIRI& location) const override
+    void doRemoveFile(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         if (::unlink(path.c_str()) != 0)
             fail(errno, "unlink", location);
     }
 
-    void createFolder(const StorageIRI& location) const override
+    void doCreateFolder(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         if (::mkdir(path.c_str(), 0777) != 0)
             fail(errno, "mkdir", location);
     }
 
-    void createFolderRecursive(const StorageIRI& location) const override
+    void doCreateFolderRecursive(const StorageIRI& location) const override
     {
         std::string path = nativePath(location);
         while (path.size() > 1 && path.back() == '/')
@@ -373,7 +370,7 @@ public:
                 fail(ENOENT, "mkdir", location);
     }
 
-    void removeFolder(const StorageIRI& location) const override
+    void doRemoveFolder(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         if (::rmdir(path.c_str()) == 0)
@@ -387,7 +384,7 @@ public:
         fail(error, "rmdir", location);
     }
 
-    void removeFolderRecursively(const StorageIRI& location) const override
+    void doRemoveFolderRecursively(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         if (!location.hasParent())
@@ -417,10 +414,10 @@ public:
 
     // ---- moving and copying --------------------------------------------------------------------
 
-    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    void doMoveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         const std::string source = nativePath(location);
-        const std::string target = destinationPath(destination);
+        const std::string target = nativePath(destination);
         const struct stat sourceInfo = statOf(source, location);
         if (S_ISDIR(sourceInfo.st_mode))
             failKind(location, u"not-a-file");
@@ -458,10 +455,10 @@ public:
         }
     }
 
-    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    void doMoveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         const std::string source = nativePath(location);
-        const std::string target = destinationPath(destination);
+        const std::string target = nativePath(destination);
         if (!S_ISDIR(statOf(source, location).st_mode))
             failKind(location, u"not-a-folder");
         // rename() refuses it too (EINVAL), but would name the source: the destination is the
@@ -487,29 +484,25 @@ public:
         }
     }
 
-    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
-                               const StorageIRI& destination, const CopyFileOptions& options) const override
+    TransactionStatus doCopyFile(const StorageIRI& location, const StorageIRI& destination,
+                                 const CopyFileOptions& options) const override
     {
-        // Any instance of this provider reaches the same disk; other storage is written through its
-        // streams.
-        if (!dynamic_cast<const LocalProvider*>(&destinationProvider))
-            return copyFileThroughStreams(*this, location, destinationProvider, destination, options);
         return detail::copyFile(location, destination, options);
     }
 
     // ---- byte streams --------------------------------------------------------------------------
 
-    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override
+    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override
     {
         return detail::openReadOnlyStream(location);
     }
 
-    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
+    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
     {
         return detail::openStream(location, options);
     }
 
-    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+    std::unique_ptr<TransactionalByteStream> doOpenTransactionalStream(const StorageIRI& location,
                                                                      const ByteStreamOpenOptions& options) const override
     {
         return detail::openTransactionalStream(location, options);
@@ -517,14 +510,14 @@ public:
 
     // ---- listing -------------------------------------------------------------------------------
 
-    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const override
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& location, const ListOptions& options) const override
     {
         return options.recursive ? detail::listTree(location, options) : detail::listFolder(location, options);
     }
 
     // ---- the storage as a whole ----------------------------------------------------------------
 
-    void flushFilesystem(const StorageIRI& location) const override
+    void doFlushFilesystem(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         FileDescriptor any(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -536,19 +529,7 @@ public:
 
     void flushFilesystem() override { ::sync(); }
 
-    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override
-    {
-        static_cast<void>(nativePath(location));
-        return FilenameSensitivity::CaseSensitive;
-    }
-
-    PathComparatorFunction getPathComparator(const StorageIRI& location) const override
-    {
-        static_cast<void>(nativePath(location));
-        return makePathComparator(FilenameSensitivity::CaseSensitive);
-    }
-
-    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override
+    ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& location) const override
     {
         const std::string path = nativePath(location);
         struct statvfs info {};
@@ -563,7 +544,7 @@ public:
         return result;
     }
 
-    void configure(const boost::property_tree::ptree& settings) const override
+    void doConfigure(const boost::property_tree::ptree& settings) const override
     {
         if (settings.empty())
             return;
@@ -572,52 +553,41 @@ public:
                            u"the local provider has no setting \"" + key + u"\"");
     }
 
-    void shutdown() const override
+    void doShutdown() const override
     {
-        m_poller.stopAll();
         if (detail::Watcher* watcher = existingWatcher())
             watcher->unwatchAll();
     }
 
     // ---- change events -------------------------------------------------------------------------
 
-    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
+    void doPublishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
     {
         watcher(location).watchFile(location, std::move(callback), kinds);
     }
 
-    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+    void doPublishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
                              RecursiveFileWatching recursive) const override
     {
         watcher(location).watchFolder(location, std::move(callback), kinds, recursive == RecursiveFileWatching::Recursive);
     }
 
-    void stopPublishingFileEvents(const StorageIRI& location) const override
+    void doStopPublishingFileEvents(const StorageIRI& location) const override
     {
         if (detail::Watcher* watcher = existingWatcher())
             watcher->unwatch(location, true);
     }
 
-    void stopPublishingFolderEvents(const StorageIRI& location) const override
+    void doStopPublishingFolderEvents(const StorageIRI& location) const override
     {
         if (detail::Watcher* watcher = existingWatcher())
             watcher->unwatch(location, false);
     }
 
-    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
-                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const override
-    {
-        static_cast<void>(nativePath(location));
-        m_poller.start(location, std::move(callback), kinds, interval, recursive);
-    }
-
-    void stopChangePollingMechanism(const StorageIRI& location) const override { m_poller.stop(location); }
-
 private:
     // The watcher, made with the first watch; `location` is named if inotify cannot be set up.
     detail::Watcher& watcher(const StorageIRI& location) const
     {
-        static_cast<void>(nativePath(location));
         std::lock_guard lock(m_watcherMutex);
         if (!m_watcher)
             m_watcher = std::make_unique<detail::Watcher>(location);
@@ -657,10 +627,9 @@ private:
         fail(error, "mkdir", location);
     }
 
-    // Last, so that their threads end first. The watcher lives from the first watch to the end.
+    // The watcher lives from the first watch to the end.
     mutable std::mutex m_watcherMutex;
     mutable std::unique_ptr<detail::Watcher> m_watcher;
-    mutable ChangePoller m_poller{*this};
 };
 
 } // namespace

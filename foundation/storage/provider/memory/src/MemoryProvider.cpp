@@ -4,12 +4,13 @@
 #include "Notifier.hpp"
 #include "Tree.hpp"
 
-#include <foundation/storage/provider/ChangePoller.hpp>
 #include <foundation/storage/provider/PosixError.hpp>
 
 #include <boost/property_tree/ptree.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -39,11 +40,6 @@ constexpr std::uint64_t progressStep = std::uint64_t(1) << 20;
 ustring ascii(std::string_view text)
 {
     return ustring(text.begin(), text.end());
-}
-
-[[noreturn]] void refuse(const StorageIRI& location, std::u16string_view reason, ustring detail = {})
-{
-    throwProviderError(ErrorCode::InvalidLocation, location, {ExceptionContext(ustring(reason), std::move(detail))});
 }
 
 // Failures that a POSIX file system would report with an errno carry the same code and contexts
@@ -177,11 +173,28 @@ class MemoryProvider final : public IProvider,
                              public StreamHost,
                              public std::enable_shared_from_this<MemoryProvider> {
 public:
-    explicit MemoryProvider(MemoryProviderOptions options) : m_options(options) {}
+    explicit MemoryProvider(MemoryProviderOptions options) : m_options(options), m_readOnly(options.readOnly) {}
+    ~MemoryProvider() override { endPolling(); }
 
-    ExistenceType exists(const StorageIRI& location) const override
+    // Every optional feature natively; read-only while configured so.
+    ProviderCapabilities capabilities() const override
     {
-        checkLocation(location);
+        ProviderCapabilities capabilities;
+        capabilities.scheme = m_options.scheme; // never changed after construction
+        capabilities.authority = ProviderCapabilities::Authority::Required;
+        for (const auto feature : {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
+                                   ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWatching,
+                                   ExtendedFeature::RecursiveWildcardListing})
+            capabilities.with(feature);
+        capabilities.watching = true;
+        capabilities.atomicReplace = true;
+        capabilities.writable = !m_readOnly.load(std::memory_order_relaxed);
+        capabilities.timeResolution = std::chrono::microseconds(1);
+        return capabilities;
+    }
+
+    ExistenceType doExists(const StorageIRI& location) const override
+    {
         std::shared_lock lock(m_mutex);
         const Node* node = walk(rootOf(location), location, location.getPathView().size()).first;
         if (!node)
@@ -190,7 +203,7 @@ public:
     }
 
     // Memory volumes hold no links and no special files, so this differs from exists() only in type.
-    ExistenceTypeExtended existsExtended(const StorageIRI& location) const override
+    ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override
     {
         switch (exists(location)) {
         case ExistenceType::File:
@@ -203,36 +216,17 @@ public:
         return ExistenceTypeExtended::NotFound;
     }
 
-    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const override
-    {
-        checkLocation(location);
-        switch (feature) {
-        case ExtendedFeature::RecursiveRemoval:
-        case ExtendedFeature::RecursiveListing:
-        case ExtendedFeature::FlatWildcardListing:
-        case ExtendedFeature::RecursiveWildcardListing:
-        case ExtendedFeature::RecursiveWatching:
-            return true;
-        }
-        return false;
-    }
-
-    bool fileExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::File; }
-    bool folderExists(const StorageIRI& location) const override { return exists(location) == ExistenceType::Folder; }
-
     // Memory has no links, no case folding and no unresolved segments: an existing location is
     // already canonical.
-    StorageIRI getCanonicalLocation(const StorageIRI& location) const override
+    StorageIRI doGetCanonicalLocation(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         existingIn(rootOf(location), "getCanonicalLocation", location);
         return location;
     }
 
-    FileAttributes getFileAttributes(const StorageIRI& location) const override
+    FileAttributes doGetFileAttributes(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         const Node& node = existingIn(rootOf(location), "getFileAttributes", location);
         if (!node.asFile())
@@ -240,9 +234,8 @@ public:
         return fileAttributes(node, location.getName());
     }
 
-    FolderAttributes getFolderAttributes(const StorageIRI& location) const override
+    FolderAttributes doGetFolderAttributes(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         const Node& node = existingIn(rootOf(location), "getFolderAttributes", location);
         if (!node.asFolder())
@@ -251,18 +244,16 @@ public:
     }
 
     // Memory knows only how many bytes a file holds; a folder holds none of its own.
-    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const override
+    ExtendedAttributes doGetExtendedAttributes(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         ExtendedAttributes attributes;
         attributes.allocatedBytes = existingIn(rootOf(location), "getExtendedAttributes", location).size();
         return attributes;
     }
 
-    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
+    void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
     {
-        checkLocation(location);
         if (time.is_special())
             badArgument("setLastModified", location, u"not-a-time");
         std::unique_lock lock(m_mutex);
@@ -273,9 +264,8 @@ public:
         changed(events::Kind::Modified, location, node);
     }
 
-    void setWritable(const StorageIRI& location, bool writable) const override
+    void doSetWritable(const StorageIRI& location, bool writable) const override
     {
-        checkLocation(location);
         std::unique_lock lock(m_mutex);
         checkChangeable("setWritable", location);
         Node& node = existingIn(rootForChange(location), "setWritable", location);
@@ -283,10 +273,9 @@ public:
         changed(events::Kind::AttributesChanged, location, node);
     }
 
-    void truncateToSize(const StorageIRI& location, std::uint64_t size) const override
+    void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const override
     {
         constexpr const char* operation = "truncateToSize";
-        checkLocation(location);
         std::unique_lock lock(m_mutex);
         checkChangeable(operation, location);
         Node& node = existingIn(rootForChange(location), operation, location);
@@ -316,12 +305,11 @@ public:
         changed(events::Kind::Modified, location, node);
     }
 
-    void createFile(const StorageIRI& location) const override { create("createFile", location, false); }
+    void doCreateFile(const StorageIRI& location) const override { create("createFile", location, false); }
 
-    void removeFile(const StorageIRI& location) const override
+    void doRemoveFile(const StorageIRI& location) const override
     {
         constexpr const char* operation = "removeFile";
-        checkLocation(location);
         std::unique_ptr<Node> removed; // destroyed after the lock is released
         std::unique_lock lock(m_mutex);
         checkChangeable(operation, location);
@@ -337,12 +325,11 @@ public:
         changed(events::Kind::Removed, location, *removed);
     }
 
-    void createFolder(const StorageIRI& location) const override { create("createFolder", location, true); }
+    void doCreateFolder(const StorageIRI& location) const override { create("createFolder", location, true); }
 
-    void createFolderRecursive(const StorageIRI& location) const override
+    void doCreateFolderRecursive(const StorageIRI& location) const override
     {
         constexpr const char* operation = "createFolderRecursive";
-        checkLocation(location);
         std::unique_lock lock(m_mutex);
         Node* node = &rootForChange(location);
         const PathView path = location.getPathView();
@@ -377,10 +364,9 @@ public:
         }
     }
 
-    void removeFolder(const StorageIRI& location) const override
+    void doRemoveFolder(const StorageIRI& location) const override
     {
         constexpr const char* operation = "removeFolder";
-        checkLocation(location);
         std::unique_lock lock(m_mutex);
         checkChangeable(operation, location);
         const Place<Node> place = placeIn(rootForChange(location), operation, location);
@@ -392,10 +378,9 @@ public:
     }
 
     // All or nothing: every folder that would have to give up a child is checked before anything goes.
-    void removeFolderRecursively(const StorageIRI& location) const override
+    void doRemoveFolderRecursively(const StorageIRI& location) const override
     {
         constexpr const char* operation = "removeFolderRecursively";
-        checkLocation(location);
         std::unique_ptr<Node> removed; // a whole subtree: destroyed after the lock is released
         std::unique_lock lock(m_mutex);
         checkChangeable(operation, location);
@@ -428,11 +413,9 @@ public:
         }
     }
 
-    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    void doMoveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         constexpr const char* operation = "moveFile";
-        checkLocation(location);
-        checkDestination(operation, destination);
         checkPolicy(operation, location, policy);
         std::unique_ptr<Node> replaced; // destroyed after the lock is released
         std::unique_lock lock(m_mutex);
@@ -460,11 +443,9 @@ public:
         renamed(location, destination, moved);
     }
 
-    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    void doMoveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         constexpr const char* operation = "moveFolder";
-        checkLocation(location);
-        checkDestination(operation, destination);
         checkPolicy(operation, location, policy);
         if (location.isAncestorOf(destination))
             badArgument(operation, destination, u"into-itself");
@@ -504,14 +485,10 @@ public:
     // The bytes are taken under a shared lock, progress is reported with no lock held, and the
     // target is put in place under the exclusive lock after everything has been checked again
     // (the tree may have changed meanwhile). A cancelled or failed copy leaves nothing behind.
-    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
-                               const StorageIRI& destination, const CopyFileOptions& options) const override
+    TransactionStatus doCopyFile(const StorageIRI& location, const StorageIRI& destination,
+                                 const CopyFileOptions& options) const override
     {
         constexpr const char* operation = "copyFile";
-        checkLocation(location);
-        if (&destinationProvider != this)
-            return copyFileThroughStreams(*this, location, destinationProvider, destination, options);
-        checkDestination(operation, destination);
         const ReplacementPolicy policy = options.replacementPolicy;
         checkPolicy(operation, location, policy);
 
@@ -574,9 +551,8 @@ public:
     // and equals what the tree holds once no stream is open. Transactional streams write to a copy
     // of their own that a commit makes the file's new content. Streams keep the provider alive.
 
-    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const override
+    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_ptr<Content> content;
         {
             std::unique_lock lock(m_mutex);
@@ -588,10 +564,9 @@ public:
         return makeStream(shared_from_this(), location, std::move(content), true, false, false);
     }
 
-    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
+    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
     {
         constexpr const char* operation = "open";
-        checkLocation(location);
         checkOpenOptions(location, options);
         std::vector<std::byte> dropped; // freed after the lock is released
         std::shared_ptr<Content> content;
@@ -626,11 +601,10 @@ public:
                           options.access == ByteStreamAccess::ReadWrite, true, options.writeAtPosition == 0);
     }
 
-    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+    std::unique_ptr<TransactionalByteStream> doOpenTransactionalStream(const StorageIRI& location,
                                                                      const ByteStreamOpenOptions& options) const override
     {
         constexpr const char* operation = "open";
-        checkLocation(location);
         checkOpenOptions(location, options);
         std::vector<std::byte> content;
         {
@@ -759,10 +733,9 @@ public:
 
     // The entries are taken under the shared lock; the iterator then holds no lock and its clones
     // share the same entries.
-    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const override
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& location, const ListOptions& options) const override
     {
         constexpr const char* operation = "list";
-        checkLocation(location);
         if (options.kind != ListKind::All && options.kind != ListKind::Files && options.kind != ListKind::Folders)
             badArgument(operation, location, u"unknown-list-kind");
         std::shared_ptr<const std::vector<FolderEntry>> entries;
@@ -777,33 +750,19 @@ public:
     }
 
     // Nothing to flush: memory is as durable as it gets.
-    void flushFilesystem(const StorageIRI& location) const override
+    void doFlushFilesystem(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         existingIn(rootOf(location), "flushFilesystem", location);
     }
 
     void flushFilesystem() override {}
 
-    void invalidate(const StorageIRI& location) override { checkLocation(location); }
-
-    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const override
-    {
-        checkLocation(location);
-        return FilenameSensitivity::CaseSensitive;
-    }
-
-    PathComparatorFunction getPathComparator(const StorageIRI& location) const override
-    {
-        checkLocation(location);
-        return makePathComparator(FilenameSensitivity::CaseSensitive);
-    }
+    void invalidate(const StorageIRI& location) override { IProvider::checkLocation(location); }
 
     // The quota is shared by every volume; without one, the space is not known.
-    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const override
+    ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& location) const override
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         existingIn(rootOf(location), "getProviderStorageInfo", location);
         ProviderStorageInfo info;
@@ -817,7 +776,7 @@ public:
     }
 
     // A quota below what is already stored is accepted: nothing is lost, and only growth is refused.
-    void configure(const boost::property_tree::ptree& settings) const override
+    void doConfigure(const boost::property_tree::ptree& settings) const override
     {
         std::optional<std::uint64_t> quota;
         std::optional<bool> readOnly;
@@ -842,15 +801,16 @@ public:
         std::unique_lock lock(m_mutex);
         if (quota)
             m_options.quotaBytes = *quota;
-        if (readOnly)
+        if (readOnly) {
             m_options.readOnly = *readOnly;
+            m_readOnly.store(*readOnly, std::memory_order_relaxed);
+        }
     }
 
     // The settings stay; every volume reads as new and empty again.
-    void shutdown() const override
+    void doShutdown() const override
     {
         decltype(m_volumes) dropped; // destroyed after the lock is released
-        m_poller.stopAll();
         m_notifier.unwatchAll();
         std::unique_lock lock(m_mutex);
         for (const auto& [name, root] : m_volumes)
@@ -863,35 +823,25 @@ public:
     // The notifier reports what this provider changes; changes made under the same location by
     // other means (there are none in memory) could not be seen.
 
-    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
+    void doPublishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const override
     {
         checkWatchable("publishFileEvents", location, true);
         m_notifier.watch(location, true, false, std::move(callback), kinds);
     }
 
-    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+    void doPublishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
                              RecursiveFileWatching recursive) const override
     {
         checkWatchable("publishFolderEvents", location, false);
         m_notifier.watch(location, false, recursive == RecursiveFileWatching::Recursive, std::move(callback), kinds);
     }
 
-    void stopPublishingFileEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, true); }
-    void stopPublishingFolderEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, false); }
-
-    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
-                                     std::chrono::milliseconds interval, RecursiveChangePolling recursive) const override
-    {
-        checkLocation(location);
-        m_poller.start(location, std::move(callback), kinds, interval, recursive);
-    }
-
-    void stopChangePollingMechanism(const StorageIRI& location) const override { m_poller.stop(location); }
+    void doStopPublishingFileEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, true); }
+    void doStopPublishingFolderEvents(const StorageIRI& location) const override { m_notifier.unwatch(location, false); }
 
 private:
     void checkWatchable(const char* operation, const StorageIRI& location, bool file) const
     {
-        checkLocation(location);
         std::shared_lock lock(m_mutex);
         const Node& node = existingIn(rootOf(location), operation, location);
         if ((node.asFile() != nullptr) != file)
@@ -917,30 +867,6 @@ private:
         arriving.put("rename.from", fl::i18n::ustring_to_utf8_lossy(from.toString()));
         m_notifier.record(events::Kind::RenamedFrom, from, node.asFolder() != nullptr, std::move(leaving));
         m_notifier.record(events::Kind::RenamedTo, to, node.asFolder() != nullptr, std::move(arriving));
-    }
-
-    static void checkLocation(const StorageIRI& location)
-    {
-        if (const ustring scheme = location.getScheme(); scheme != u"mem")
-            refuse(location, u"wrong-scheme", scheme);
-        if (location.hasInnerIRI())
-            refuse(location, u"nested-iri");
-        const ustring& volume = location.getAuthority();
-        if (volume.empty())
-            refuse(location, u"no-volume");
-        if (!location.hasPath())
-            refuse(location, u"no-path");
-        if (volume.find(u'\0') != ustring::npos || location.getPath().find(u'\0') != ustring::npos)
-            refuse(location, u"nul-in-name");
-    }
-
-    // A destination on other storage is one this provider cannot reach (as a rename across file
-    // systems); a malformed memory location is refused as any other.
-    static void checkDestination(const char* operation, const StorageIRI& destination)
-    {
-        if (destination.getScheme() != u"mem" || destination.hasInnerIRI())
-            fail(EXDEV, operation, destination);
-        checkLocation(destination);
     }
 
     [[noreturn]] static void badSetting(const std::string& key, const std::string& value, const char* expected)
@@ -1030,7 +956,6 @@ private:
 
     void create(const char* operation, const StorageIRI& location, bool folder) const
     {
-        checkLocation(location);
         std::unique_lock lock(m_mutex);
         checkChangeable(operation, location);
         const Place<Node> place = placeIn(rootForChange(location), operation, location);
@@ -1097,13 +1022,14 @@ private:
     // IProvider's operations are const; the state they change is guarded by m_mutex.
     mutable std::shared_mutex m_mutex;
     mutable MemoryProviderOptions m_options;
+    // m_options.readOnly, for capabilities(), which takes no lock.
+    mutable std::atomic<bool> m_readOnly;
     mutable std::map<ustring, std::unique_ptr<Node>, std::less<>> m_volumes;
     mutable std::uint64_t m_usedBytes = 0; // file content of every volume
     // What a volume nobody has changed reads as; a volume brought into being starts as its copy.
     mutable Node m_newVolume{Node::Folder{}, now()};
     // Last, so that their threads end before the state they read goes.
     mutable Notifier m_notifier;
-    mutable ChangePoller m_poller{*this};
 };
 
 } // namespace

@@ -59,14 +59,14 @@ TEST_P(FeatureMaskingTest, AMaskedProviderBehavesAsOneWithoutTheFeature)
 
     const FeatureMaskingProvider noRemoval(provider, {ExtendedFeature::RecursiveRemoval});
     EXPECT_TRUE(failsWith([&] { noRemoval.removeFolderRecursively(sub); }, ErrorCode::UnsupportedOperation, sub,
-                          "feature-masked"));
+                          "no-recursive-removal"));
     EXPECT_EQ(tree(), before);
 
     ListOptions recursive;
     recursive.recursive = true;
     const FeatureMaskingProvider noRecursiveListing(provider, {ExtendedFeature::RecursiveListing});
     EXPECT_TRUE(failsWith([&] { noRecursiveListing.list(root, recursive); }, ErrorCode::UnsupportedOperation, root,
-                          "feature-masked"));
+                          "no-recursive-listing"));
 
     // Without wildcard listing the pattern is ignored, and the caller's own filter has to work.
     ListOptions pattern;

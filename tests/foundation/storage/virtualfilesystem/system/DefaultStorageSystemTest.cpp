@@ -1,4 +1,5 @@
 #include <Prelude.hpp>
+#include <ProviderHarness.hpp>
 
 namespace {
 
@@ -156,6 +157,50 @@ TEST(DefaultStorageSystemTest, ConcurrentExistsFromSeveralThreadsSharesOneProvid
     EXPECT_EQ(decorations.calls, (std::map<ustring, int>{{u"file", 1}, {u"mem", 1}}));
     EXPECT_EQ(decorations.counters.at(u"file")->count(ProviderOperation::Exists), 3u * threads * rounds);
     EXPECT_EQ(decorations.counters.at(u"mem")->count(ProviderOperation::Exists), 2u * threads * rounds);
+}
+
+TEST(DefaultStorageSystemTest, ApplicationsRegisterSchemesWhoseProvidersReachOtherStorageThroughTheResolver)
+{
+    auto [system, ref] = vfs_test::makeSystem<DefaultStorageSystem>();
+    provider::ProviderResolver resolve;
+    system->registerScheme(u"Box", [&resolve](const provider::ProviderContext& context) {
+        resolve = context.resolve;
+        return provider::memory::makeMemoryProvider({.scheme = u"box"});
+    });
+    for (const ustring refused : {u"mem", u"BOX", u"", u"1x", u"a b"}) // taken, or not a scheme name
+        EXPECT_THROW(system->registerScheme(refused, [](auto&) { return nullptr; }), std::invalid_argument);
+    EXPECT_EQ(system->schemes(), (std::vector<ustring>{u"box", u"file", u"mem"}));
+
+    const vfs::Folder box(AbsoluteIRI{u"box://v/"}, ref);
+    vfs::File(box, u"made.txt").createFile();
+    EXPECT_EQ(vfs::exists(AbsoluteIRI{u"box://v/made.txt"}, ref), ExistenceType::File);
+    ASSERT_TRUE(resolve);
+
+    // A nested location reads its container through the container's own provider.
+    const auto memory = Access::buildProvider(*system, storageIRI(AbsoluteIRI{u"mem://v/"}));
+    EXPECT_EQ(resolve(provider::StorageIRI(u"mem://v/c.bin")), memory);
+    memory->createFolder(provider::StorageIRI(u"mem://v/folder"));
+    memory->openStream(provider::StorageIRI(u"mem://v/c.bin"), {})->write("abc", 3);
+    char bytes[4] = {};
+    EXPECT_EQ(provider::openContainer(resolve, provider::StorageIRI(u"box", provider::StorageIRI(u"mem://v/c.bin"), u"/x"))->read(bytes, 4), 3);
+    EXPECT_STREQ(bytes, "abc");
+    for (const ustring container : {u"mem://v/missing.bin", u"mem://v/folder"}) {
+        const provider::StorageIRI inner(container);
+        const auto error = vfs_test::providerError([&] { provider::openContainer(resolve, provider::StorageIRI(u"box", inner, u"/x")); });
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->getErrorCode(), provider::ErrorCode::ResourceNotFound);
+        EXPECT_TRUE(error->getStorageIRI() == inner);
+    }
+
+    // Settings reach the scheme's provider; a refused one is the library's error.
+    boost::property_tree::ptree settings;
+    settings.put("quotaBytes", "2");
+    system->configure(u"MEM", settings);
+    EXPECT_EQ(memory->getProviderStorageInfo(provider::StorageIRI(u"mem://v/")).capacityBytes, 2u);
+    settings.put("no-such-setting", "1");
+    vfs_test::inspectThrown<vfs::Exception>([&] { system->configure(u"mem", settings); },
+                                            [](const vfs::Exception& error) { EXPECT_EQ(error.getErrorCode(), ErrorCode::InvalidLocation); });
+    EXPECT_THROW(system->configure(u"nope", settings), vfs::UnsupportedIRISchemeException);
 }
 
 } // namespace

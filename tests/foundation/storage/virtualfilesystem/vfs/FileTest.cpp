@@ -49,17 +49,17 @@ class PolicyRecorder : public provider::decorators::ProviderDecorator {
 public:
     using ProviderDecorator::ProviderDecorator;
 
-    void moveFile(const provider::StorageIRI& location, const provider::StorageIRI& destination,
-                  ReplacementPolicy policy) const override
+    void doMoveFile(const provider::StorageIRI& location, const provider::StorageIRI& destination,
+                    ReplacementPolicy policy) const override
     {
         record(policy);
-        ProviderDecorator::moveFile(location, destination, policy);
+        ProviderDecorator::doMoveFile(location, destination, policy);
     }
-    TransactionStatus copyFile(const provider::StorageIRI& location, const provider::IProvider& destinationProvider,
-                               const provider::StorageIRI& destination, const CopyFileOptions& options) const override
+    TransactionStatus doCopyFile(const provider::StorageIRI& location, const provider::StorageIRI& destination,
+                                 const CopyFileOptions& options) const override
     {
         record(options.replacementPolicy);
-        return ProviderDecorator::copyFile(location, destinationProvider, destination, options);
+        return ProviderDecorator::doCopyFile(location, destination, options);
     }
 
     std::vector<ReplacementPolicy> seen() const

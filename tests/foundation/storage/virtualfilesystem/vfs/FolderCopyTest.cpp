@@ -26,10 +26,10 @@ Names treeOf(const vfs::Folder& folder)
 class VanishingFiles : public provider::decorators::ProviderDecorator {
 public:
     using ProviderDecorator::ProviderDecorator;
-    void removeFile(const provider::StorageIRI& location) const override
+    void doRemoveFile(const provider::StorageIRI& location) const override
     {
-        ProviderDecorator::removeFile(location);
-        ProviderDecorator::removeFile(location);
+        ProviderDecorator::doRemoveFile(location);
+        ProviderDecorator::doRemoveFile(location);
     }
 };
 

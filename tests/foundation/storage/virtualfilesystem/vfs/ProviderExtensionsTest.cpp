@@ -26,7 +26,7 @@ public:
         ++flushes;
         failIfAsked(StorageIRI(u"mem://flushed/"));
     }
-    void configure(const ptree& settings) const override
+    void doConfigure(const ptree& settings) const override
     {
         std::lock_guard lock(mutex);
         configured.push_back(settings);

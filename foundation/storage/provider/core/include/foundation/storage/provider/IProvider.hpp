@@ -11,12 +11,66 @@
 #include <boost/property_tree/ptree_fwd.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 
 namespace foundation::storage::provider {
 
+// What a provider can do, stated once. The front of IProvider reads it to check locations, to answer
+// hasFeature() and to refuse what the storage lacks (recursive removal, recursive listing or
+// watching, watching at all); the library's fallbacks follow from the same answers.
+struct ProviderCapabilities {
+    // Which authorities a location may have.
+    enum class Authority : std::int32_t {
+        LocalHost = 0, // empty or "localhost"
+        Required = 1,  // any non-empty one (a memory volume, a host)
+    };
+
+    // The locations served: this scheme (lower case, a literal that outlives the provider), with
+    // or without an inner IRI naming a container.
+    std::u16string_view scheme;
+    Authority authority = Authority::LocalHost;
+    bool nested = false;
+
+    // Native ExtendedFeature values, one bit each (bit n for the value n).
+    std::uint32_t features = 0;
+    bool watching = false;           // publish*Events work (polling always does)
+    bool extendedAttributes = false; // getExtendedAttributes answers more than sizes
+    bool writable = true;            // false: a read-only storage
+    bool atomicReplace = false;      // a rename replaces its target in one step
+    FilenameSensitivity sensitivity = FilenameSensitivity::CaseSensitive;
+    // The finest modification time the storage keeps.
+    std::chrono::nanoseconds timeResolution = std::chrono::nanoseconds(1);
+
+    bool has(ExtendedFeature feature) const noexcept { return (features & bit(feature)) != 0; }
+    ProviderCapabilities& with(ExtendedFeature feature) noexcept
+    {
+        features |= bit(feature);
+        return *this;
+    }
+    ProviderCapabilities& without(ExtendedFeature feature) noexcept
+    {
+        features &= ~bit(feature);
+        return *this;
+    }
+    static constexpr std::uint32_t bit(ExtendedFeature feature) noexcept
+    {
+        return std::uint32_t{1} << static_cast<std::uint32_t>(feature);
+    }
+};
+
+struct PollingSlot;
+
 // The one interface a storage backend implements. Every operation names its subject by a
 // StorageIRI; StorageItem pairs a provider with a location and forwards to these.
+//
+// The public operations are a non-virtual front: each checks its locations against capabilities()
+// (scheme, authority, nesting, a path, no NUL) and refuses what the capabilities rule out, then
+// calls the protected do* member that the backend implements. A backend therefore sees only
+// locations of its own shape. What follows from other answers (fileExists, folderExists, the path
+// comparator, hasFeature, polling through the shared ChangePoller) has a default; optional
+// operations default to UnsupportedOperation (or ChangeEventsNotSupportedException).
 //
 // Contract for implementations:
 // - Thread-safe: one provider object serves many threads at once.
@@ -25,109 +79,118 @@ namespace foundation::storage::provider {
 //   errno, std::system_error or return code. "Not found" is exactly ResourceNotFound: a missing
 //   location, a missing parent, and a location of the other kind (a file where a folder is asked
 //   for, or the reverse; context "not-a-file" / "not-a-folder").
-// - Locations of a scheme, authority or shape the provider does not serve, and paths holding NUL,
-//   are refused with InvalidLocation.
 // - Changes on a read-only storage fail with ReadOnlyProvider (or PermissionDenied where the storage
 //   says so); a full storage with NoSpaceLeft; nothing already stored is lost or half-written.
 // - Callbacks (progress, change events) are never invoked while a provider lock is held.
+// - A backend that may be polled calls endPolling() first thing in its destructor, so that no
+//   polling runs while its members go.
 class VFS_EXPORT IProvider {
 public:
-    IProvider() = default;
+    IProvider();
     IProvider(const IProvider&) = delete;
     IProvider& operator=(const IProvider&) = delete;
     virtual ~IProvider();
 
+    // What this provider serves and can do (may change with configure()).
+    virtual ProviderCapabilities capabilities() const = 0;
+    // Refuses with InvalidLocation (contexts "wrong-scheme", "nested-iri", "no-inner-iri",
+    // "no-volume", "non-local-authority", "no-path", "nul-in-name") a location this provider does
+    // not serve.
+    void checkLocation(const StorageIRI& location) const;
+    void checkLocation(const StorageIRI& location, const ProviderCapabilities& capabilities) const;
+
     // ---- existence and kind --------------------------------------------------------------------
     // What is at `location`, links followed. A missing location (or one below a file) answers
     // NotFound; other failures (permission, invalid location) throw.
-    virtual ExistenceType exists(const StorageIRI& location) const = 0;
+    ExistenceType exists(const StorageIRI& location) const;
     // As exists(), but links are reported as links (LinkToFile, LinkToFolder, BrokenLink) and
     // devices, FIFOs and sockets as Special.
-    virtual ExistenceTypeExtended existsExtended(const StorageIRI& location) const = 0;
+    ExistenceTypeExtended existsExtended(const StorageIRI& location) const;
     // Whether the provider implements `feature` natively at `location`.
-    virtual bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const = 0;
+    bool hasFeature(const StorageIRI& location, ExtendedFeature feature) const;
     // True exactly when a file (resp. folder) is there, links followed; false when nothing or the
     // other kind is there.
-    virtual bool fileExists(const StorageIRI& location) const = 0;
-    virtual bool folderExists(const StorageIRI& location) const = 0;
+    bool fileExists(const StorageIRI& location) const;
+    bool folderExists(const StorageIRI& location) const;
     // The location with links, case and relative segments resolved as the storage defines; the
     // location must exist (ResourceNotFound otherwise).
-    virtual StorageIRI getCanonicalLocation(const StorageIRI& location) const = 0;
+    StorageIRI getCanonicalLocation(const StorageIRI& location) const;
 
     // ---- attributes ----------------------------------------------------------------------------
-    virtual FileAttributes getFileAttributes(const StorageIRI& location) const = 0;
-    virtual FolderAttributes getFolderAttributes(const StorageIRI& location) const = 0;
+    FileAttributes getFileAttributes(const StorageIRI& location) const;
+    FolderAttributes getFolderAttributes(const StorageIRI& location) const;
     // Of a file or a folder.
-    virtual ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const = 0;
+    ExtendedAttributes getExtendedAttributes(const StorageIRI& location) const;
     // Of a file or a folder.
-    virtual void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const = 0;
+    void setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const;
     // Of a file or a folder: whether its content may be changed.
-    virtual void setWritable(const StorageIRI& location, bool writable) const = 0;
+    void setWritable(const StorageIRI& location, bool writable) const;
     // Cuts or extends (with zero bytes) an existing file.
-    virtual void truncateToSize(const StorageIRI& location, std::uint64_t size) const = 0;
+    void truncateToSize(const StorageIRI& location, std::uint64_t size) const;
 
     // ---- creation and removal ------------------------------------------------------------------
     // An empty file; ResourceAlreadyExists when anything is there, ResourceNotFound without parent.
-    virtual void createFile(const StorageIRI& location) const = 0;
-    virtual void removeFile(const StorageIRI& location) const = 0;
+    void createFile(const StorageIRI& location) const;
+    void removeFile(const StorageIRI& location) const;
     // ResourceAlreadyExists when anything is there, ResourceNotFound without parent.
-    virtual void createFolder(const StorageIRI& location) const = 0;
+    void createFolder(const StorageIRI& location) const;
     // Creates the missing ancestors too; succeeds when the folder already exists;
     // ResourceAlreadyExists when a file stands in the way.
-    virtual void createFolderRecursive(const StorageIRI& location) const = 0;
+    void createFolderRecursive(const StorageIRI& location) const;
     // An empty folder only: FolderNotEmpty otherwise.
-    virtual void removeFolder(const StorageIRI& location) const = 0;
+    void removeFolder(const StorageIRI& location) const;
     // The folder and everything below it. Only for providers with ExtendedFeature::RecursiveRemoval
     // (UnsupportedOperation otherwise). Links inside are removed, never followed.
-    virtual void removeFolderRecursively(const StorageIRI& location) const = 0;
+    void removeFolderRecursively(const StorageIRI& location) const;
 
     // ---- moving and copying --------------------------------------------------------------------
     // Renames within this provider. Policies: FailIfExists -> ResourceAlreadyExists when the target
     // exists; Replace and MergeCollectingFailures -> replace it; MergeFolders -> as Replace for files;
     // ReplaceIfNewer -> replace only when the source is newer, otherwise leave both untouched.
-    // A destination this provider does not serve: UnsupportedOperation.
-    virtual void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const = 0;
+    // A destination this provider does not serve: UnsupportedOperation ("cross-provider-move").
+    void moveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const;
     // Policies for folders: FailIfExists and Replace as for files (Replace succeeds only over an
     // empty folder: FolderNotEmpty otherwise); the merging policies are the library's business, a
     // provider reports ResourceAlreadyExists or FolderNotEmpty and the library falls back.
-    virtual void moveFolder(const StorageIRI& location, const StorageIRI& destination,
-                            ReplacementPolicy policy) const = 0;
-    // Copies a file's content (and writability) to `destination`, which may belong to another
-    // provider (then `destinationProvider` is that provider; a provider that cannot copy into it
-    // throws UnsupportedOperation). The target appears whole or not at all. Replacement policy as for
-    // moveFile; a skipped (ReplaceIfNewer) or cancelled copy answers NothingDone.
-    virtual TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
-                                       const StorageIRI& destination, const CopyFileOptions& options) const = 0;
+    void moveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const;
+    // Copies a file's content (and writability) to `destination` of `destinationProvider`. Within
+    // this very provider the backend copies natively; into any other provider the content goes
+    // through this provider's read stream into the other's transactional stream. The target
+    // appears whole or not at all. Replacement policy as for moveFile; a skipped (ReplaceIfNewer)
+    // or cancelled copy answers NothingDone.
+    TransactionStatus copyFile(const StorageIRI& location, const IProvider& destinationProvider,
+                               const StorageIRI& destination, const CopyFileOptions& options) const;
 
     // ---- listing -------------------------------------------------------------------------------
-    // The children of the folder at `location` (ResourceNotFound when it is none).
-    virtual std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const = 0;
+    // The children of the folder at `location` (ResourceNotFound when it is none). A recursive
+    // listing needs ExtendedFeature::RecursiveListing (UnsupportedOperation otherwise). A provider
+    // without the matching wildcard feature may ignore the pattern; the library filters again.
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& location, const ListOptions& options) const;
 
     // ---- byte streams --------------------------------------------------------------------------
     // Streams on the file at `location` (ResourceNotFound when none is there, or a folder); opening
     // failures are provider Exceptions, failures of the open stream ByteStreamFailures. A stream
     // stays usable after the provider object is released by everyone else.
     // Reading from the start; writes fail (PermissionDenied).
-    virtual std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const = 0;
+    std::unique_ptr<ByteStream> openReadOnlyStream(const StorageIRI& location) const;
     // Writing (and reading, with ByteStreamAccess::ReadWrite) from the start, as `options` say.
-    virtual std::unique_ptr<ByteStream> openStream(const StorageIRI& location,
-                                                   const ByteStreamOpenOptions& options) const = 0;
+    std::unique_ptr<ByteStream> openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const;
     // As openStream(), but the file takes what was written only on close(Commit), whole (see
     // TransactionalByteStream); with keepContent the stream starts with the file's content.
-    virtual std::unique_ptr<TransactionalByteStream> openTransactionalStream(
-        const StorageIRI& location, const ByteStreamOpenOptions& options) const = 0;
+    std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIRI& location,
+                                                                     const ByteStreamOpenOptions& options) const;
 
     // ---- the storage as a whole ----------------------------------------------------------------
     // Makes everything written below `location` durable.
-    virtual void flushFilesystem(const StorageIRI& location) const = 0;
-    virtual FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const = 0;
-    virtual PathComparatorFunction getPathComparator(const StorageIRI& location) const = 0;
-    virtual ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const = 0;
+    void flushFilesystem(const StorageIRI& location) const;
+    FilenameSensitivity getFilenameSensitivity(const StorageIRI& location) const;
+    PathComparatorFunction getPathComparator(const StorageIRI& location) const;
+    ProviderStorageInfo getProviderStorageInfo(const StorageIRI& location) const;
     // Applies provider settings (keys are the provider's own); an unknown key or a bad value is
     // refused with InvalidLocation naming it, leaving the settings unchanged.
-    virtual void configure(const boost::property_tree::ptree& settings) const = 0;
-    // Releases what the provider holds (watchers, memory volumes' content).
-    virtual void shutdown() const = 0;
+    void configure(const boost::property_tree::ptree& settings) const;
+    // Releases what the provider holds (watches, pollings, memory volumes' content).
+    void shutdown() const;
 
     // ---- change events -------------------------------------------------------------------------
     // A provider keeps at most one watch of each sort (file, folder, polling) per location: starting
@@ -141,20 +204,87 @@ public:
     // that cannot add this watch (a kernel limit reached) ChangeEventsSubscriptionException.
 
     // Reports changes of the file at `location`, also its replacement by another file.
-    virtual void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback,
-                                   const ChangeKinds& kinds) const = 0;
+    void publishFileEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds) const;
     // Reports changes of the folder at `location` and of its children; with Recursive (providers
     // with ExtendedFeature::RecursiveWatching only, UnsupportedOperation otherwise) of everything
     // below it, including folders created later.
-    virtual void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
-                                     RecursiveFileWatching recursive) const = 0;
-    virtual void stopPublishingFileEvents(const StorageIRI& location) const = 0;
-    virtual void stopPublishingFolderEvents(const StorageIRI& location) const = 0;
-    // Polls the folder at `location` every `interval` (see ChangePoller, which providers use).
-    virtual void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback,
-                                             const ChangeKinds& kinds, std::chrono::milliseconds interval,
-                                             RecursiveChangePolling recursive) const = 0;
-    virtual void stopChangePollingMechanism(const StorageIRI& location) const = 0;
+    void publishFolderEvents(const StorageIRI& location, ChangeEventCallback callback, const ChangeKinds& kinds,
+                             RecursiveFileWatching recursive) const;
+    void stopPublishingFileEvents(const StorageIRI& location) const;
+    void stopPublishingFolderEvents(const StorageIRI& location) const;
+    // Polls the folder at `location` every `interval` (see ChangePoller).
+    void startChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback,
+                                     const ChangeKinds& kinds, std::chrono::milliseconds interval,
+                                     RecursiveChangePolling recursive) const;
+    void stopChangePollingMechanism(const StorageIRI& location) const;
+
+protected:
+    // What a backend implements. Locations are already checked; a destination of a move or a copy
+    // is one this provider serves.
+    virtual ExistenceType doExists(const StorageIRI& location) const = 0;
+    virtual ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const = 0;
+    virtual FileAttributes doGetFileAttributes(const StorageIRI& location) const = 0;
+    virtual FolderAttributes doGetFolderAttributes(const StorageIRI& location) const = 0;
+    virtual void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const = 0;
+    virtual void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const = 0;
+    virtual void doCreateFile(const StorageIRI& location) const = 0;
+    virtual void doRemoveFile(const StorageIRI& location) const = 0;
+    virtual void doCreateFolder(const StorageIRI& location) const = 0;
+    virtual void doRemoveFolder(const StorageIRI& location) const = 0;
+    virtual void doMoveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const = 0;
+    virtual void doMoveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const = 0;
+    virtual std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& location, const ListOptions& options) const = 0;
+    virtual std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const = 0;
+    virtual std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const = 0;
+    virtual std::unique_ptr<TransactionalByteStream> doOpenTransactionalStream(const StorageIRI& location,
+                                                                               const ByteStreamOpenOptions& options) const = 0;
+    virtual ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& location) const = 0;
+
+    // Defaults derived from the answers above.
+    virtual bool doHasFeature(const StorageIRI& location, ExtendedFeature feature) const;
+    virtual bool doFileExists(const StorageIRI& location) const;
+    virtual bool doFolderExists(const StorageIRI& location) const;
+    // The location itself, once it is known to exist.
+    virtual StorageIRI doGetCanonicalLocation(const StorageIRI& location) const;
+    virtual FilenameSensitivity doGetFilenameSensitivity(const StorageIRI& location) const;
+    virtual PathComparatorFunction doGetPathComparator(const StorageIRI& location) const;
+    // Each missing ancestor made with doCreateFolder(), top down.
+    virtual void doCreateFolderRecursive(const StorageIRI& location) const;
+    // Within this provider: through its own streams.
+    virtual TransactionStatus doCopyFile(const StorageIRI& location, const StorageIRI& destination,
+                                         const CopyFileOptions& options) const;
+    // Through the shared ChangePoller.
+    virtual void doStartChangePollingMechanism(const StorageIRI& location, ChangeEventCallback callback,
+                                               const ChangeKinds& kinds, std::chrono::milliseconds interval,
+                                               RecursiveChangePolling recursive) const;
+    virtual void doStopChangePollingMechanism(const StorageIRI& location) const;
+
+    // Optional operations: UnsupportedOperation (the watches ChangeEventsNotSupportedException),
+    // except where a default does nothing as noted.
+    virtual ExtendedAttributes doGetExtendedAttributes(const StorageIRI& location) const;
+    virtual void doSetWritable(const StorageIRI& location, bool writable) const;
+    virtual void doRemoveFolderRecursively(const StorageIRI& location) const;
+    // Nothing to flush: checks the location exists.
+    virtual void doFlushFilesystem(const StorageIRI& location) const;
+    // Accepts an empty tree; refuses any key.
+    virtual void doConfigure(const boost::property_tree::ptree& settings) const;
+    // Nothing held.
+    virtual void doShutdown() const;
+    virtual void doPublishFileEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                     const ChangeKinds& kinds) const;
+    virtual void doPublishFolderEvents(const StorageIRI& location, ChangeEventCallback callback,
+                                       const ChangeKinds& kinds, RecursiveFileWatching recursive) const;
+    // Nothing to stop.
+    virtual void doStopPublishingFileEvents(const StorageIRI& location) const;
+    virtual void doStopPublishingFolderEvents(const StorageIRI& location) const;
+
+    // Ends every polling of the default poller; see the contract above.
+    void endPolling() const noexcept;
+
+private:
+    void checkDestination(const StorageIRI& destination, const ProviderCapabilities& capabilities) const;
+
+    std::unique_ptr<PollingSlot> m_polling;
 };
 
 namespace extensions {

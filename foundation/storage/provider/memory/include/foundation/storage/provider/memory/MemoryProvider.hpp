@@ -16,6 +16,8 @@ struct MemoryProviderOptions {
     std::uint64_t quotaBytes = std::numeric_limits<std::uint64_t>::max();
     // Every change fails with ReadOnlyProvider.
     bool readOnly = false;
+    // The scheme served: "mem", or another one an application registers for its own volumes.
+    ustring scheme = u"mem";
 };
 
 // An in-process file system serving mem://VOLUME/path IRIs, for tests and scratch data. Each
