@@ -168,9 +168,10 @@ std::size_t narrowAsciiPrefix(std::u16string_view text, char* to) noexcept
     return i;
 }
 
-} // namespace
-
-std::string ustring_to_utf8(std::u16string_view text)
+// UTF-8 of UTF-16 text; `onLoneSurrogate(out, unit, offset)` appends what stands for a lone
+// surrogate, or throws.
+template <class OnLoneSurrogate>
+std::string narrow(std::u16string_view text, OnLoneSurrogate onLoneSurrogate)
 {
     // The ASCII prefix (usually all of a path) narrows without a code point each.
     std::string out(text.size(), '\0');
@@ -179,22 +180,26 @@ std::string ustring_to_utf8(std::u16string_view text)
     while (i < text.size()) {
         const std::size_t at = i;
         char32_t c;
-        if (!nextUtf16(text, i, c))
-            throw conversion_error("lone surrogate in UTF-16 text", at);
-        appendUtf8(out, c);
+        if (nextUtf16(text, i, c))
+            appendUtf8(out, c);
+        else
+            onLoneSurrogate(out, text[at], at);
     }
     return out;
 }
 
+[[noreturn]] void throwLoneSurrogate(std::size_t at) { throw conversion_error("lone surrogate in UTF-16 text", at); }
+
+} // namespace
+
+std::string ustring_to_utf8(std::u16string_view text)
+{
+    return narrow(text, [](std::string&, char16_t, std::size_t at) { throwLoneSurrogate(at); });
+}
+
 std::string ustring_to_utf8_lossy(std::u16string_view text)
 {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
-        char32_t c;
-        appendUtf8(out, nextUtf16(text, i, c) ? c : replacement);
-    }
-    return out;
+    return narrow(text, [](std::string& out, char16_t, std::size_t) { appendUtf8(out, replacement); });
 }
 
 namespace {
@@ -300,20 +305,11 @@ ustring native_to_ustring(std::string_view bytes)
 
 std::string ustring_to_native(std::u16string_view text)
 {
-    std::string out(text.size(), '\0');
-    std::size_t i = narrowAsciiPrefix(text, out.data());
-    out.resize(i);
-    while (i < text.size()) {
-        const std::size_t at = i;
-        char32_t c;
-        if (nextUtf16(text, i, c))
-            appendUtf8(out, c);
-        else if (is_escaped_byte(text[at]))
-            out.push_back(static_cast<char>(text[at] - 0xDC00));
-        else
-            throw conversion_error("lone surrogate in UTF-16 text", at);
-    }
-    return out;
+    return narrow(text, [](std::string& out, char16_t unit, std::size_t at) {
+        if (!is_escaped_byte(unit))
+            throwLoneSurrogate(at);
+        out.push_back(static_cast<char>(unit - 0xDC00));
+    });
 }
 
 ustring canonical_native(std::u16string_view text) { return native_to_ustring(ustring_to_native(text)); }
@@ -337,7 +333,7 @@ std::u32string to_u32string(std::u16string_view text)
         const std::size_t at = i;
         char32_t c;
         if (!nextUtf16(text, i, c))
-            throw conversion_error("lone surrogate in UTF-16 text", at);
+            throwLoneSurrogate(at);
         out.push_back(c);
     }
     return out;
