@@ -131,8 +131,9 @@ namespace {
 
 bool isSchemeChar(char32_t c) noexcept { return fl::i18n::isalnum_ascii(c) || c == U'+' || c == U'-' || c == U'.'; }
 
-// Works on code points; recursion handles an outer scheme followed by an inner scheme-prefixed IRI.
-bool hasIRIPrefixAt(const std::u32string& text, std::size_t start)
+// Scheme characters are ASCII, so UTF-16 units serve; recursion handles an outer scheme followed by an
+// inner scheme-prefixed IRI.
+bool hasIRIPrefixAt(std::u16string_view text, std::size_t start) noexcept
 {
     const std::size_t size = text.size() - start;
     if (size < 4)
@@ -156,7 +157,11 @@ bool hasIRIPrefixAt(const std::u32string& text, std::size_t start)
 bool hasIRIPrefix(const ustring& text) noexcept
 {
     try {
-        return hasIRIPrefixAt(fl::i18n::to_u32string(text), 0);
+        // Units that stand for bytes of a name are text like any other; a lone surrogate of another
+        // kind fails the conversion, and that failure is reported below.
+        if (!fl::i18n::is_valid_native_utf16(text))
+            static_cast<void>(fl::i18n::to_u32string(text));
+        return hasIRIPrefixAt(text, 0);
     } catch (...) {
         auto& log = detail::logger();
         if (log.enabled(foundation::log::category_exception))
