@@ -49,6 +49,19 @@ std::string slurp(const fs::path& path)
     return text.str();
 }
 
+// The tool's argument vector: its path, then `arguments`, ending in a null; the pointers lead into
+// `storage`, which must outlive it.
+std::vector<char*> toolArgv(const std::vector<std::string>& arguments, std::vector<std::string>& storage)
+{
+    storage = {VFS_TOOL_PATH};
+    storage.insert(storage.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& argument : storage)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    return argv;
+}
+
 // The tool started with `arguments`, stdout and stderr captured in files (no pipe can fill up).
 class Started {
 public:
@@ -61,12 +74,8 @@ public:
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        std::vector<std::string> storage{VFS_TOOL_PATH};
-        storage.insert(storage.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (std::string& argument : storage)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
+        std::vector<std::string> storage;
+        std::vector<char*> argv = toolArgv(arguments, storage);
         const int spawned = posix_spawn(&m_pid, VFS_TOOL_PATH, &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         if (spawned != 0)
@@ -313,12 +322,8 @@ int vfsToolJailed(const fs::path& jail, const std::vector<std::string>& argument
             _exit(255);
         const int err = open("/err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(err, STDERR_FILENO);
-        std::vector<std::string> storage{VFS_TOOL_PATH};
-        storage.insert(storage.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (std::string& argument : storage)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
+        std::vector<std::string> storage;
+        std::vector<char*> argv = toolArgv(arguments, storage);
         execv(VFS_TOOL_PATH, argv.data());
         _exit(254);
     }
