@@ -403,7 +403,8 @@ TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
     EXPECT_TRUE(err == refusal || err.ends_with("\n" + refusal)) << err;
 }
 
-// A copy grants no more than the source did: bits within the umask, no set-ID bits of another owner.
+// A copy grants no more than the source did: bits within the umask, no set-ID bits of another owner;
+// folders of a tree keep theirs too (a private folder stays private).
 TEST_F(ToolTest, CopiesExposeNothing)
 {
     tree.writeFile("suid", "#!");
@@ -411,6 +412,11 @@ TEST_F(ToolTest, CopiesExposeNothing)
     tree.writeFile("open", "o");
     fs::permissions(at("open"), static_cast<fs::perms>(0666));
     const bool root = geteuid() == 0 && chown(at("suid").c_str(), 65534, 65534) == 0;
+    tree.writeFile("private/shut/f", "p");
+    fs::permissions(at("private"), static_cast<fs::perms>(0700));
+    fs::permissions(at("private/shut"), static_cast<fs::perms>(0500));
+    fs::create_directory(at("shared"));
+    fs::permissions(at("shared"), static_cast<fs::perms>(0777));
     struct Case {
         std::string source;
         mode_t umask;
@@ -420,17 +426,22 @@ TEST_F(ToolTest, CopiesExposeNothing)
         {"open", 077, 0600},
         {"open", 022, 0644},
         {"suid", 022, root ? 0755u : 06755u},
+        {"private", 022, 0700},
+        {"private/shut", 022, 0500},
+        {"shared", 027, 0750},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.source);
         const mode_t previous = umask(c.umask);
-        const Outcome run = vfsTool({"cp", at(c.source), at("copy-" + c.source)});
+        const std::string copy = "copy-" + c.source.substr(c.source.rfind('/') + 1);
+        const Outcome run = vfsTool({"cp", "-r", at(c.source), at(copy)});
         umask(previous);
         EXPECT_EQ(run.exitCode, 0) << run.err;
         struct stat info {};
-        ASSERT_EQ(stat(at("copy-" + c.source).c_str(), &info), 0);
+        ASSERT_EQ(stat(at(copy).c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 07777, c.expected);
-        fs::remove(at("copy-" + c.source));
+        fs::permissions(at(copy), fs::perms::owner_all, fs::perm_options::add);
+        fs::remove_all(at(copy));
     }
 }
 

@@ -48,6 +48,7 @@ StorageIRI childLocation(const StorageIRI& folder, ustring name)
 IFolderEntryIterator::~IFolderEntryIterator() = default;
 extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
+extensions::IFolderModeKeeping::~IFolderModeKeeping() = default;
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)
     : m_provider(std::move(provider)), m_location(std::move(location))

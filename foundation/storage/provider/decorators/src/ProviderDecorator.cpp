@@ -41,6 +41,24 @@ void ProviderDecorator::flushFilesystem()
         capable->flushFilesystem();
 }
 
+void ProviderDecorator::createFolderLike(const StorageIRI& location, const StorageIRI& model) const
+{
+    const auto* keeping = dynamic_cast<const extensions::IFolderModeKeeping*>(m_wrapped.get());
+    if (!keeping || !capabilities().writable) {
+        createFolder(location); // the front's checks and before()
+        return;
+    }
+    checkLocation(location);
+    before(ProviderOperation::CreateFolder, location);
+    keeping->createFolderLike(location, model);
+}
+
+void ProviderDecorator::finishFolderLike(const StorageIRI& location, const StorageIRI& model) const
+{
+    if (const auto* keeping = dynamic_cast<const extensions::IFolderModeKeeping*>(m_wrapped.get()))
+        keeping->finishFolderLike(location, model);
+}
+
 void ProviderDecorator::before(ProviderOperation, const StorageIRI&) const {}
 
 #define VFS_PROVIDER_DECORATOR_FORWARD(Enumerator, name, Result, Parameters, Arguments)                               \

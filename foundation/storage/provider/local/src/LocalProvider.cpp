@@ -144,7 +144,9 @@ private:
 
 // The provider keeps no state but its watcher and poller: every operation converts the IRI and asks
 // the kernel, so any number of threads may call it at once.
-class LocalProvider final : public IProvider, public extensions::IFlushableFilesystem {
+class LocalProvider final : public IProvider,
+                            public extensions::IFlushableFilesystem,
+                            public extensions::IFolderModeKeeping {
 public:
     ~LocalProvider() override { endPolling(); }
 
@@ -347,6 +349,37 @@ public:
         const std::string path = nativePath(location);
         if (::mkdir(path.c_str(), 0777) != 0)
             fail(errno, "mkdir", location);
+    }
+
+    mode_t modeOf(const StorageIRI& location) const
+    {
+        checkLocation(location);
+        struct stat info {};
+        const std::string path = nativePath(location);
+        if (::stat(path.c_str(), &info) != 0)
+            fail(errno, "stat", location);
+        return info.st_mode;
+    }
+
+    // The owner keeps full access while the copy adds children; mkdir applies the umask.
+    void createFolderLike(const StorageIRI& location, const StorageIRI& model) const override
+    {
+        checkLocation(location);
+        const mode_t bits = modeOf(model) & (0777 | S_ISVTX);
+        const std::string path = nativePath(location);
+        if (::mkdir(path.c_str(), bits | S_IRWXU) != 0)
+            fail(errno, "mkdir", location);
+    }
+
+    void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const override
+    {
+        checkLocation(location);
+        const mode_t withheld = S_IRWXU & ~modeOf(model);
+        if (withheld == 0)
+            return;
+        const std::string path = nativePath(location);
+        if (::chmod(path.c_str(), modeOf(location) & 07777 & ~withheld) != 0)
+            fail(errno, "chmod", location);
     }
 
     void doCreateFolderRecursive(const StorageIRI& location) const override

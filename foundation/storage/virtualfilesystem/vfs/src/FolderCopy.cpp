@@ -1,6 +1,7 @@
 #include "TreeVisitors.hpp"
 
 #include <foundation/storage/vfs/Folder.hpp>
+#include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/exception/get_error_info.hpp>
 #include <boost/exception/info.hpp>
@@ -17,6 +18,32 @@ namespace {
 using provider::ReplacementPolicy;
 
 bool isNotFound(const Exception& error) noexcept { return error.getErrorCode() == ErrorCode::ResourceNotFound; }
+
+// How the target's provider keeps a folder's permission bits, when the source is on that very
+// provider and it keeps any.
+const provider::extensions::IFolderModeKeeping* modeKeeping(const Folder& source, const Folder& target)
+{
+    const auto& provider = HandleAccess::liveItem(target).getProvider();
+    if (HandleAccess::liveItem(source).getProvider() != provider)
+        return nullptr;
+    return dynamic_cast<const provider::extensions::IFolderModeKeeping*>(provider.get());
+}
+
+// Makes the target folder, with the source's permission bits where the storage keeps them; true
+// when the copy must finish them once the folder is filled.
+bool createTargetFolder(const Folder& source, const Folder& target)
+{
+    const auto* keeping = modeKeeping(source, target);
+    if (!keeping) {
+        target.createFolder();
+        return false;
+    }
+    translated([&] {
+        keeping->createFolderLike(HandleAccess::liveItem(target).getLocation(),
+                                  HandleAccess::liveItem(source).getLocation());
+    });
+    return true;
+}
 
 } // namespace
 
@@ -55,17 +82,19 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
         }
     }
     Folder target = m_current ? Folder(*m_current, source.getName()) : m_destinationRoot;
+    bool made = false;
     if (!target.folderExists()) {
-        target.createFolder();
+        made = createTargetFolder(source, target);
     } else if (m_policy == ReplacementPolicy::FailIfExists) {
         boost::throw_exception(Exception(ErrorCode::ResourceAlreadyExists, target.getLocation()));
     } else if (m_policy == ReplacementPolicy::Replace) {
         // An existing non-empty folder makes the copy fail with FolderNotEmpty here.
         target.removeFolder(FolderRemovalPolicy::NonRecursive);
-        target.createFolder();
+        made = createTargetFolder(source, target);
     }
     m_current = std::move(target);
     m_entered.push_back(source.getLocation());
+    m_madeWithMode.push_back(made);
     ++m_progress.folders;
     return report();
 }
@@ -78,6 +107,7 @@ FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, con
     // The folder's visitAfter will not come: the copy goes back up from its target here.
     if (!m_entered.empty() && m_entered.back() == source.getLocation()) {
         m_entered.pop_back();
+        m_madeWithMode.pop_back();
         if (!(*m_current == m_destinationRoot))
             m_current = m_current->getParent();
     }
@@ -133,11 +163,21 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
 {
     const Folder target = *m_current;
-    if (!m_entered.empty())
+    bool madeWithMode = false;
+    if (!m_entered.empty()) {
         m_entered.pop_back();
+        madeWithMode = m_madeWithMode.back();
+        m_madeWithMode.pop_back();
+    }
     if (!(target == m_destinationRoot))
         m_current = target.getParent();
     try {
+        if (madeWithMode)
+            translated([&] {
+                modeKeeping(source, target)
+                    ->finishFolderLike(HandleAccess::liveItem(target).getLocation(),
+                                       HandleAccess::liveItem(source).getLocation());
+            });
         target.setLastModified(source.getAttributes().getLastModified());
     } catch (const Exception& error) {
         if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))

@@ -38,6 +38,7 @@ private:
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
     std::vector<AbsoluteIRI> m_entered; // the source folders whose targets m_current goes down through
+    std::vector<bool> m_madeWithMode;   // for each of m_entered: its target awaits finishFolderLike()
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
     std::vector<Exception> m_collected;

@@ -306,6 +306,20 @@ public:
     virtual void flushFilesystem() = 0;
 };
 
+// A provider whose folders carry permission bits that a tree copy keeps, as `cp -r` does: a private
+// folder's copy stays private. The copy makes each folder with createFolderLike() and, once its
+// children are in, calls finishFolderLike().
+class VFS_EXPORT IFolderModeKeeping {
+public:
+    virtual ~IFolderModeKeeping();
+    // Creates the folder `location` with the permission bits of the folder `model` (of this provider)
+    // within the umask, set-user-ID and set-group-ID dropped, and full access for its owner while
+    // the copy fills it. Fails as createFolder() does.
+    virtual void createFolderLike(const StorageIRI& location, const StorageIRI& model) const = 0;
+    // Takes back the owner's access that `model` does not grant.
+    virtual void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const = 0;
+};
+
 } // namespace extensions
 
 } // namespace foundation::storage::provider

@@ -19,12 +19,14 @@ namespace foundation::storage::provider::decorators {
 // operations); a stream keeps its decorator alive when the decorator is owned by a shared_ptr, and
 // must not outlive it otherwise. The capabilities are the wrapped provider's.
 //
-// The optional interfaces (extensions::IInvalidatable, extensions::IFlushableFilesystem) are passed
-// through to the wrapped provider when it has them, and do nothing when it has not, so a decorated
-// provider offers exactly what the wrapped one does.
+// The optional interfaces (extensions::IInvalidatable, extensions::IFlushableFilesystem,
+// extensions::IFolderModeKeeping) are passed through to the wrapped provider when it has them; when
+// it has not they do nothing (a folder is then made by createFolder()), so a decorated provider
+// offers exactly what the wrapped one does. A folder made like another counts as a CreateFolder.
 class VFS_EXPORT ProviderDecorator : public IProvider,
                                      public extensions::IInvalidatable,
                                      public extensions::IFlushableFilesystem,
+                                     public extensions::IFolderModeKeeping,
                                      public std::enable_shared_from_this<ProviderDecorator> {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
@@ -37,6 +39,8 @@ public:
     void invalidate(const StorageIRI& location) override;
     void flushFilesystem() override;
     using IProvider::flushFilesystem;
+    void createFolderLike(const StorageIRI& location, const StorageIRI& model) const override;
+    void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const override;
 
 protected:
     // Called before each operation is forwarded; may throw to make the operation fail.
