@@ -47,14 +47,14 @@ public:
 
     // Trees are built through the provider itself, so a provider that cannot create what its
     // tests need fails here first.
-    StorageIRI makeFolder(const ustring& relative) const
+    virtual StorageIRI makeFolder(const ustring& relative) const
     {
         const StorageIRI location(root(), relative);
         provider()->createFolderRecursive(location);
         return location;
     }
     // A file at `relative` below root() (missing folders on the way too), `size` zero bytes long.
-    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
+    virtual StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
     {
         const StorageIRI location(root(), relative);
         provider()->createFolderRecursive(location.getParent());
@@ -99,6 +99,14 @@ private:
     StorageIRI m_root{u"mem://harness/"};
 };
 
+} // namespace vfs_test
+
+#ifdef VFS_TEST_ARCHIVE
+#include "ArchiveHarness.hpp"
+#endif
+
+namespace vfs_test {
+
 struct ProviderUnderTest {
     std::string name;
     std::function<std::unique_ptr<ProviderHarness>()> make;
@@ -110,6 +118,10 @@ inline std::vector<ProviderUnderTest> allProviders()
     return {
         {"Local", [] { return std::make_unique<LocalHarness>(); }},
         {"Memory", [] { return std::make_unique<MemoryHarness>(); }},
+#ifdef VFS_TEST_ARCHIVE
+        {"Zip", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Zip, "deflate", {}}); }},
+        {"Tar", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Tar, "", {}}); }},
+#endif
     };
 }
 
