@@ -17,6 +17,13 @@
 namespace vfs_test {
 
 // A memory provider for mem: and `archive` for its own scheme: what a storage system would resolve.
+inline provider::archive::ArchiveProviderOptions archiveOptions(provider::archive::ArchiveFormat format)
+{
+    provider::archive::ArchiveProviderOptions options;
+    options.format = format;
+    return options;
+}
+
 inline provider::ProviderContext archiveContext(std::shared_ptr<provider::IProvider> memory,
                                                 std::shared_ptr<std::weak_ptr<provider::IProvider>> archive)
 {
@@ -45,7 +52,7 @@ public:
     {
         const auto format = m_recipe.kind == ArchiveRecipe::Kind::Zip ? provider::archive::ArchiveFormat::Zip
                                                                       : provider::archive::ArchiveFormat::Tar;
-        m_provider = provider::archive::makeArchiveProvider(archiveContext(m_memory, m_self), {format});
+        m_provider = provider::archive::makeArchiveProvider(archiveContext(m_memory, m_self), archiveOptions(format));
         *m_self = m_provider;
         m_root = StorageIRI(format == provider::archive::ArchiveFormat::Zip ? u"zip" : u"tar", m_container, u"/");
         rebuild();
