@@ -66,7 +66,7 @@ inline std::string makeArchive(const std::vector<ArchiveItem>& items, const Arch
         archive_entry_set_filetype(entry, item.content ? AE_IFREG : AE_IFDIR);
         archive_entry_set_perm(entry, item.content ? 0644 : 0755);
         archive_entry_set_size(entry, item.content ? static_cast<la_int64_t>(item.content->size()) : 0);
-        archive_entry_set_mtime(entry, 1700000000, 0);
+        archive_entry_set_mtime(entry, std::time(nullptr), 0);
         const int status = archive_write_header(writer, entry);
         archive_entry_free(entry);
         check(status);

@@ -170,7 +170,7 @@ inline std::string providerName(const testing::TestParamInfo<ProviderUnderTest>&
 // Locations no provider of this library serves.
 inline std::vector<StorageIRI> foreignLocations(const StorageIRI& root)
 {
-    return {StorageIRI(u"bogus://volume/a"), StorageIRI(u"http://example.com/a"), StorageIRI(u"zip", root, u"/a")};
+    return {StorageIRI(u"bogus://volume/a"), StorageIRI(u"http://example.com/a"), StorageIRI(root.getScheme() == u"zip" ? u"tar" : u"zip", root, u"/a")};
 }
 
 // The provider exception `call` throws; nullopt when it returns normally. Other exceptions pass.

@@ -31,14 +31,21 @@ bool hiddenName(const ustring& name)
     return !name.empty() && name.front() == u'.';
 }
 
+// Writability is the entry's own, as archived (the owner's write bit), so that a copy out of the
+// archive gets the permissions it was packed with; the storage itself refuses every change.
+bool writableEntry(const Node& node)
+{
+    return !node.mode || (*node.mode & 0200) != 0;
+}
+
 FileAttributes fileAttributes(const Node& node, const ustring& name)
 {
-    return FileAttributes(node.size, node.modified, false, false, hiddenName(name));
+    return FileAttributes(node.size, node.modified, writableEntry(node), false, hiddenName(name));
 }
 
 FolderAttributes folderAttributes(const Node& node, const ustring& name)
 {
-    return FolderAttributes(node.modified, false, false, hiddenName(name));
+    return FolderAttributes(node.modified, writableEntry(node), false, hiddenName(name));
 }
 
 // A listing taken at once from the index; clones share it.

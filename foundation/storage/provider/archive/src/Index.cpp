@@ -6,7 +6,8 @@ namespace foundation::storage::provider::archive::detail {
 
 namespace {
 
-// The segments of an entry name, cleaned; nullopt when the entry must stay unreachable.
+// The segments of an entry name, cleaned; nullopt when the entry must stay unreachable. A backslash
+// is a character of a name, as on POSIX: "..\\x" is a plain name inside its folder.
 std::optional<std::vector<ustring>> cleanName(std::string_view raw)
 {
     if (raw.find('\0') != std::string_view::npos)
@@ -21,15 +22,8 @@ std::optional<std::vector<ustring>> cleanName(std::string_view raw)
         start = end + 1;
         if (segment.empty() || segment == ".")
             continue;
-        // A climbing segment written with backslashes is as hostile as one written with slashes.
-        for (std::size_t from = 0;;) {
-            const std::size_t to = segment.find('\\', from);
-            if (segment.substr(from, to == std::string_view::npos ? std::string_view::npos : to - from) == "..")
-                return std::nullopt;
-            if (to == std::string_view::npos)
-                break;
-            from = to + 1;
-        }
+        if (segment == "..")
+            return std::nullopt;
         segments.push_back(fl::i18n::native_to_ustring(segment));
     }
     return segments;

@@ -46,7 +46,7 @@ public:
 
     // Adds an entry under its name as the archive spells it (bytes, UTF-8 where the archive says
     // so). Names are cleaned: leading '/', empty and '.' segments dropped; a name with a ".."
-    // segment (also between backslashes) or a NUL is left out. A later entry replaces an earlier
+    // segment or a NUL is left out. A later entry replaces an earlier
     // one of the same path; a file never replaces a folder that holds entries, and a file that stands
     // where a later entry needs a folder becomes that folder.
     void add(std::string_view rawName, bool folder, std::uint64_t size, boost::posix_time::ptime modified,

@@ -33,7 +33,7 @@ struct ArchiveProviderOptions {
 // Each container is indexed once (path -> entry) and the index is shared by every thread; it is
 // rebuilt when the container's size or modification time changes. Folders that entries imply are
 // folders. Names are cleaned as an extracting tool would: leading '/' dropped, empty and '.'
-// segments collapsed; an entry with a ".." segment (also between backslashes) or a NUL is left out,
+// segments collapsed; an entry with a ".." segment or a NUL is left out,
 // so nothing is reachable outside the archive. Of two entries with one path the later one wins; a
 // file whose path is also a folder of other entries is left out. Links and special files are left
 // out. Every change answers ReadOnlyProvider.
