@@ -135,6 +135,14 @@ private:
     StorageIRI m_root{u"mem://harness/"};
 };
 
+} // namespace vfs_test
+
+#ifdef VFS_TEST_ARCHIVE
+#include "ArchiveHarness.hpp"
+#endif
+
+namespace vfs_test {
+
 struct ProviderUnderTest {
     std::string name;
     std::function<std::unique_ptr<ProviderHarness>()> make;
@@ -147,6 +155,10 @@ inline std::vector<ProviderUnderTest> allProviders()
         {"Local", [] { return std::make_unique<LocalHarness>(); }},
         {"Memory", [] { return std::make_unique<MemoryHarness>(); }},
         {"ReadOnlyMemory", [] { return std::make_unique<ReadOnlyMemoryHarness>(); }},
+#ifdef VFS_TEST_ARCHIVE
+        {"Zip", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Zip, "deflate", {}}); }},
+        {"Tar", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Tar, "", {}}); }},
+#endif
     };
 }
 
@@ -158,7 +170,7 @@ inline std::string providerName(const testing::TestParamInfo<ProviderUnderTest>&
 // Locations no provider of this library serves.
 inline std::vector<StorageIRI> foreignLocations(const StorageIRI& root)
 {
-    return {StorageIRI(u"bogus://volume/a"), StorageIRI(u"http://example.com/a"), StorageIRI(u"zip", root, u"/a")};
+    return {StorageIRI(u"bogus://volume/a"), StorageIRI(u"http://example.com/a"), StorageIRI(root.getScheme() == u"zip" ? u"tar" : u"zip", root, u"/a")};
 }
 
 // The provider exception `call` throws; nullopt when it returns normally. Other exceptions pass.

@@ -1,5 +1,8 @@
 #include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
+#ifdef VFS_WITH_ARCHIVE_PROVIDER
+#include <foundation/storage/provider/archive/ArchiveProvider.hpp>
+#endif
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
@@ -121,6 +124,10 @@ DefaultStorageSystem::DefaultStorageSystem(DefaultStorageSystemOptions options) 
     m_state->schemes[u"mem"].factory = [memory](const provider::ProviderContext&) {
         return provider::memory::makeMemoryProvider(memory);
     };
+#ifdef VFS_WITH_ARCHIVE_PROVIDER
+    m_state->schemes[u"zip"].factory = [](const provider::ProviderContext& context) { return provider::archive::makeZipProvider(context); };
+    m_state->schemes[u"tar"].factory = [](const provider::ProviderContext& context) { return provider::archive::makeTarProvider(context); };
+#endif
 }
 
 DefaultStorageSystem::~DefaultStorageSystem() = default;

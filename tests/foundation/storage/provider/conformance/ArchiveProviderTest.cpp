@@ -1,0 +1,205 @@
+// What only the archive providers have: hostile names and containers, an expansion limit,
+// encryption, seeking in compressed entries, nesting, faults of the container's stream, and one
+// index shared by many threads. Their ordinary behaviour is the kit's.
+
+#ifdef VFS_TEST_ARCHIVE
+
+#include <ProviderHarness.hpp>
+#include <Threads.hpp>
+
+#include <foundation/storage/provider/decorators/FaultInjectingProvider.hpp>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+using namespace vfs_test;
+using provider::ErrorCode;
+using provider::archive::ArchiveFormat;
+using Kind = ArchiveRecipe::Kind;
+
+// zip:, tar: and mem: as a storage system would serve them, the memory volume `box` holding the
+// containers.
+struct Storages {
+    std::shared_ptr<provider::IProvider> memory = provider::memory::makeMemoryProvider();
+    std::shared_ptr<provider::IProvider> zip, tar;
+    explicit Storages(std::shared_ptr<provider::IProvider> containers = nullptr)
+    {
+        const auto held = containers ? containers : memory;
+        const auto resolve = [this, held](const StorageIRI& location) {
+            return location.getScheme() == u"zip" ? zip : location.getScheme() == u"tar" ? tar : held;
+        };
+        zip = provider::archive::makeArchiveProvider({resolve}, archiveOptions(ArchiveFormat::Zip));
+        tar = provider::archive::makeArchiveProvider({resolve}, archiveOptions(ArchiveFormat::Tar));
+    }
+    ~Storages() { zip.reset(), tar.reset(); } // the resolvers hold `this`, not the providers
+    StorageIRI put(const ustring& name, const std::string& bytes) const
+    {
+        const StorageIRI location(u"mem://box/" + name);
+        storeBytes(*memory, location, bytes);
+        return location;
+    }
+    std::string read(const StorageIRI& location) const
+    {
+        const auto in = (location.getScheme() == u"zip" ? zip : tar)->openReadOnlyStream(location);
+        std::string content(1 << 16, '\0'), all;
+        for (std::streamsize got; (got = in->read(content.data(), static_cast<std::streamsize>(content.size()))) > 0;)
+            all.append(content, 0, static_cast<std::size_t>(got));
+        return all;
+    }
+};
+
+std::string randomBytes(std::size_t size, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (auto& byte : bytes)
+        byte = static_cast<char>(random() % 7 == 0 ? random() : 'a' + random() % 4); // compressible, not trivially
+    return bytes;
+}
+
+TEST(ArchiveProviderTest, HostileNamesStayInsideAndDuplicatesResolveAsDocumented)
+{
+    for (const Kind kind : {Kind::Zip, Kind::Tar}) {
+        Storages s;
+        const std::string archive = makeArchive({{"../../etc/passwd", "x"}, {"/etc/passwd", "abs"}, {"a/../../b", "x"},
+                                                 {"..\\..\\plain", "x"}, {"./ok//f.txt", "ok"},
+                                                 {"dup", "first"}, {"dup", "second!"}, {"x", "file"}, {"x/y", "in"}},
+                                                {kind, kind == Kind::Zip ? "deflate" : "", {}});
+        const StorageIRI root(kind == Kind::Zip ? u"zip" : u"tar", s.put(u"h", archive), u"/");
+        const auto& storage = kind == Kind::Zip ? *s.zip : *s.tar;
+        using Tree = std::map<ustring, std::optional<std::uint64_t>>;
+        EXPECT_EQ(treeOf(storage, root), (Tree{{u"..\\..\\plain", 1}, {u"dup", 7}, {u"etc", std::nullopt}, {u"etc/passwd", 3},
+                                               {u"ok", std::nullopt}, {u"ok/f.txt", 2}, {u"x", std::nullopt}, {u"x/y", 2}}));
+        EXPECT_EQ(s.read(StorageIRI(root, u"dup")), "second!");
+    }
+}
+
+TEST(ArchiveProviderTest, BadContainersFailNamingTheContainerAndBombsStopAtTheLimit)
+{
+    Storages s;
+    const std::string zip = makeArchive({{"f", randomBytes(100000, 1)}});
+    const std::string targz = makeArchive({{"f", randomBytes(100000, 2)}}, {Kind::Tar, "gzip", {}});
+    const struct {
+        const char* name;
+        std::string bytes;
+        Kind kind;
+    } rows[] = {{"not an archive", "hello, world", Kind::Zip}, {"empty", "", Kind::Zip},
+                {"truncated zip", zip.substr(0, zip.size() - 30), Kind::Zip}, {"not a tar", std::string(700, 'x'), Kind::Tar},
+                {"truncated tar.gz", targz.substr(0, targz.size() / 2), Kind::Tar}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const StorageIRI container = s.put(u"bad", row.bytes);
+        const StorageIRI entry(row.kind == Kind::Zip ? u"zip" : u"tar", container, u"/f");
+        const auto& storage = row.kind == Kind::Zip ? *s.zip : *s.tar;
+        EXPECT_TRUE(failsWith([&] { storage.exists(entry); if (row.kind == Kind::Tar) s.read(entry); }, ErrorCode::IOError, container))
+            << row.name;
+    }
+    EXPECT_TRUE(failsWith([&] { s.zip->exists(StorageIRI(u"zip:mem://box/none!/f")); }, ErrorCode::ResourceNotFound,
+                          StorageIRI(u"mem://box/none"), "container"));
+
+    const StorageIRI bomb(u"zip", s.put(u"bomb.zip", makeArchive({{"zeros", std::string(1 << 20, '\0')}})), u"/zeros");
+    boost::property_tree::ptree limit;
+    limit.put("expansionLimitBytes", "65536");
+    s.zip->configure(limit);
+    EXPECT_TRUE(failsWith([&] { s.zip->openReadOnlyStream(bomb); }, ErrorCode::NoSpaceLeft, bomb, "expansion-limit"));
+    const StorageIRI target(u"mem://out/zeros");
+    EXPECT_TRUE(failsWith([&] { s.zip->copyFile(bomb, *s.memory, target, {}); }, ErrorCode::NoSpaceLeft, bomb));
+    EXPECT_EQ(s.memory->exists(target), provider::ExistenceType::NotFound);
+}
+
+TEST(ArchiveProviderTest, EncryptedEntriesNeedThePassphrase)
+{
+    Storages s;
+    const StorageIRI secret(u"zip", s.put(u"e.zip", makeArchive({{"s", "secret"}}, {Kind::Zip, "deflate", "pw"})), u"/s");
+    EXPECT_TRUE(failsWith([&] { s.read(secret); }, ErrorCode::PermissionDenied, secret));
+    boost::property_tree::ptree settings;
+    settings.put("passphrase", "pw");
+    s.zip->configure(settings);
+    EXPECT_EQ(s.read(secret), "secret");
+}
+
+TEST(ArchiveProviderTest, RandomSeeksReadTheSourceBytesInEveryEntryShape)
+{
+    Storages s;
+    const std::string source = randomBytes(3 << 20, 3);
+    const StorageIRI entries[] = {
+        StorageIRI(u"zip", s.put(u"d.zip", makeArchive({{"f", source}})), u"/f"),
+        StorageIRI(u"zip", s.put(u"s.zip", makeArchive({{"f", source}}, {Kind::Zip, "store", {}})), u"/f"),
+        StorageIRI(u"tar", s.put(u"t.tar", makeArchive({{"f", source}}, {Kind::Tar, "", {}})), u"/f"),
+        StorageIRI(u"tar", s.put(u"t.tar.xz", makeArchive({{"f", source}}, {Kind::Tar, "xz", {}})), u"/f"),
+    };
+    std::mt19937 random(4);
+    for (const StorageIRI& entry : entries) {
+        SCOPED_TRACE(text(entry));
+        const auto in = (entry.getScheme() == u"zip" ? s.zip : s.tar)->openReadOnlyStream(entry);
+        std::string chunk(5000, '\0');
+        for (int i = 0; i < 60; ++i) {
+            const auto at = static_cast<std::streamoff>(random() % source.size());
+            // Mostly short hops forward, sometimes far away in either direction.
+            ASSERT_EQ(in->seek(at, std::ios_base::beg), at);
+            const std::streamsize got = in->read(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+            ASSERT_EQ(chunk.substr(0, static_cast<std::size_t>(got)), source.substr(static_cast<std::size_t>(at), chunk.size()));
+        }
+    }
+}
+
+TEST(ArchiveProviderTest, ArchivesNestInArchivesAndInAnyStorage)
+{
+    Storages s;
+    const std::string inner = makeArchive({{"deep/x.txt", "nested"}});
+    s.put(u"outer.zip", makeArchive({{"inner.zip", inner}, {"stored/inner.zip", inner}}, {Kind::Zip, "deflate", {}}));
+    s.put(u"outer.tgz", makeArchive({{"in/inner.zip", inner}}, {Kind::Tar, "gzip", {}}));
+    for (const ustring iri : {u"zip:zip:mem://box/outer.zip!/inner.zip!/deep/x.txt", u"zip:zip:mem://box/outer.zip!/stored/inner.zip!/deep/x.txt",
+                              u"zip:tar:mem://box/outer.tgz!/in/inner.zip!/deep/x.txt"})
+        EXPECT_EQ(s.read(StorageIRI(iri)), "nested") << fl::i18n::ustring_to_utf8(iri);
+}
+
+TEST(ArchiveProviderTest, FaultsOfTheContainerStreamReachTheCallerAsTheirOwnFailures)
+{
+    auto faulty = std::make_shared<provider::decorators::FaultInjectingProvider>(provider::memory::makeMemoryProvider());
+    Storages s(faulty);
+    const StorageIRI container(u"mem://box/f.zip");
+    storeBytes(*faulty, container, makeArchive({{"f", randomBytes(2 << 20, 5)}}));
+    const StorageIRI entry(u"zip", container, u"/f");
+    using Op = provider::decorators::ProviderOperation;
+    const auto fault = faulty->addFault({Op::StreamRead, std::nullopt, ErrorCode::IOError, provider::decorators::FaultInjectingProvider::Trigger::Once});
+    EXPECT_TRUE(failsWith([&] { s.zip->exists(entry); }, ErrorCode::IOError, container, "container-read"));
+    faulty->removeFault(fault);
+    const auto in = s.zip->openReadOnlyStream(entry);
+    faulty->addFault({Op::StreamRead, std::nullopt, ErrorCode::PermissionDenied, provider::decorators::FaultInjectingProvider::Trigger::Always});
+    std::string chunk(2 << 20, '\0'); // more than the cached blocks hold
+    const auto failure = thrown<provider::ByteStreamReadFailure>([&] {
+        while (in->read(chunk.data(), 2 << 20) > 0) {
+        }
+    });
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->getErrorCode(), ErrorCode::PermissionDenied);
+}
+
+TEST(ArchiveProviderTest, OneIndexServesManyThreadsWhileTheContainerChanges)
+{
+    Storages s;
+    const std::string versions[] = {makeArchive({{"a/f", "one"}, {"b", "1"}}), makeArchive({{"a/f", "two!"}, {"b", "2"}})};
+    const StorageIRI file(u"zip", s.put(u"c.zip", versions[0]), u"/a/f");
+    std::vector<std::function<void()>> tasks(3, [&] {
+        for (int i = 0; i < 40; ++i) {
+            const std::string content = s.read(file);
+            EXPECT_TRUE(content == "one" || content == "two!") << content;
+            EXPECT_EQ(listedEntries(*s.zip, file.getParent().getParent(), makeListOptions(provider::ListKind::All, true, {}, true)).size(), 3u);
+        }
+    });
+    tasks.push_back([&] {
+        for (int i = 0; i < 20; ++i)
+            s.put(u"c.zip", versions[i % 2]);
+    });
+    runTogether(tasks);
+}
+
+} // namespace
+
+#endif

@@ -1,0 +1,105 @@
+#pragma once
+
+// The zip: and tar: providers in the kit: read-only storages whose trees the harness stages and
+// then rebuilds the container from, in a memory volume, on each makeFile()/makeFolder().
+
+#include "ArchiveFixtures.hpp"
+
+#include <foundation/storage/provider/archive/ArchiveProvider.hpp>
+#include <foundation/storage/provider/memory/MemoryProvider.hpp>
+
+#include <fl/i18n/ustring.hpp>
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace vfs_test {
+
+// A memory provider for mem: and `archive` for its own scheme: what a storage system would resolve.
+inline provider::archive::ArchiveProviderOptions archiveOptions(provider::archive::ArchiveFormat format)
+{
+    provider::archive::ArchiveProviderOptions options;
+    options.format = format;
+    return options;
+}
+
+inline provider::ProviderContext archiveContext(std::shared_ptr<provider::IProvider> memory,
+                                                std::shared_ptr<std::weak_ptr<provider::IProvider>> archive)
+{
+    return {[memory, archive](const StorageIRI& location) -> std::shared_ptr<provider::IProvider> {
+        if (location.getScheme() == u"mem")
+            return memory;
+        if (auto self = archive->lock(); self && location.getScheme() == self->capabilities().scheme)
+            return self;
+        provider::throwProviderError(provider::ErrorCode::UnsupportedOperation, location, {provider::ExceptionContext(u"resolve")});
+    }};
+}
+
+// Writes `bytes` as the file at `location`, whole.
+inline void storeBytes(const provider::IProvider& storage, const StorageIRI& location, const std::string& bytes)
+{
+    storage.createFolderRecursive(location.getParent());
+    const auto out = storage.openTransactionalStream(location, {provider::ByteStreamAccess::Write,
+                                                                provider::ByteStreamCreation::CreateIfMissing, 0, 1});
+    out->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out->close(provider::StreamClosePolicy::Commit);
+}
+
+class ArchiveHarness final : public ProviderHarness {
+public:
+    explicit ArchiveHarness(ArchiveRecipe recipe) : m_recipe(std::move(recipe))
+    {
+        const auto format = m_recipe.kind == ArchiveRecipe::Kind::Zip ? provider::archive::ArchiveFormat::Zip
+                                                                      : provider::archive::ArchiveFormat::Tar;
+        m_provider = provider::archive::makeArchiveProvider(archiveContext(m_memory, m_self), archiveOptions(format));
+        *m_self = m_provider;
+        m_root = StorageIRI(format == provider::archive::ArchiveFormat::Zip ? u"zip" : u"tar", m_container, u"/");
+        rebuild();
+    }
+
+    std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
+    StorageIRI root() const override { return m_root; }
+    std::vector<StorageIRI> malformedLocations() const override
+    {
+        return {StorageIRI(m_root.getScheme() + u":///a"), StorageIRI(m_root, ustring(u"a\0b", 3))};
+    }
+    StorageIRI makeFolder(const ustring& relative) const override
+    {
+        stage(relative, std::nullopt);
+        rebuild();
+        return StorageIRI(m_root, relative);
+    }
+    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const override
+    {
+        stage(relative, std::string(size, '\0'));
+        rebuild();
+        return StorageIRI(m_root, relative);
+    }
+
+private:
+    void stage(const ustring& relative, std::optional<std::string> content) const
+    {
+        const std::string path = fl::i18n::ustring_to_utf8(StorageIRI(m_root, relative).getPath()).substr(1);
+        for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1))
+            m_staged.try_emplace(path.substr(0, slash), std::nullopt);
+        m_staged[path] = std::move(content);
+    }
+    void rebuild() const
+    {
+        std::vector<ArchiveItem> items;
+        for (const auto& [name, content] : m_staged)
+            items.push_back({content ? name : name + "/", content});
+        storeBytes(*m_memory, m_container, makeArchive(items, m_recipe));
+    }
+
+    ArchiveRecipe m_recipe;
+    std::shared_ptr<provider::IProvider> m_memory = provider::memory::makeMemoryProvider();
+    std::shared_ptr<std::weak_ptr<provider::IProvider>> m_self = std::make_shared<std::weak_ptr<provider::IProvider>>();
+    std::shared_ptr<provider::IProvider> m_provider;
+    StorageIRI m_container{u"mem://box/c.archive"};
+    StorageIRI m_root;
+    mutable std::map<std::string, std::optional<std::string>> m_staged;
+};
+
+} // namespace vfs_test
