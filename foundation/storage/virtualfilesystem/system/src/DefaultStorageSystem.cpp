@@ -1,5 +1,8 @@
 #include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
+#ifdef VFS_WITH_SFTP
+#include <foundation/storage/provider/sftp/SftpProvider.hpp>
+#endif
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
@@ -121,6 +124,9 @@ DefaultStorageSystem::DefaultStorageSystem(DefaultStorageSystemOptions options) 
     m_state->schemes[u"mem"].factory = [memory](const provider::ProviderContext&) {
         return provider::memory::makeMemoryProvider(memory);
     };
+#ifdef VFS_WITH_SFTP
+    m_state->schemes[u"sftp"].factory = [](const provider::ProviderContext&) { return provider::sftp::makeSftpProvider(); };
+#endif
 }
 
 DefaultStorageSystem::~DefaultStorageSystem() = default;
