@@ -3,17 +3,30 @@
 #   sshd-fixture.sh start DIR   host and user keys, a config on 127.0.0.1 and a free high port,
 #                               known_hosts, and DIR/env (SFTP_HOST, SFTP_PORT, SFTP_USER,
 #                               SFTP_KEY, SFTP_KNOWN_HOSTS, SFTP_PIDFILE) for the tests
+#   sshd-fixture.sh drop DIR    ends its sessions (their processes, children of the listener)
+#                               and keeps it listening
 #   sshd-fixture.sh stop DIR    ends that server (and its sessions) by the pid it recorded
 set -euo pipefail
 action=${1:?start or stop}
 dir=${2:?folder}
 
+# The sessions are children of the listener (a monitor each, with the session below it): found
+# by parent pid, never by name.
+drop() {
+  [ -f "$dir/sshd.pid" ] || return 0
+  local pid child grandchild
+  pid=$(cat "$dir/sshd.pid")
+  for child in $(ps -o pid= --ppid "$pid" 2>/dev/null); do
+    for grandchild in $(ps -o pid= --ppid "$child" 2>/dev/null); do kill -9 "$grandchild" 2>/dev/null || true; done
+    kill -9 "$child" 2>/dev/null || true
+  done
+}
+
 stop() {
   [ -f "$dir/sshd.pid" ] || return 0
   local pid
   pid=$(cat "$dir/sshd.pid")
-  # The sessions are children of the listener: end them too, by parent pid.
-  for child in $(ps -o pid= --ppid "$pid" 2>/dev/null); do kill "$child" 2>/dev/null || true; done
+  drop
   kill "$pid" 2>/dev/null || true
   for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
   rm -f "$dir/sshd.pid" "$dir/env"
@@ -66,6 +79,7 @@ ENV
 
 case "$action" in
   start) start ;;
+  drop) drop ;;
   stop) stop ;;
-  *) echo "usage: $0 start|stop DIR" >&2; exit 2 ;;
+  *) echo "usage: $0 start|drop|stop DIR" >&2; exit 2 ;;
 esac
