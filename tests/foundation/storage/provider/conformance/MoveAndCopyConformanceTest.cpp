@@ -81,6 +81,7 @@ std::string describe(const OverExistingFile& c)
 
 TEST_P(MoveAndCopyConformance, MovesToAFreeNameTakeAttributesAndContentAlongUnderEveryPolicy)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFolder(u"elsewhere");
     int index = 0;
     for (const ReplacementPolicy policy : allPolicies) {
@@ -107,6 +108,7 @@ TEST_P(MoveAndCopyConformance, MovesToAFreeNameTakeAttributesAndContentAlongUnde
 
 TEST_P(MoveAndCopyConformance, MoveAndCopyOntoAFileFollowThePolicy)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     int index = 0;
     for (const bool moving : {true, false}) {
         for (const OverExistingFile& c : overExistingFile) {
@@ -138,6 +140,7 @@ TEST_P(MoveAndCopyConformance, MoveAndCopyOntoAFileFollowThePolicy)
 
 TEST_P(MoveAndCopyConformance, MoveFolderOntoAFolderFollowsThePolicy)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     struct Case {
         const char* name;
         ReplacementPolicy policy;
@@ -183,6 +186,7 @@ TEST_P(MoveAndCopyConformance, MoveFolderOntoAFolderFollowsThePolicy)
 
 TEST_P(MoveAndCopyConformance, MoveAndCopyFailuresReportCodeAndLocationAndLeaveTheTreeAlone)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt", 3);
     const StorageIRI folder = makeFolder(u"folder");
     makeFile(u"folder/inner/deep.txt", 1);
@@ -254,6 +258,7 @@ TEST_P(MoveAndCopyConformance, MovingOrCopyingOntoItselfLosesNothing)
 
 TEST_P(MoveAndCopyConformance, CopyFileCopiesSizeAndWritabilityAndKeepsTheSource)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     struct Case {
         const char16_t* name;
         std::uint64_t size;
@@ -276,6 +281,7 @@ TEST_P(MoveAndCopyConformance, CopyFileCopiesSizeAndWritabilityAndKeepsTheSource
 
 TEST_P(MoveAndCopyConformance, CopyFileReportsProgressUpToTheTotal)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     constexpr std::uint64_t size = (3u << 20) + 12345;
     const StorageIRI source = makeFile(u"source.bin", size);
     std::vector<std::pair<std::uint64_t, std::uint64_t>> calls;
@@ -298,6 +304,7 @@ TEST_P(MoveAndCopyConformance, CopyFileReportsProgressUpToTheTotal)
 
 TEST_P(MoveAndCopyConformance, ACancelledCopyLeavesNoTargetAndKeepsAReplacedOne)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     constexpr std::uint64_t size = 3u << 20;
     const StorageIRI source = makeFile(u"source.bin", size);
     const StorageIRI existing = makeFile(u"existing.bin", 5);
@@ -322,6 +329,7 @@ TEST_P(MoveAndCopyConformance, ACancelledCopyLeavesNoTargetAndKeepsAReplacedOne)
 
 TEST_P(MoveAndCopyConformance, CopyToAnotherProviderWritesThroughItsTransactionalStream)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt");
     {
         const auto out = provider->openStream(file, {});
