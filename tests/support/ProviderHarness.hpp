@@ -12,6 +12,9 @@
 #include <foundation/storage/provider/decorators/FeatureMaskingProvider.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
+#ifdef VFS_TEST_SFTP
+#include <foundation/storage/provider/sftp/SftpProvider.hpp>
+#endif
 
 #include <fl/i18n/ustring.hpp>
 
@@ -19,6 +22,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <istream>
 #include <map>
@@ -101,6 +106,61 @@ private:
     StorageIRI m_root{u"mem://harness/"};
 };
 
+#ifdef VFS_TEST_SFTP
+// The OpenSSH server the test fixture started (tests/servers/sshd-fixture.sh), as its env file
+// (named by VFS_SFTP_FIXTURE) describes it; nullopt when that file is absent.
+struct SftpServer {
+    std::map<std::string, std::string> values;
+    const std::string& operator[](const std::string& key) const { return values.at(key); }
+    // sftp://USER@HOST:PORT/
+    ustring base() const { return fl::i18n::utf8_to_ustring("sftp://" + values.at("SFTP_USER") + "@" + values.at("SFTP_HOST") + ":" + values.at("SFTP_PORT") + "/"); }
+    // Key file and known_hosts of the fixture, nothing of the user's own.
+    provider::sftp::SftpProviderOptions options() const
+    {
+        provider::sftp::SftpProviderOptions options;
+        options.identityFile = values.at("SFTP_KEY");
+        options.knownHostsFile = values.at("SFTP_KNOWN_HOSTS");
+        options.useAgent = false;
+        return options;
+    }
+};
+
+inline std::optional<SftpServer> sftpServer(const char* file = std::getenv("VFS_SFTP_FIXTURE"))
+{
+    std::ifstream in(file ? file : "");
+    if (!in)
+        return std::nullopt;
+    SftpServer server;
+    for (std::string line; std::getline(in, line);)
+        if (const auto equals = line.find('='); equals != std::string::npos)
+            server.values[line.substr(0, equals)] = line.substr(equals + 1);
+    return server;
+}
+
+// A fresh local folder, reached over SFTP on the loopback server.
+class SftpHarness final : public ProviderHarness {
+public:
+    explicit SftpHarness(const SftpServer& server)
+        : m_provider(provider::sftp::makeSftpProvider(server.options())),
+          m_root(StorageIRI(server.base()), fl::i18n::utf8_to_ustring(m_dir.path().string() + "/"))
+    {
+    }
+
+    std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
+    StorageIRI root() const override { return m_root; }
+    std::vector<StorageIRI> malformedLocations() const override
+    {
+        return {StorageIRI(u"sftp:///tmp/a"), StorageIRI(m_root, ustring(u"a\0b", 3))};
+    }
+    const TempDir& dir() const noexcept { return m_dir; }
+
+private:
+    TempDir m_dir;
+    std::shared_ptr<provider::IProvider> m_provider;
+    StorageIRI m_root;
+};
+#endif
+
 // The memory provider seen through FeatureMaskingProvider as a read-only storage without native
 // recursion or watching: the suites' skips and the library's fallbacks run against it. Trees are
 // built on the unmasked provider underneath.
@@ -151,7 +211,7 @@ struct ProviderUnderTest {
 
 inline std::vector<ProviderUnderTest> allProviders()
 {
-    return {
+    std::vector<ProviderUnderTest> providers{
         {"Local", [] { return std::make_unique<LocalHarness>(); }},
         {"Memory", [] { return std::make_unique<MemoryHarness>(); }},
         {"ReadOnlyMemory", [] { return std::make_unique<ReadOnlyMemoryHarness>(); }},
@@ -160,6 +220,11 @@ inline std::vector<ProviderUnderTest> allProviders()
         {"Tar", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Tar, "", {}}); }},
 #endif
     };
+#ifdef VFS_TEST_SFTP
+    if (const auto server = sftpServer())
+        providers.push_back({"Sftp", [server = *server] { return std::make_unique<SftpHarness>(server); }});
+#endif
+    return providers;
 }
 
 inline std::string providerName(const testing::TestParamInfo<ProviderUnderTest>& info)

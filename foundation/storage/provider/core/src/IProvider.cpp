@@ -377,7 +377,7 @@ void IProvider::doCreateFolderRecursive(const StorageIRI& location) const
         if (there == ExistenceType::Folder)
             break;
         if (there == ExistenceType::File)
-            throwProviderError(ErrorCode::ResourceAlreadyExists, at, {ExceptionContext(u"createFolderRecursive"), ExceptionContext(u"not-a-folder")});
+            throwProviderError(ErrorCode::ResourceAlreadyExists, location, {ExceptionContext(u"createFolderRecursive"), ExceptionContext(u"not-a-folder")});
         missing.push_back(at);
         if (!at.hasParent())
             break;

@@ -3,6 +3,9 @@
 #ifdef VFS_WITH_ARCHIVE_PROVIDER
 #include <foundation/storage/provider/archive/ArchiveProvider.hpp>
 #endif
+#ifdef VFS_WITH_SFTP
+#include <foundation/storage/provider/sftp/SftpProvider.hpp>
+#endif
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
@@ -127,6 +130,9 @@ DefaultStorageSystem::DefaultStorageSystem(DefaultStorageSystemOptions options) 
 #ifdef VFS_WITH_ARCHIVE_PROVIDER
     m_state->schemes[u"zip"].factory = [](const provider::ProviderContext& context) { return provider::archive::makeZipProvider(context); };
     m_state->schemes[u"tar"].factory = [](const provider::ProviderContext& context) { return provider::archive::makeTarProvider(context); };
+#endif
+#ifdef VFS_WITH_SFTP
+    m_state->schemes[u"sftp"].factory = [](const provider::ProviderContext&) { return provider::sftp::makeSftpProvider(); };
 #endif
 }
 

@@ -27,8 +27,9 @@ struct DefaultStorageSystemOptions {
 // serves (for a provider that reads its container through another provider).
 using ProviderFactory = std::function<std::shared_ptr<provider::IProvider>(const provider::ProviderContext& context)>;
 
-// A ready storage system: file:/// on the local disk and mem://VOLUME/ in process memory (each
-// instance has its own volumes), and whatever scheme an application registers. Any other scheme
+// A ready storage system: file:/// on the local disk, mem://VOLUME/ in process memory (each
+// instance has its own volumes), sftp://user@host/ over SSH when the library is built with it, and
+// whatever scheme an application registers. Any other scheme
 // throws UnsupportedIRISchemeException. Providers are built once, on first use, and shared by every
 // handle. It owns an event manager, into which the change events of its files and folders are
 // published (see Events.hpp). Thread-safe.
