@@ -9,28 +9,17 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 #include <sys/xattr.h>
 
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <set>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -8,15 +8,8 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
-#include <map>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
 
 namespace {
 

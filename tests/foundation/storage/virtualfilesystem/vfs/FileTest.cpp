@@ -28,22 +28,6 @@ void makeFile(const File& file, std::uint64_t size = 0, std::optional<ptime> mod
         file.setLastModified(*modified);
 }
 
-class FileTest : public vfs_test::OnEachScheme {};
-INSTANTIATE_TEST_SUITE_P(Providers, FileTest, testing::Values("file", "mem"), vfs_test::schemeName);
-
-TEST_P(FileTest, ChildOfAFolderSharesItsStorageSystemAndRefusesEscapingNames)
-{
-    const File child(work.root(), u"x/y.txt");
-    EXPECT_EQ(child.getLocation(), work.location(u"x/y.txt"));
-    EXPECT_EQ(child.getName(), u"y.txt");
-    EXPECT_TRUE(child.getStorageSystem() == storage.ref);
-    EXPECT_EQ(child.getParent(), work.folder(u"x"));
-    EXPECT_TRUE(child.getParent().getStorageSystem() == storage.ref);
-
-    for (const ustring& bad : {ustring(u""), ustring(u"/etc/passwd"), ustring(u"../out"), ustring(u"a\0b", 3)})
-        EXPECT_EQ(failure([&] { File(work.root(), bad); }).first, ErrorCode::InvalidLocation);
-}
-
 // Records the replacement policy of every copy and move it forwards.
 class PolicyRecorder : public provider::decorators::ProviderDecorator {
 public:

@@ -241,7 +241,7 @@ TYPED_TEST(HandleValueTest, EqualByLocationAloneWhileCopiesAndSwapsCarryStorageA
     EXPECT_EQ(text.str(), "mem://v/caf\xc3\xa9%201");
 }
 
-TEST(FolderValueTest, ChildrenAndParentsShareTheStorageSystem)
+TEST(HandleChildTest, ChildrenAndParentsShareTheStorageSystemAndEscapingNamesAreRefused)
 {
     vfs_test::DecoratedStorage first, second;
     const Folder root(AbsoluteIRI(u"mem://v/"), first.ref);
@@ -252,7 +252,16 @@ TEST(FolderValueTest, ChildrenAndParentsShareTheStorageSystem)
     EXPECT_EQ(child.getName(), u"q");
     EXPECT_EQ(child.getParent(), Folder(AbsoluteIRI(u"mem://v/p"), second.ref));
     EXPECT_TRUE(child.getParent().getStorageSystem() == first.ref);
+
+    const File file(child, u"x/y.txt");
+    EXPECT_EQ(file.getLocation(), AbsoluteIRI(u"mem://v/p/q/x/y.txt"));
+    EXPECT_EQ(file.getName(), u"y.txt");
+    EXPECT_TRUE(file.getStorageSystem() == first.ref);
+    EXPECT_EQ(file.getParent(), Folder(child, u"x"));
+    EXPECT_TRUE(file.getParent().getStorageSystem() == first.ref);
     EXPECT_EQ(codeOf([&] { Folder(root, u"../up"); }), ErrorCode::InvalidLocation);
+    for (const ustring& bad : {ustring(u""), ustring(u"/etc/passwd"), ustring(u"../out"), ustring(u"a\0b", 3)})
+        EXPECT_EQ(codeOf([&] { File(root, bad); }), ErrorCode::InvalidLocation);
 }
 
 TEST(CanonicalHandleTest, ACanonicalHandleNeverAsksTheProviderButItsChildAndParentDo)
