@@ -155,7 +155,7 @@ TEST(FileValueTest, OutlivesItsStorageSystemForWhatNeedsNoStorage)
     EXPECT_TRUE(file.getStorageSystem() == ref);
     EXPECT_EQ(vfs_test::whatOf<std::runtime_error>([&] { File(AbsoluteIRI(u"mem://v/b"), ref); }),
               "StorageSystem has been destroyed");
-    EXPECT_THROW(File(AbsoluteIRI(u"zip:mem://v/a.zip!/x"), vfs_test::DecoratedStorage().ref),
+    EXPECT_THROW(File(AbsoluteIRI(u"rar:mem://v/a.rar!/x"), vfs_test::DecoratedStorage().ref),
                  vfs::UnsupportedIRISchemeException);
 }
 
