@@ -1,5 +1,8 @@
 #include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
+#ifdef VFS_WITH_S3
+#include <foundation/storage/provider/s3/S3Provider.hpp>
+#endif
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
@@ -121,6 +124,9 @@ DefaultStorageSystem::DefaultStorageSystem(DefaultStorageSystemOptions options) 
     m_state->schemes[u"mem"].factory = [memory](const provider::ProviderContext&) {
         return provider::memory::makeMemoryProvider(memory);
     };
+#ifdef VFS_WITH_S3
+    m_state->schemes[u"s3"].factory = [](const provider::ProviderContext&) { return provider::s3::makeS3Provider(); };
+#endif
 }
 
 DefaultStorageSystem::~DefaultStorageSystem() = default;

@@ -169,7 +169,10 @@ TEST(DefaultStorageSystemTest, ApplicationsRegisterSchemesWhoseProvidersReachOth
     });
     for (const ustring refused : {u"mem", u"BOX", u"", u"1x", u"a b"}) // taken, or not a scheme name
         EXPECT_THROW(system->registerScheme(refused, [](auto&) { return nullptr; }), std::invalid_argument);
-    EXPECT_EQ(system->schemes(), (std::vector<ustring>{u"box", u"file", u"mem"}));
+    // Besides those built in: s3 where the build has it.
+    std::vector<ustring> schemes = system->schemes();
+    std::erase(schemes, u"s3");
+    EXPECT_EQ(schemes, (std::vector<ustring>{u"box", u"file", u"mem"}));
 
     const vfs::Folder box(AbsoluteIRI{u"box://v/"}, ref);
     vfs::File(box, u"made.txt").createFile();
