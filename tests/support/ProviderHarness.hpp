@@ -9,6 +9,7 @@
 
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
+#include <foundation/storage/provider/decorators/FeatureMaskingProvider.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #include <foundation/storage/provider/memory/MemoryProvider.hpp>
 
@@ -34,6 +35,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -57,15 +59,15 @@ public:
     virtual std::vector<StorageIRI> malformedLocations() const = 0;
 
     // Trees are built through the provider itself, so a provider that cannot create what its
-    // tests need fails here first.
-    StorageIRI makeFolder(const ustring& relative) const
+    // tests need fails here first. A read-only storage's harness builds them behind its back.
+    virtual StorageIRI makeFolder(const ustring& relative) const
     {
         const StorageIRI location(root(), relative);
         provider()->createFolderRecursive(location);
         return location;
     }
     // A file at `relative` below root() (missing folders on the way too), `size` zero bytes long.
-    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
+    virtual StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
     {
         const StorageIRI location(root(), relative);
         provider()->createFolderRecursive(location.getParent());
@@ -165,6 +167,39 @@ private:
     StorageIRI m_root;
 };
 #endif
+// The memory provider seen through FeatureMaskingProvider as a read-only storage without native
+// recursion or watching: the suites' skips and the library's fallbacks run against it. Trees are
+// built on the unmasked provider underneath.
+class ReadOnlyMemoryHarness final : public ProviderHarness {
+public:
+    std::shared_ptr<provider::IProvider> provider() const override { return m_masked; }
+    StorageIRI root() const override { return m_root; }
+    std::vector<StorageIRI> malformedLocations() const override { return {StorageIRI(u"mem:///a")}; }
+    StorageIRI makeFolder(const ustring& relative) const override
+    {
+        const StorageIRI location(m_root, relative);
+        m_memory->createFolderRecursive(location);
+        return location;
+    }
+    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const override
+    {
+        const StorageIRI location(m_root, relative);
+        m_memory->createFolderRecursive(location.getParent());
+        m_memory->createFile(location);
+        if (size != 0)
+            m_memory->truncateToSize(location, size);
+        return location;
+    }
+
+private:
+    std::shared_ptr<provider::IProvider> m_memory = provider::memory::makeMemoryProvider();
+    std::shared_ptr<provider::IProvider> m_masked = std::make_shared<provider::decorators::FeatureMaskingProvider>(
+        m_memory,
+        std::set{provider::ExtendedFeature::RecursiveListing, provider::ExtendedFeature::RecursiveRemoval,
+                 provider::ExtendedFeature::RecursiveWildcardListing, provider::ExtendedFeature::RecursiveWatching},
+        std::set{provider::decorators::HiddenAbility::Writing, provider::decorators::HiddenAbility::Watching});
+    StorageIRI m_root{u"mem://harness/"};
+};
 
 struct ProviderUnderTest {
     std::string name;
@@ -177,6 +212,7 @@ inline std::vector<ProviderUnderTest> allProviders()
     std::vector<ProviderUnderTest> providers{
         {"Local", [] { return std::make_unique<LocalHarness>(); }},
         {"Memory", [] { return std::make_unique<MemoryHarness>(); }},
+        {"ReadOnlyMemory", [] { return std::make_unique<ReadOnlyMemoryHarness>(); }},
     };
 #ifdef VFS_TEST_S3
     providers.push_back({"S3", [] { return std::make_unique<S3Harness>(); }});
@@ -310,11 +346,20 @@ protected:
     StorageIRI makeFolder(const ustring& relative) const { return harness->makeFolder(relative); }
     std::map<ustring, std::optional<std::uint64_t>> tree() const { return treeOf(*provider, root); }
     bool hasFeature(provider::ExtendedFeature feature) const { return provider->hasFeature(root, feature); }
+    provider::ProviderCapabilities capabilities() const { return provider->capabilities(); }
+    bool writable() const { return capabilities().writable; }
 
     const std::unique_ptr<ProviderHarness> harness = GetParam().make();
     const std::shared_ptr<provider::IProvider> provider = harness->provider();
     const StorageIRI root = harness->root();
 };
+
+// Skips the rest of a test (with the reason printed) on a provider that lacks what it needs.
+#define VFS_SKIP_UNLESS(condition, reason)                                                                              \
+    do {                                                                                                               \
+        if (!(condition))                                                                                              \
+            GTEST_SKIP() << (reason);                                                                                  \
+    } while (false)
 
 // The context keys in order, as UTF-8, for readable comparisons.
 inline std::vector<std::string> contextKeys(const provider::Exception& error)

@@ -27,7 +27,23 @@ namespace {
     throwProviderError(ErrorCode::UnsupportedOperation, location, {ExceptionContext(operation), ExceptionContext(why)});
 }
 
+// Changes to a read-only storage never reach the backend.
+void refuseOnReadOnly(const StorageIRI& location, const ProviderCapabilities& capabilities, const char16_t* operation)
+{
+    if (!capabilities.writable)
+        throwProviderError(ErrorCode::ReadOnlyProvider, location,
+                           {ExceptionContext(operation), ExceptionContext(u"read-only")});
+}
+
 } // namespace
+
+// A location of this provider that a change may touch.
+void IProvider::checkChange(const StorageIRI& location, const char16_t* operation) const
+{
+    const ProviderCapabilities capabilities = this->capabilities();
+    checkLocation(location, capabilities);
+    refuseOnReadOnly(location, capabilities, operation);
+}
 
 IProvider::IProvider() : m_polling(std::make_unique<PollingSlot>()) {}
 
@@ -135,49 +151,54 @@ ExtendedAttributes IProvider::getExtendedAttributes(const StorageIRI& location) 
 
 void IProvider::setLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const
 {
-    checkLocation(location);
+    checkChange(location, u"setLastModified");
     doSetLastModified(location, time);
 }
 
 void IProvider::setWritable(const StorageIRI& location, bool writable) const
 {
-    checkLocation(location);
+    checkChange(location, u"setWritable");
     doSetWritable(location, writable);
 }
 
 void IProvider::truncateToSize(const StorageIRI& location, std::uint64_t size) const
 {
-    checkLocation(location);
+    checkChange(location, u"truncateToSize");
     doTruncateToSize(location, size);
 }
 
 void IProvider::createFile(const StorageIRI& location) const
 {
-    checkLocation(location);
+    checkChange(location, u"createFile");
     doCreateFile(location);
 }
 
 void IProvider::removeFile(const StorageIRI& location) const
 {
-    checkLocation(location);
+    checkChange(location, u"removeFile");
     doRemoveFile(location);
 }
 
 void IProvider::createFolder(const StorageIRI& location) const
 {
-    checkLocation(location);
+    checkChange(location, u"createFolder");
     doCreateFolder(location);
 }
 
 void IProvider::createFolderRecursive(const StorageIRI& location) const
 {
-    checkLocation(location);
+    const ProviderCapabilities capabilities = this->capabilities();
+    checkLocation(location, capabilities);
+    // An existing folder needs no change, so a read-only storage accepts it.
+    if (!capabilities.writable && doFolderExists(location))
+        return;
+    refuseOnReadOnly(location, capabilities, u"createFolderRecursive");
     doCreateFolderRecursive(location);
 }
 
 void IProvider::removeFolder(const StorageIRI& location) const
 {
-    checkLocation(location);
+    checkChange(location, u"removeFolder");
     doRemoveFolder(location);
 }
 
@@ -185,6 +206,7 @@ void IProvider::removeFolderRecursively(const StorageIRI& location) const
 {
     const ProviderCapabilities capabilities = this->capabilities();
     checkLocation(location, capabilities);
+    refuseOnReadOnly(location, capabilities, u"removeFolderRecursively");
     if (!capabilities.has(ExtendedFeature::RecursiveRemoval))
         unsupported(location, u"removeFolderRecursively", u"no-recursive-removal");
     doRemoveFolderRecursively(location);
@@ -195,6 +217,7 @@ void IProvider::moveFile(const StorageIRI& location, const StorageIRI& destinati
     const ProviderCapabilities capabilities = this->capabilities();
     checkLocation(location, capabilities);
     checkDestination(destination, capabilities);
+    refuseOnReadOnly(location, capabilities, u"moveFile");
     doMoveFile(location, destination, policy);
 }
 
@@ -203,6 +226,7 @@ void IProvider::moveFolder(const StorageIRI& location, const StorageIRI& destina
     const ProviderCapabilities capabilities = this->capabilities();
     checkLocation(location, capabilities);
     checkDestination(destination, capabilities);
+    refuseOnReadOnly(location, capabilities, u"moveFolder");
     doMoveFolder(location, destination, policy);
 }
 
@@ -212,7 +236,7 @@ TransactionStatus IProvider::copyFile(const StorageIRI& location, const IProvide
     checkLocation(location);
     if (&destinationProvider != this)
         return copyFileThroughStreams(*this, location, destinationProvider, destination, options);
-    checkLocation(destination);
+    checkChange(destination, u"copyFile");
     return doCopyFile(location, destination, options);
 }
 
@@ -233,14 +257,14 @@ std::unique_ptr<ByteStream> IProvider::openReadOnlyStream(const StorageIRI& loca
 
 std::unique_ptr<ByteStream> IProvider::openStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const
 {
-    checkLocation(location);
+    checkChange(location, u"openStream");
     return doOpenStream(location, options);
 }
 
 std::unique_ptr<TransactionalByteStream> IProvider::openTransactionalStream(const StorageIRI& location,
                                                                             const ByteStreamOpenOptions& options) const
 {
-    checkLocation(location);
+    checkChange(location, u"openTransactionalStream");
     return doOpenTransactionalStream(location, options);
 }
 

@@ -2,8 +2,9 @@
 
 namespace foundation::storage::provider::decorators {
 
-FeatureMaskingProvider::FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden)
-    : ProviderDecorator(std::move(wrapped)), m_hidden(std::move(hidden))
+FeatureMaskingProvider::FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden,
+                                               std::set<HiddenAbility> hiddenAbilities)
+    : ProviderDecorator(std::move(wrapped)), m_hidden(std::move(hidden)), m_hiddenAbilities(std::move(hiddenAbilities))
 {
 }
 
@@ -12,6 +13,8 @@ ProviderCapabilities FeatureMaskingProvider::capabilities() const
     ProviderCapabilities capabilities = ProviderDecorator::capabilities();
     for (const ExtendedFeature feature : m_hidden)
         capabilities.without(feature);
+    capabilities.writable = capabilities.writable && !m_hiddenAbilities.contains(HiddenAbility::Writing);
+    capabilities.watching = capabilities.watching && !m_hiddenAbilities.contains(HiddenAbility::Watching);
     return capabilities;
 }
 

@@ -234,6 +234,8 @@ public:
             .with(ExtendedFeature::RecursiveListing)
             .with(ExtendedFeature::FlatWildcardListing);
         capabilities.atomicReplace = false; // a move is a copy and a delete
+        capabilities.settableTimes = false;
+        capabilities.settableWritability = false;
         capabilities.timeResolution = std::chrono::seconds(1);
         return capabilities;
     }

@@ -38,6 +38,7 @@ protected:
 
 TEST_P(ChangeEventsConformance, FolderWatchReportsItsChildrenInOrderAndPairsRenames)
 {
+    VFS_SKIP_UNLESS(capabilities().watching && writable(), "no watching, or read-only storage");
     makeFolder(u"sub");
     ChangeRecorder recorder;
     watch(recorder, root, RecursiveFileWatching::NonRecursive);
@@ -76,6 +77,7 @@ TEST_P(ChangeEventsConformance, FolderWatchReportsItsChildrenInOrderAndPairsRena
 // file, a transactional stream's commit creates or modifies it at once.
 TEST_P(ChangeEventsConformance, StreamWritesAreReportedAsChanges)
 {
+    VFS_SKIP_UNLESS(capabilities().watching && writable(), "no watching, or read-only storage");
     makeFile(u"kept");
     ChangeRecorder recorder;
     watch(recorder, root, RecursiveFileWatching::NonRecursive);
@@ -95,6 +97,7 @@ TEST_P(ChangeEventsConformance, StreamWritesAreReportedAsChanges)
 
 TEST_P(ChangeEventsConformance, RecursiveWatchFollowsFoldersCreatedAndMovedInLater)
 {
+    VFS_SKIP_UNLESS(capabilities().watching && writable(), "no watching, or read-only storage");
     ASSERT_TRUE(hasFeature(provider::ExtendedFeature::RecursiveWatching));
     makeFile(u"old/x");
     makeFile(u"outside/moved/inner");
@@ -143,6 +146,7 @@ TEST_P(ChangeEventsConformance, RecursiveWatchFollowsFoldersCreatedAndMovedInLat
 // reports nothing more (shown by a later change that a live watch reports).
 TEST_P(ChangeEventsConformance, FileWatchKindsAndStopping)
 {
+    VFS_SKIP_UNLESS(capabilities().watching && writable(), "no watching, or read-only storage");
     const StorageIRI watchedFile = makeFile(u"f");
     makeFile(u"sibling");
     ChangeRecorder fileRecorder, removals, stopped, sentinel;
@@ -173,6 +177,7 @@ TEST_P(ChangeEventsConformance, FileWatchKindsAndStopping)
 
 TEST_P(ChangeEventsConformance, PollingSeesCreationChangeAndRemoval)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFile(u"kept");
     ChangeRecorder recorder;
     provider->startChangePollingMechanism(root, recorder.callback(), {}, std::chrono::milliseconds(10),
@@ -183,8 +188,14 @@ TEST_P(ChangeEventsConformance, PollingSeesCreationChangeAndRemoval)
     ASSERT_TRUE(recorder.waitForSequence({{Kind::Modified, "new", file}}));
     provider->moveFile(below(u"new"), below(u"renamed"), ReplacementPolicy::FailIfExists);
     provider->createFolder(below(u"dir"));
-    ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}, {Kind::Created, "renamed", file}}))
-        << testing::PrintToString(recorder.changes());
+    // A move that is a copy and a delete (not atomic) may be polled halfway: then the new name comes first.
+    if (capabilities().atomicReplace)
+        ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}, {Kind::Created, "renamed", file}}))
+            << testing::PrintToString(recorder.changes());
+    else
+        ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}}) &&
+                    recorder.waitForSequence({{Kind::Created, "renamed", file}}))
+            << testing::PrintToString(recorder.changes());
     ASSERT_TRUE(recorder.waitForSequence({{Kind::Created, "dir", folder}}));
     provider->stopChangePollingMechanism(root);
     const auto seen = recorder.changes().size();
@@ -207,12 +218,18 @@ TEST_P(ChangeEventsConformance, StartingAWatchWhereItCannotBeFails)
     const auto folderWatch = [&](const StorageIRI& at) {
         return [&, at] { watch(recorder, at, RecursiveFileWatching::NonRecursive); };
     };
+    if (!capabilities().watching) {
+        EXPECT_THROW(folderWatch(aFolder)(), provider::ChangeEventsNotSupportedException);
+        EXPECT_THROW(provider->publishFileEvents(aFile, recorder.callback(), {}),
+                     provider::ChangeEventsNotSupportedException);
+    } else {
     EXPECT_TRUE(failsWith(folderWatch(missing), ErrorCode::ResourceNotFound, missing));
     EXPECT_TRUE(failsWith(folderWatch(aFile), ErrorCode::ResourceNotFound, aFile, "not-a-folder"));
     EXPECT_TRUE(failsWith([&] { provider->publishFileEvents(missing, recorder.callback(), {}); },
                           ErrorCode::ResourceNotFound, missing));
     EXPECT_TRUE(failsWith([&] { provider->publishFileEvents(aFolder, recorder.callback(), {}); },
                           ErrorCode::ResourceNotFound, aFolder, "not-a-file"));
+    }
     const auto poll = [&](const StorageIRI& at, std::chrono::milliseconds interval) {
         return [&, at, interval] {
             provider->startChangePollingMechanism(at, recorder.callback(), {}, interval,

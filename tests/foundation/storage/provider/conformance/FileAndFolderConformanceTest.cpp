@@ -28,6 +28,7 @@ pt::ptime utc(int year, int month, int day, int hour, int minute, int second, in
 
 TEST_P(FileAndFolderConformance, CreationMakesAnEmptyWritableFileOrFolderThatRemovalTakesAway)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = below(u"new.txt");
     const StorageIRI folder = below(u"new");
     provider->createFile(file);
@@ -47,6 +48,7 @@ TEST_P(FileAndFolderConformance, CreationMakesAnEmptyWritableFileOrFolderThatRem
 
 TEST_P(FileAndFolderConformance, CreateFolderRecursiveCreatesMissingAncestorsAndAcceptsAnExistingFolder)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFile(u"a/kept.txt", 4);
     provider->createFolderRecursive(below(u"a/b/c/d"));
     for (const ustring relative : {u"a", u"a/b", u"a/b/c", u"a/b/c/d"})
@@ -63,6 +65,7 @@ TEST_P(FileAndFolderConformance, CreateFolderRecursiveCreatesMissingAncestorsAnd
 // Every refusal names its code and location, and changes nothing.
 TEST_P(FileAndFolderConformance, FailuresReportCodeAndLocationAndLeaveTheTreeAlone)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt", 3);
     const StorageIRI full = makeFolder(u"full");
     makeFile(u"full/inner.txt", 5);
@@ -130,6 +133,8 @@ TEST_P(FileAndFolderConformance, FailuresReportCodeAndLocationAndLeaveTheTreeAlo
 
 TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
 {
+    VFS_SKIP_UNLESS(capabilities().settableTimes, "times cannot be set");
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"folder/file.txt", 1);
     const StorageIRI folder = below(u"folder");
     // Before the epoch, at it, and well after it: conversions must not lose the fraction's sign.
@@ -146,6 +151,8 @@ TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
 
 TEST_P(FileAndFolderConformance, SetWritableTogglesWritabilityOfFilesAndFolders)
 {
+    VFS_SKIP_UNLESS(capabilities().settableWritability, "writability cannot be set");
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt");
     const StorageIRI folder = makeFolder(u"folder");
     provider->setWritable(file, false);
@@ -183,6 +190,7 @@ TEST_P(FileAndFolderConformance, NamesWithALeadingDotAreHidden)
 
 TEST_P(FileAndFolderConformance, TruncateToSizeShrinksAndExtends)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt");
     for (const std::uint64_t size : {5000ull, 10ull, 0ull, 300001ull, 300000ull}) {
         provider->truncateToSize(file, size);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -53,6 +54,41 @@ TEST_P(ProviderConformance, ExistenceQueriesAgreeOnEveryKindOfLocation)
         EXPECT_EQ(provider->fileExists(c.location), c.kind == ExistenceType::File);
         EXPECT_EQ(provider->folderExists(c.location), c.kind == ExistenceType::Folder);
     }
+}
+
+TEST_P(ProviderConformance, AReadOnlyStorageRefusesEveryChangeAndStillReads)
+{
+    VFS_SKIP_UNLESS(!writable(), "a writable storage");
+    const StorageIRI existing = makeFile(u"folder/file.txt", 3);
+    const StorageIRI empty = makeFolder(u"empty");
+    const auto before = tree();
+    const auto attributes = provider->getFileAttributes(existing);
+    const StorageIRI fresh = below(u"fresh");
+    const std::vector<std::pair<std::function<void()>, StorageIRI>> changes = {
+        {[&] { provider->createFile(fresh); }, fresh},
+        {[&] { provider->createFolder(fresh); }, fresh},
+        {[&] { provider->createFolderRecursive(below(u"fresh/deeper")); }, below(u"fresh/deeper")},
+        {[&] { provider->removeFile(existing); }, existing},
+        {[&] { provider->removeFolder(empty); }, empty},
+        {[&] { provider->removeFolderRecursively(below(u"folder")); }, below(u"folder")},
+        {[&] { provider->truncateToSize(existing, 1); }, existing},
+        {[&] { provider->setWritable(existing, false); }, existing},
+        {[&] { provider->setLastModified(existing, boost::posix_time::ptime(boost::gregorian::date(2000, 1, 1))); }, existing},
+        {[&] { provider->moveFile(existing, fresh, provider::ReplacementPolicy::FailIfExists); }, existing},
+        {[&] { provider->moveFolder(empty, fresh, provider::ReplacementPolicy::FailIfExists); }, empty},
+        {[&] { provider->copyFile(existing, *provider, fresh, {}); }, fresh},
+        {[&] { provider->openStream(existing, {}); }, existing},
+        {[&] { provider->openTransactionalStream(fresh, {}); }, fresh},
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_TRUE(failsWith(changes[i].first, ErrorCode::ReadOnlyProvider, changes[i].second));
+    }
+    EXPECT_EQ(tree(), before);
+    EXPECT_EQ(provider->getFileAttributes(existing), attributes);
+    provider->createFolderRecursive(below(u"folder")); // already there: nothing to change
+    provider->flushFilesystem(existing);
+    EXPECT_EQ(provider->openReadOnlyStream(existing)->read(std::array<char, 8>{}.data(), 8), 3);
 }
 
 TEST_P(ProviderConformance, NamesWithSpacesEscapesAndNonAsciiReachTheResource)
@@ -120,6 +156,7 @@ TEST_P(ProviderConformance, EveryOperationRefusesLocationsItDoesNotServeWithInva
 
 TEST_P(ProviderConformance, ConcurrentCreationsOfOneNameHaveExactlyOneWinner)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     constexpr int threadCount = 4;
     constexpr int names = 40;
     std::atomic<int> created[names] = {};
@@ -167,6 +204,7 @@ TEST_P(ProviderConformance, GetCanonicalLocationNamesAnExistingLocationStably)
 
 TEST_P(ProviderConformance, CreationHonoursTheReportedFilenameSensitivity)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFile(u"Name.txt");
     if (provider->getFilenameSensitivity(root) == FilenameSensitivity::CaseSensitive) {
         provider->createFile(below(u"name.txt"));

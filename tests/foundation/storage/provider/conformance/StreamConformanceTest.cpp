@@ -53,6 +53,7 @@ std::optional<ErrorCode> streamFailure(Call&& call)
 
 TEST_P(StreamConformance, OpenOptionsDecideCreationTruncationAndAppending)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     struct Case {
         const char* name;
         ByteStreamOpenOptions options;
@@ -98,6 +99,7 @@ TEST_P(StreamConformance, OpenOptionsDecideCreationTruncationAndAppending)
 
 TEST_P(StreamConformance, ReadsWritesAndSeeksAtTheStreamsPosition)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI location = fileWith(u"file.txt", "0123456789");
     const auto stream = provider->openStream(location, {ByteStreamAccess::ReadWrite, ByteStreamCreation::OpenExisting, 1, 1});
     char buffer[16] = {};
@@ -118,6 +120,7 @@ TEST_P(StreamConformance, ReadsWritesAndSeeksAtTheStreamsPosition)
 
 TEST_P(StreamConformance, StreamFailuresBelongToTheOperation)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI location = fileWith(u"file.txt", "abc");
     const auto reader = provider->openReadOnlyStream(location);
     EXPECT_EQ(streamFailure<provider::ByteStreamWriteFailure>([&] { reader->write("x", 1); }), ErrorCode::PermissionDenied);
@@ -138,6 +141,7 @@ TEST_P(StreamConformance, StreamFailuresBelongToTheOperation)
 
 TEST_P(StreamConformance, TransactionalStreamsPublishTheWholeFileOnCommitOnly)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI location = fileWith(u"file.txt", "old");
     const auto before = tree();
     const ByteStreamOpenOptions replace{ByteStreamAccess::ReadWrite, ByteStreamCreation::CreateIfMissing, 0, 1};
@@ -174,6 +178,7 @@ TEST_P(StreamConformance, TransactionalStreamsPublishTheWholeFileOnCommitOnly)
 // name part way through, the rest of the read is the old content.
 TEST_P(StreamConformance, OpenReaderKeepsItsFileWhateverHappensToTheName)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const std::string old = "the old content, long enough to be read in several steps";
     const std::pair<const char*, std::function<void(const StorageIRI&)>> changes[] = {
         {"replaced by a commit",
@@ -210,6 +215,7 @@ TEST_P(StreamConformance, OpenReaderKeepsItsFileWhateverHappensToTheName)
 // once while another thread lists the folder.
 TEST_P(StreamConformance, StreamsOnDifferentFilesWorkFromSeveralThreadsAtOnce)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     constexpr int writers = 4;
     std::vector<std::function<void()>> tasks;
     for (int i = 0; i < writers; ++i) {

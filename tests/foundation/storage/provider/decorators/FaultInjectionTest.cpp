@@ -108,6 +108,7 @@ TEST_P(FaultInjectionTest, OverlappingFaultsEachCountTheCallAndTheFirstAddedGive
 
 TEST_P(FaultInjectionTest, EveryOperationFailsByItsOwnFaultBeforeReachingTheProvider)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFile(u"file.txt", 3);
     makeFolder(u"folder");
     makeFile(u"doomed/inside.txt");
@@ -134,6 +135,7 @@ TEST_P(FaultInjectionTest, EveryOperationFailsByItsOwnFaultBeforeReachingTheProv
 
 TEST_P(FaultInjectionTest, AFaultAtAFolderStopsListingsAndCopiesBelowIt)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI source = makeFile(u"guarded/source.txt", 4);
     makeFile(u"open/other.txt", 1);
     faulty->addFault({.operation = ProviderOperation::List, .location = below(u"guarded"), .code = ErrorCode::IOError,

@@ -51,6 +51,7 @@ TEST_P(FeatureMaskingTest, HidesMaskedFeaturesAndForwardsTheRest)
 
 TEST_P(FeatureMaskingTest, AMaskedProviderBehavesAsOneWithoutTheFeature)
 {
+    VFS_SKIP_UNLESS(writable(), "read-only storage");
     makeFile(u"a.txt", 1);
     makeFile(u"b.log", 2);
     makeFile(u"sub/c.txt", 3);

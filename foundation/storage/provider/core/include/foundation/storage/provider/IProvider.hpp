@@ -37,8 +37,10 @@ struct ProviderCapabilities {
     std::uint32_t features = 0;
     bool watching = false;           // publish*Events work (polling always does)
     bool extendedAttributes = false; // getExtendedAttributes answers more than sizes
-    bool writable = true;            // false: a read-only storage
+    bool writable = true;            // false: a read-only storage; the front refuses every change
     bool atomicReplace = false;      // a rename replaces its target in one step
+    bool settableTimes = true;       // setLastModified keeps the time given (an object store's do not)
+    bool settableWritability = true; // setWritable changes what isWritable() reports
     FilenameSensitivity sensitivity = FilenameSensitivity::CaseSensitive;
     // The finest modification time the storage keeps.
     std::chrono::nanoseconds timeResolution = std::chrono::nanoseconds(1);
@@ -282,6 +284,9 @@ protected:
     void endPolling() const noexcept;
 
 private:
+    // checkLocation(), then ReadOnlyProvider (contexts: the operation, "read-only") when the storage
+    // is not writable.
+    void checkChange(const StorageIRI& location, const char16_t* operation) const;
     void checkDestination(const StorageIRI& destination, const ProviderCapabilities& capabilities) const;
 
     std::unique_ptr<PollingSlot> m_polling;

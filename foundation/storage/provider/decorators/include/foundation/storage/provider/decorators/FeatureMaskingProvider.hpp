@@ -12,10 +12,17 @@ namespace foundation::storage::provider::decorators {
 // UnsupportedOperation; with RecursiveListing hidden, so does a recursive list(); with
 // FlatWildcardListing (RecursiveWildcardListing) hidden, a flat (recursive) list() ignores the
 // pattern, as the contract lets such a provider do; with RecursiveWatching hidden, a recursive
-// publishFolderEvents() fails with UnsupportedOperation.
+// publishFolderEvents() fails with UnsupportedOperation. Hiding writing makes a read-only storage
+// (every change ReadOnlyProvider); hiding watching leaves only polling.
+enum class HiddenAbility : std::int32_t {
+    Writing = 0,
+    Watching = 1,
+};
+
 class VFS_EXPORT FeatureMaskingProvider : public ProviderDecorator {
 public:
-    FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden);
+    FeatureMaskingProvider(std::shared_ptr<IProvider> wrapped, std::set<ExtendedFeature> hidden,
+                           std::set<HiddenAbility> hiddenAbilities = {});
     ProviderCapabilities capabilities() const override;
     const std::set<ExtendedFeature>& hiddenFeatures() const noexcept { return m_hidden; }
 
@@ -25,6 +32,7 @@ protected:
 
 private:
     std::set<ExtendedFeature> m_hidden;
+    std::set<HiddenAbility> m_hiddenAbilities;
 };
 
 } // namespace foundation::storage::provider::decorators
