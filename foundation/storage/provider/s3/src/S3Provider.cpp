@@ -196,12 +196,13 @@ private:
             return;
         const std::size_t slash = text.rfind(u'/');
         const bool hidden = text[slash == ustring::npos ? 0 : slash + 1] == u'.';
-        if (!m_options.withAttributes)
-            m_ready.emplace_back(std::move(text), object != nullptr);
-        else if (object)
-            m_ready.emplace_back(std::move(text), true, FileAttributes(object->size, object->lastModified, true, false, hidden));
-        else
-            m_ready.emplace_back(std::move(text), false, std::nullopt, FolderAttributes(folderTime, true, false, hidden));
+        std::optional<FileAttributes> file;
+        std::optional<FolderAttributes> folder;
+        if (m_options.withAttributes && object)
+            file.emplace(object->size, object->lastModified, true, false, hidden);
+        else if (m_options.withAttributes)
+            folder.emplace(folderTime, true, false, hidden);
+        m_ready.push_back(FolderEntry(std::move(text), object != nullptr, file, folder));
     }
 
     std::shared_ptr<Store> m_store;
