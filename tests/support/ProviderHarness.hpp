@@ -16,6 +16,17 @@
 #include <foundation/storage/provider/sftp/SftpProvider.hpp>
 #endif
 
+// Programs that run with the s3 server fixture define VFS_TEST_S3_FIXTURE.
+#if defined(VFS_TEST_S3_FIXTURE) && __has_include(<foundation/storage/provider/s3/S3Provider.hpp>)
+#include <foundation/storage/provider/s3/S3Provider.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <unistd.h>
+#define VFS_TEST_S3 1
+#endif
+
 #include <fl/i18n/ustring.hpp>
 
 #include <gtest/gtest.h>
@@ -161,6 +172,62 @@ private:
 };
 #endif
 
+
+#ifdef VFS_TEST_S3
+// The settings of the test cluster's user, from the file the server fixture writes (its path in
+// VFS_S3_ENV). The s3 entries are listed whenever the provider is built, since tests are listed
+// before any fixture runs; without the file every s3 test fails, none passes unseen.
+inline boost::property_tree::ptree s3TestSettings()
+{
+    const char* path = std::getenv("VFS_S3_ENV");
+    std::ifstream in(path ? path : "");
+    if (!path || !in)
+        throw std::runtime_error("server fixture not running: VFS_S3_ENV names no readable file");
+    const std::map<std::string, std::string> keys = {{"AWS_ENDPOINT_URL", "endpoint"}, {"AWS_ACCESS_KEY_ID", "accessKeyId"},
+                                                     {"AWS_SECRET_ACCESS_KEY", "secretAccessKey"}, {"AWS_REGION", "region"}};
+    boost::property_tree::ptree settings;
+    for (std::string line; std::getline(in, line);)
+        if (const auto found = keys.find(line.substr(0, line.find('='))); found != keys.end())
+            settings.put(found->second, line.substr(line.find('=') + 1));
+    settings.put("addressing", "path");
+    return settings;
+}
+
+// Each harness works below a fresh prefix of one test bucket, removed afterwards.
+class S3Harness final : public ProviderHarness {
+public:
+    S3Harness()
+    {
+        static std::atomic<int> counter{0};
+        m_provider->configure(s3TestSettings());
+        const StorageIRI bucket(u"s3://vfs-tests/");
+        if (!m_provider->folderExists(bucket))
+            m_provider->createFolder(bucket);
+        m_root = StorageIRI(bucket, fl::i18n::utf8_to_ustring("h" + std::to_string(::getpid()) + "-" +
+                                                              std::to_string(counter++) + "-" + std::to_string(std::rand())));
+        m_provider->createFolder(m_root);
+    }
+    ~S3Harness() override
+    {
+        try {
+            m_provider->removeFolderRecursively(m_root);
+        } catch (const std::exception&) {
+            // Left to the cluster, which is removed after the run.
+        }
+    }
+
+    std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
+    StorageIRI root() const override { return m_root; }
+    std::vector<StorageIRI> malformedLocations() const override
+    {
+        return {StorageIRI(u"s3:///a"), StorageIRI(m_root, ustring(u"a\0b", 3))};
+    }
+
+private:
+    std::shared_ptr<provider::IProvider> m_provider = provider::s3::makeS3Provider();
+    StorageIRI m_root;
+};
+#endif
 // The memory provider seen through FeatureMaskingProvider as a read-only storage without native
 // recursion or watching: the suites' skips and the library's fallbacks run against it. Trees are
 // built on the unmasked provider underneath.
@@ -223,6 +290,9 @@ inline std::vector<ProviderUnderTest> allProviders()
 #ifdef VFS_TEST_SFTP
     if (const auto server = sftpServer())
         providers.push_back({"Sftp", [server = *server] { return std::make_unique<SftpHarness>(server); }});
+#endif
+#ifdef VFS_TEST_S3
+    providers.push_back({"S3", [] { return std::make_unique<S3Harness>(); }});
 #endif
     return providers;
 }

@@ -6,6 +6,9 @@
 #ifdef VFS_WITH_SFTP
 #include <foundation/storage/provider/sftp/SftpProvider.hpp>
 #endif
+#ifdef VFS_WITH_S3
+#include <foundation/storage/provider/s3/S3Provider.hpp>
+#endif
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
@@ -133,6 +136,9 @@ DefaultStorageSystem::DefaultStorageSystem(DefaultStorageSystemOptions options) 
 #endif
 #ifdef VFS_WITH_SFTP
     m_state->schemes[u"sftp"].factory = [](const provider::ProviderContext&) { return provider::sftp::makeSftpProvider(); };
+#endif
+#ifdef VFS_WITH_S3
+    m_state->schemes[u"s3"].factory = [](const provider::ProviderContext&) { return provider::s3::makeS3Provider(); };
 #endif
 }
 

@@ -188,8 +188,14 @@ TEST_P(ChangeEventsConformance, PollingSeesCreationChangeAndRemoval)
     ASSERT_TRUE(recorder.waitForSequence({{Kind::Modified, "new", file}}));
     provider->moveFile(below(u"new"), below(u"renamed"), ReplacementPolicy::FailIfExists);
     provider->createFolder(below(u"dir"));
-    ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}, {Kind::Created, "renamed", file}}))
-        << testing::PrintToString(recorder.changes());
+    // A move that is a copy and a delete (not atomic) may be polled halfway: then the new name comes first.
+    if (capabilities().atomicReplace)
+        ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}, {Kind::Created, "renamed", file}}))
+            << testing::PrintToString(recorder.changes());
+    else
+        ASSERT_TRUE(recorder.waitForSequence({{Kind::Removed, "new", file}}) &&
+                    recorder.waitForSequence({{Kind::Created, "renamed", file}}))
+            << testing::PrintToString(recorder.changes());
     ASSERT_TRUE(recorder.waitForSequence({{Kind::Created, "dir", folder}}));
     provider->stopChangePollingMechanism(root);
     const auto seen = recorder.changes().size();

@@ -133,6 +133,7 @@ TEST_P(FileAndFolderConformance, FailuresReportCodeAndLocationAndLeaveTheTreeAlo
 
 TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
 {
+    VFS_SKIP_UNLESS(capabilities().settableTimes, "times cannot be set");
     VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"folder/file.txt", 1);
     const StorageIRI folder = below(u"folder");
@@ -150,6 +151,7 @@ TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
 
 TEST_P(FileAndFolderConformance, SetWritableTogglesWritabilityOfFilesAndFolders)
 {
+    VFS_SKIP_UNLESS(capabilities().settableWritability, "writability cannot be set");
     VFS_SKIP_UNLESS(writable(), "read-only storage");
     const StorageIRI file = makeFile(u"file.txt");
     const StorageIRI folder = makeFolder(u"folder");

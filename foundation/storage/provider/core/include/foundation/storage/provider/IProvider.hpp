@@ -39,6 +39,8 @@ struct ProviderCapabilities {
     bool extendedAttributes = false; // getExtendedAttributes answers more than sizes
     bool writable = true;            // false: a read-only storage; the front refuses every change
     bool atomicReplace = false;      // a rename replaces its target in one step
+    bool settableTimes = true;       // setLastModified keeps the time given (an object store's do not)
+    bool settableWritability = true; // setWritable changes what isWritable() reports
     FilenameSensitivity sensitivity = FilenameSensitivity::CaseSensitive;
     // The finest modification time the storage keeps.
     std::chrono::nanoseconds timeResolution = std::chrono::nanoseconds(1);

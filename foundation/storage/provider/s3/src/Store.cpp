@@ -1,0 +1,283 @@
+#include "Store.hpp"
+
+#include <fl/i18n/ustring.hpp>
+
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <map>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace foundation::storage::provider::s3::detail {
+
+namespace {
+
+boost::property_tree::ptree parseXml(const std::string& body, const StorageIRI& location, const char* operation)
+{
+    boost::property_tree::ptree tree;
+    try {
+        std::istringstream in(body);
+        boost::property_tree::read_xml(in, tree);
+    } catch (const std::exception&) {
+        throwProviderError(ErrorCode::IOError, location,
+                           {ExceptionContext(fl::i18n::utf8_to_ustring(operation)), ExceptionContext(u"bad-xml")},
+                           u"the S3 service answered with malformed XML");
+    }
+    return tree;
+}
+
+// Listing values come URL-encoded (encoding-type=url), so that any key survives XML.
+std::string urlDecode(const std::string& text)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '+') {
+            out += ' ';
+        } else if (text[i] == '%' && i + 2 < text.size() + 0 && std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+                   std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+std::string base64Md5(const std::string& body)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EVP_Digest(body.data(), body.size(), digest, &size, EVP_md5(), nullptr);
+    unsigned char out[64];
+    const int length = EVP_EncodeBlock(out, digest, static_cast<int>(size));
+    return std::string(reinterpret_cast<const char*>(out), static_cast<std::size_t>(length));
+}
+
+// A 200 answer may still carry an <Error> (CopyObject, CompleteMultipartUpload).
+void checkAnswer(const Response& response, const StorageIRI& location, const char* operation)
+{
+    if (!response.ok() || response.body.find("<Error>") != std::string::npos) {
+        Response failed = response;
+        if (failed.ok())
+            failed.status = 500;
+        throwS3Error(failed, location, operation);
+    }
+}
+
+} // namespace
+
+Place placeOf(const StorageIRI& location)
+{
+    const ustring& path = location.getPath();
+    return {fl::i18n::ustring_to_native(location.getAuthority()),
+            fl::i18n::ustring_to_native(std::u16string_view(path).substr(path.empty() ? 0 : 1))};
+}
+
+bool Store::bucketExists(const std::string& bucket, const StorageIRI& location)
+{
+    const Response response = send({"HEAD", bucket, "", {}, {}, nullptr, false}, location, "HeadBucket");
+    if (response.status == 404)
+        return false;
+    if (!response.ok())
+        throwS3Error(response, location, "HeadBucket");
+    return true;
+}
+
+std::optional<ObjectInfo> Store::head(const std::string& bucket, const std::string& key, const StorageIRI& location)
+{
+    const Response response = send({"HEAD", bucket, key, {}, {}, nullptr, false}, location, "HeadObject");
+    if (response.status == 404)
+        return std::nullopt;
+    if (!response.ok())
+        throwS3Error(response, location, "HeadObject");
+    ObjectInfo info{key, 0, parseHttpTime(response.header("last-modified")), response.header("etag")};
+    info.size = std::stoull("0" + response.header("content-length"));
+    return info;
+}
+
+bool Store::prefixExists(const std::string& bucket, const std::string& prefix, const StorageIRI& location)
+{
+    return !list(bucket, prefix, false, "", 1, location).objects.empty();
+}
+
+ListPage Store::list(const std::string& bucket, const std::string& prefix, bool delimited,
+                     const std::string& continuation, int maxKeys, const StorageIRI& location)
+{
+    Request request{"GET", bucket, "", {{"list-type", "2"}, {"encoding-type", "url"}, {"max-keys", std::to_string(maxKeys)}}};
+    if (!prefix.empty())
+        request.query.emplace_back("prefix", prefix);
+    if (delimited)
+        request.query.emplace_back("delimiter", "/");
+    if (!continuation.empty())
+        request.query.emplace_back("continuation-token", continuation);
+    const Response response = send(request, location, "ListObjectsV2");
+    if (!response.ok())
+        throwS3Error(response, location, "ListObjectsV2");
+    const auto tree = parseXml(response.body, location, "ListObjectsV2");
+    ListPage page;
+    const auto result = tree.get_child_optional("ListBucketResult");
+    if (!result)
+        return page;
+    for (const auto& [name, node] : *result) {
+        if (name == "Contents")
+            page.objects.push_back({urlDecode(node.get("Key", "")), node.get<std::uint64_t>("Size", 0),
+                                    parseIsoTime(node.get("LastModified", "")), node.get("ETag", "")});
+        else if (name == "CommonPrefixes")
+            page.prefixes.push_back(urlDecode(node.get("Prefix", "")));
+        else if (name == "NextContinuationToken")
+            page.continuation = node.data();
+    }
+    if (tree.get("ListBucketResult.IsTruncated", "false") != "true")
+        page.continuation.clear();
+    return page;
+}
+
+void Store::put(const std::string& bucket, const std::string& key, const std::string& body, bool onlyIfAbsent,
+                const StorageIRI& location)
+{
+    Request request{"PUT", bucket, key, {}, {}, &body, false};
+    if (onlyIfAbsent)
+        request.headers.emplace_back("if-none-match", "*");
+    const Response response = send(request, location, "PutObject");
+    if (!response.ok())
+        throwS3Error(response, location, "PutObject");
+}
+
+void Store::copy(const std::string& fromBucket, const std::string& from, const std::string& toBucket, const std::string& to,
+                 const StorageIRI& location)
+{
+    Request request{"PUT", toBucket, to};
+    request.headers = {{"x-amz-copy-source", "/" + fromBucket + "/" + uriEncode(from, true)},
+                       {"x-amz-metadata-directive", "COPY"}};
+    checkAnswer(send(request, location, "CopyObject"), location, "CopyObject");
+}
+
+void Store::remove(const std::string& bucket, const std::string& key, const StorageIRI& location)
+{
+    const Response response = send({"DELETE", bucket, key}, location, "DeleteObject");
+    if (!response.ok() && response.status != 404)
+        throwS3Error(response, location, "DeleteObject");
+}
+
+void Store::removeKeys(const std::string& bucket, const std::vector<std::string>& keys, const StorageIRI& location)
+{
+    for (std::size_t first = 0; first < keys.size(); first += 1000) {
+        std::string body = "<Delete><Quiet>true</Quiet>";
+        for (std::size_t i = first; i < std::min(keys.size(), first + 1000); ++i)
+            body += "<Object><Key>" + xmlEscape(keys[i]) + "</Key></Object>";
+        body += "</Delete>";
+        Request request{"POST", bucket, "", {{"delete", ""}}, {{"content-md5", base64Md5(body)}}, &body, true};
+        checkAnswer(send(request, location, "DeleteObjects"), location, "DeleteObjects");
+    }
+}
+
+Store::Range Store::read(const std::string& bucket, const std::string& key, std::uint64_t offset, std::uint64_t size,
+                        const std::string& etag, const StorageIRI& location)
+{
+    Request request{"GET", bucket, key};
+    request.headers.emplace_back("range", "bytes=" + std::to_string(offset) + "-" + std::to_string(offset + size - 1));
+    if (!etag.empty())
+        request.headers.emplace_back("if-match", etag);
+    Response response = send(request, location, "GetObject");
+    if (response.status == 412)
+        throwProviderError(ErrorCode::ResourceNotFound, location, {ExceptionContext(u"GetObject"), ExceptionContext(u"changed")},
+                           u"the object was replaced while it was read");
+    if (response.status == 416)
+        return {{}, etag, offset};
+    if (!response.ok())
+        throwS3Error(response, location, "GetObject");
+    const std::string range = response.header("content-range"); // "bytes 0-99/1234"
+    const auto slash = range.rfind('/');
+    Range result{std::move(response.body), response.header("etag"), 0};
+    result.total = slash == std::string::npos ? offset + result.bytes.size() : std::stoull("0" + range.substr(slash + 1));
+    return result;
+}
+
+void Store::upload(const std::string& bucket, const std::string& key, int fd, std::uint64_t size, const StorageIRI& location)
+{
+    const Settings settings = m_client.settings();
+    if (size > settings.multipartThreshold && size > settings.partSize)
+        return uploadMultipart(bucket, key, fd, size, settings, location);
+    std::string body(size, '\0');
+    if (size && ::pread(fd, body.data(), size, 0) != static_cast<ssize_t>(size))
+        throwProviderError(ErrorCode::IOError, location, {ExceptionContext(u"pread")}, u"the spool file could not be read");
+    put(bucket, key, body, false, location);
+}
+
+void Store::uploadMultipart(const std::string& bucket, const std::string& key, int fd, std::uint64_t size,
+                            const Settings& settings, const StorageIRI& location)
+{
+    Response started = send({"POST", bucket, key, {{"uploads", ""}}}, location, "CreateMultipartUpload");
+    if (!started.ok())
+        throwS3Error(started, location, "CreateMultipartUpload");
+    const std::string uploadId =
+        parseXml(started.body, location, "CreateMultipartUpload").get("InitiateMultipartUploadResult.UploadId", "");
+
+    // At most 10,000 parts: larger objects get larger parts.
+    const std::uint64_t partSize = std::max(settings.partSize, (size + 9999) / 10000);
+    const std::uint64_t parts = (size + partSize - 1) / partSize;
+    std::vector<std::string> etags(parts);
+    std::atomic<std::uint64_t> next{0};
+    std::atomic<bool> failed{false};
+    std::exception_ptr failure;
+    std::mutex failureMutex;
+    const auto work = [&] {
+        std::string body;
+        for (std::uint64_t part; !failed && (part = next++) < parts;) {
+            try {
+                const std::uint64_t offset = part * partSize;
+                body.resize(std::min(partSize, size - offset));
+                if (::pread(fd, body.data(), body.size(), static_cast<off_t>(offset)) != static_cast<ssize_t>(body.size()))
+                    throwProviderError(ErrorCode::IOError, location, {ExceptionContext(u"pread")},
+                                       u"the spool file could not be read");
+                const Response answer = send({"PUT", bucket, key, {{"partNumber", std::to_string(part + 1)}, {"uploadId", uploadId}},
+                                              {}, &body, false},
+                                             location, "UploadPart");
+                if (!answer.ok())
+                    throwS3Error(answer, location, "UploadPart");
+                etags[part] = answer.header("etag");
+            } catch (...) {
+                std::lock_guard lock(failureMutex);
+                if (!failure)
+                    failure = std::current_exception();
+                failed = true;
+            }
+        }
+    };
+    std::vector<std::thread> workers;
+    const auto threads = std::min<std::uint64_t>(parts, static_cast<std::uint64_t>(settings.partsInFlight));
+    for (std::uint64_t i = 1; i < threads; ++i)
+        workers.emplace_back(work);
+    work();
+    for (auto& worker : workers)
+        worker.join();
+
+    try {
+        if (failure)
+            std::rethrow_exception(failure);
+        std::string body = "<CompleteMultipartUpload>";
+        for (std::uint64_t part = 0; part < parts; ++part)
+            body += "<Part><PartNumber>" + std::to_string(part + 1) + "</PartNumber><ETag>" + xmlEscape(etags[part]) +
+                    "</ETag></Part>";
+        body += "</CompleteMultipartUpload>";
+        checkAnswer(send({"POST", bucket, key, {{"uploadId", uploadId}}, {}, &body, true}, location, "CompleteMultipartUpload"),
+                    location, "CompleteMultipartUpload");
+    } catch (...) {
+        try {
+            send({"DELETE", bucket, key, {{"uploadId", uploadId}}}, location, "AbortMultipartUpload");
+        } catch (const Exception&) {
+            // The bucket's lifecycle removes what an unreachable service keeps.
+        }
+        throw;
+    }
+}
+
+} // namespace foundation::storage::provider::s3::detail
