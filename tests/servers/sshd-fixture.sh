@@ -61,7 +61,9 @@ MaxStartups 100
 MaxSessions 100
 Subsystem sftp internal-sftp
 CONFIG
-  /usr/sbin/sshd -f "$dir/sshd_config" -E "$dir/sshd.log"
+  # In the foreground (-D) behind the shell's own '&': daemon() fails where the runner's /dev/null
+  # cannot be opened as the tty-less daemon wants it. setsid keeps it out of the runner's group.
+  setsid /usr/sbin/sshd -D -f "$dir/sshd_config" -E "$dir/sshd.log" </dev/null >/dev/null 2>&1 &
   for _ in $(seq 100); do
     [ -s "$dir/sshd.pid" ] && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
     sleep 0.05

@@ -155,7 +155,8 @@ Connection::~Connection() { close(); }
 
 void Connection::close() noexcept
 {
-    if (m_sftp && !m_broken)
+    // Also on a broken connection: it frees the channel's memory, and a dead socket fails fast.
+    if (m_sftp)
         ::libssh2_sftp_shutdown(m_sftp);
     m_sftp = nullptr;
     if (m_session) {

@@ -138,12 +138,23 @@ TEST_P(FileAndFolderConformance, SetLastModifiedIsReadBackToTheMicrosecond)
     const StorageIRI file = makeFile(u"folder/file.txt", 1);
     const StorageIRI folder = below(u"folder");
     // Before the epoch, at it, and well after it: conversions must not lose the fraction's sign.
-    for (const pt::ptime time : {utc(2021, 3, 4, 5, 6, 7, 891234), utc(1969, 7, 20, 20, 17, 40, 123456),
-                                 utc(1970, 1, 1, 0, 0, 0, 1), utc(2100, 12, 31, 23, 59, 59, 999999)}) {
-        SCOPED_TRACE(pt::to_iso_extended_string(time));
-        provider->setLastModified(file, time);
+    // A storage keeps times at its stated resolution (read back rounded down to it); one that
+    // cannot keep a time before the epoch refuses it (InvalidLocation, "time-out-of-range").
+    const std::int64_t step = std::max<std::int64_t>(1, capabilities().timeResolution.count() / 1000);
+    const pt::ptime epoch(boost::gregorian::date(1970, 1, 1));
+    for (const pt::ptime asked : {utc(2021, 3, 4, 5, 6, 7, 891234), utc(1969, 7, 20, 20, 17, 40, 123456),
+                                  utc(1970, 1, 1, 0, 0, 0, 1), utc(2100, 12, 31, 23, 59, 59, 999999)}) {
+        SCOPED_TRACE(pt::to_iso_extended_string(asked));
+        const std::int64_t ticks = (asked - epoch).total_microseconds();
+        const pt::ptime time = epoch + pt::microseconds(ticks - ((ticks % step) + step) % step);
+        if (const auto refused = asked < epoch ? providerError([&] { provider->setLastModified(file, asked); }) : std::nullopt) {
+            EXPECT_EQ(refused->getErrorCode(), ErrorCode::InvalidLocation);
+            EXPECT_EQ(contextKeys(*refused).back(), "time-out-of-range");
+            continue;
+        }
+        provider->setLastModified(file, asked);
         EXPECT_EQ(provider->getFileAttributes(file).getLastModified(), time);
-        provider->setLastModified(folder, time);
+        provider->setLastModified(folder, asked);
         EXPECT_EQ(provider->getFolderAttributes(folder).getLastModified(), time);
         EXPECT_EQ(provider->getFileAttributes(file).getLastModified(), time) << "the folder's time is its own";
     }

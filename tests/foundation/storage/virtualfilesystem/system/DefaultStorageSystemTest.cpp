@@ -153,11 +153,9 @@ TEST(DefaultStorageSystemTest, ApplicationsRegisterSchemesWhoseProvidersReachOth
     });
     for (const ustring refused : {u"mem", u"BOX", u"", u"1x", u"a b"}) // taken, or not a scheme name
         EXPECT_THROW(system->registerScheme(refused, [](auto&) { return nullptr; }), std::invalid_argument);
-    // Besides those built in: the providers the build has.
-    std::vector<ustring> schemes = system->schemes();
-    for (const ustring optional : {u"s3", u"sftp", u"tar", u"zip"})
-        std::erase(schemes, optional);
-    EXPECT_EQ(schemes, (std::vector<ustring>{u"box", u"file", u"mem"}));
+    auto builtIn = std::make_shared<DefaultStorageSystem>()->schemes(); // file, mem, and those built in
+    builtIn.insert(builtIn.begin(), u"box");
+    EXPECT_EQ(system->schemes(), builtIn);
 
     const vfs::Folder box(AbsoluteIRI{u"box://v/"}, ref);
     vfs::File(box, u"made.txt").createFile();
