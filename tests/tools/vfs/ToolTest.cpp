@@ -320,6 +320,8 @@ int vfsToolJailed(const fs::path& jail, const std::vector<std::string>& argument
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             !readOnly("/usr") || !readOnly(build) || chroot(jail.c_str()) != 0 || chdir("/") != 0)
             _exit(255);
+        // A coverage build's counters would go to the read-only build tree: the jail takes them.
+        setenv("GCOV_PREFIX", "/gcov", 1);
         const int err = open("/err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(err, STDERR_FILENO);
         std::vector<std::string> storage;
