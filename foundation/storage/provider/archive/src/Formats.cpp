@@ -282,8 +282,15 @@ public:
         archive_read_set_skip_callback(m_archive, &TarReader::skip);
         archive_read_set_seek_callback(m_archive, &TarReader::seekTo);
         archive_read_set_callback_data(m_archive, this);
-        if (archive_read_open1(m_archive) != ARCHIVE_OK)
-            fail(access.location.getInnerIRI(), u"archive_read_open");
+        if (archive_read_open1(m_archive) != ARCHIVE_OK) {
+            // The destructor does not run for a constructor that throws.
+            try {
+                fail(access.location.getInnerIRI(), u"archive_read_open");
+            } catch (...) {
+                archive_read_free(m_archive);
+                throw;
+            }
+        }
     }
     TarReader(const TarReader&) = delete;
     TarReader& operator=(const TarReader&) = delete;

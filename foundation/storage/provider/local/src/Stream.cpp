@@ -278,6 +278,12 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
     const bool readable = options.access == ByteStreamAccess::ReadWrite;
     const bool append = options.writeAtPosition == 0;
 
+    // The rename at commit would put a regular file in place of a device, a FIFO or a socket (as
+    // root, /dev/null); refused before opening it, which could wait for a FIFO's writer.
+    struct stat before {};
+    if (::stat(path.c_str(), &before) == 0 && !S_ISREG(before.st_mode) && !S_ISDIR(before.st_mode))
+        throwProviderError(ErrorCode::UnsupportedOperation, location,
+                           {ExceptionContext(u"openTransactionalStream"), ExceptionContext(u"not-a-regular-file")});
     FileDescriptor existing(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
     if (!existing && (errno != ENOENT || options.creation == ByteStreamCreation::OpenExisting))
         fail(errno, "open", location);

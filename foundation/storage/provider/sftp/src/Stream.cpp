@@ -372,6 +372,10 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(Pool::Lease lea
     const std::string path = remotePath(location);
     const auto existing = fileAt(connection, path, location);
     const bool mustExist = options.creation == ByteStreamCreation::OpenExisting;
+    // The rename at commit would put a regular file in place of a device, a FIFO or a socket.
+    if (existing && (existing->flags & LIBSSH2_SFTP_ATTR_PERMISSIONS) && !LIBSSH2_SFTP_S_ISREG(existing->permissions))
+        throwProviderError(ErrorCode::UnsupportedOperation, location,
+                           {ExceptionContext(u"openTransactionalStream"), ExceptionContext(u"not-a-regular-file")});
     if (!existing && mustExist)
         throwPosixError(ENOENT, "open", location);
     const std::string temporary = siblingName(location, "tmp");

@@ -431,6 +431,10 @@ TEST_F(LocalProviderTest, CopyRefusesSpecialFilesAtOnce)
     EXPECT_EQ(error->getErrorCode(), ErrorCode::UnsupportedOperation);
     EXPECT_THAT(contextKeys(*error), testing::ElementsAre("not-a-regular-file"));
     EXPECT_FALSE(std::filesystem::exists(dir / "copy"));
+    // Nor does a transactional stream, whose commit would put a regular file in its place.
+    EXPECT_TRUE(failsWith([&] { local->openTransactionalStream(at(fifo), {}); }, ErrorCode::UnsupportedOperation,
+                          at(fifo), "not-a-regular-file"));
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
 }
 
 TEST_F(LocalProviderTest, TimesBeyondWhatAttributesHoldAreClampedAndSpecialTimesRefused)
