@@ -16,6 +16,7 @@ namespace {
 using provider::detail::CallbackTable;
 
 struct Record {
+    std::uint64_t sequence; // the order of changes
     events::Kind kind;
     StorageIRI changed;
     bool folder;
@@ -24,6 +25,7 @@ struct Record {
 
 struct Watch {
     CallbackTable::Id callback;
+    std::uint64_t since; // the sequence of the first change it may see: none made before it began
     bool recursive;
     ChangeKinds kinds;
 };
@@ -39,6 +41,7 @@ struct Notifier::Core {
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Record> records;
+    std::uint64_t recorded = 0;
     std::map<Key, Watch> watches;
     bool stopping = false;
     std::thread thread;
@@ -65,7 +68,8 @@ struct Notifier::Core {
             std::vector<std::pair<CallbackTable::Id, ChangeReport>> calls;
             for (Record& record : batch)
                 for (const auto& [key, watch] : self->watches)
-                    if (wantsKind(watch.kinds, record.kind) && covers(key.first, key.second, watch, record.changed))
+                    if (record.sequence >= watch.since && wantsKind(watch.kinds, record.kind) &&
+                        covers(key.first, key.second, watch, record.changed))
                         calls.emplace_back(watch.callback,
                                            ChangeReport{record.kind, key.first, record.changed,
                                                         record.folder ? events::EntryType::Folder : events::EntryType::File,
@@ -100,7 +104,7 @@ std::uint64_t Notifier::nextCookie() noexcept { return m_core->cookies.fetch_add
 void Notifier::record(events::Kind kind, StorageIRI changed, bool folder, boost::property_tree::ptree extra)
 {
     std::lock_guard lock(m_core->mutex);
-    m_core->records.push_back(Record{kind, std::move(changed), folder, std::move(extra)});
+    m_core->records.push_back(Record{m_core->recorded++, kind, std::move(changed), folder, std::move(extra)});
     m_core->wake.notify_one();
 }
 
@@ -114,9 +118,9 @@ void Notifier::watch(const StorageIRI& location, bool file, bool recursive, Chan
         const auto found = m_core->watches.find(key);
         if (found != m_core->watches.end()) {
             replaced = found->second.callback;
-            found->second = Watch{id, recursive, std::move(kinds)};
+            found->second = Watch{id, m_core->recorded, recursive, std::move(kinds)};
         } else {
-            m_core->watches.emplace(key, Watch{id, recursive, std::move(kinds)});
+            m_core->watches.emplace(key, Watch{id, m_core->recorded, recursive, std::move(kinds)});
             m_core->watchCount.fetch_add(1, std::memory_order_release);
         }
         if (!m_core->thread.joinable())
