@@ -440,9 +440,12 @@ protected:
     void doConfigure(const boost::property_tree::ptree& settings) const override
     {
         SftpProviderOptions options = currentOptions();
-        for (const auto& [key, value] : settings) {
+        for (const auto& setting : settings) {
+            // Named members rather than a structured binding: clang 14 cannot capture those.
+            const std::string& key = setting.first;
+            const boost::property_tree::ptree& value = setting.second;
             const std::string& text = value.data();
-            const auto number = [&, &key = key](const char* what) {
+            const auto number = [&](const char* what) {
                 std::uint64_t parsed = 0;
                 const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
                 if (!value.empty() || text.empty() || error != std::errc() || end != text.data() + text.size() || parsed == 0 ||
@@ -450,7 +453,7 @@ protected:
                     badSetting(key, text, what);
                 return parsed;
             };
-            const auto flag = [&, &key = key] {
+            const auto flag = [&] {
                 if (!value.empty() || (text != "true" && text != "false"))
                     badSetting(key, text, "\"true\" or \"false\"");
                 return text == "true";
