@@ -1,22 +1,8 @@
 // Creating, removing and describing files and folders, as every provider must.
 
-#include <ProviderHarness.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExtendedFeature;
-namespace pt = boost::posix_time;
 
 class FileAndFolderConformance : public ProviderTest {};
 

@@ -1,27 +1,8 @@
 // Moving and copying within a provider under each replacement policy, as every provider must.
 
-#include <ProviderHarness.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::CopyFileOptions;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ReplacementPolicy;
-using provider::TransactionStatus;
-namespace pt = boost::posix_time;
 
 const pt::ptime older = pt::from_time_t(1'500'000'000);
 const pt::ptime newer = older + pt::seconds(1);
