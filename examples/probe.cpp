@@ -3,6 +3,7 @@
 
 #include <foundation/storage/vfs.hpp>
 
+#include <filesystem>
 #include <iostream>
 
 namespace vfs = foundation::storage::vfs;

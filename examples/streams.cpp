@@ -2,6 +2,7 @@
 // and a FILE* for C code.
 
 #include <foundation/storage/vfs.hpp>
+#include <foundation/storage/vfs/FileStream.hpp> // the iostreams are not in vfs.hpp
 
 #include <cstdio>
 #include <iostream>

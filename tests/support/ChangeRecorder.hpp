@@ -8,6 +8,8 @@
 
 #include <fl/i18n/ustring.hpp>
 
+#include <boost/property_tree/ptree.hpp>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>

@@ -5,14 +5,19 @@
 // tests use most. Anything rarer is included where it is used.
 
 #include <foundation/core/except/Exception.hpp>
+#include <foundation/core/except/ThrowInternal.hpp>
 #include <foundation/log/diagnostic_logger.hpp>
+#include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/FolderEntryIterator.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 #include <foundation/storage/vfs.hpp>
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
+#include <foundation/storage/vfs/FileStream.hpp>
+#include <foundation/storage/vfs/IODevice.hpp>
 #include <foundation/storage/vfs/IOException.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
 #include <foundation/storage/vfs/detail/Logger.hpp>

@@ -8,6 +8,7 @@
 #include "TempDir.hpp"
 
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
 #include <foundation/storage/provider/decorators/FeatureMaskingProvider.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
@@ -28,6 +29,8 @@
 #endif
 
 #include <fl/i18n/ustring.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,8 @@
 #include "Commands.hpp"
 #include "Output.hpp"
 
+#include <foundation/storage/vfs/FileStream.hpp>
+
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
 

@@ -3,6 +3,7 @@
 // What every command of the tool shares: the storage system, turning command-line operands into
 // locations, the exit codes, and the one way a failure becomes a line on stderr.
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/vfs.hpp>
 
 #include <atomic>

@@ -1,6 +1,7 @@
 #include "EntryStream.hpp"
 #include "Formats.hpp"
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/archive/ArchiveProvider.hpp>
 
 #include <fl/i18n/ustring.hpp>

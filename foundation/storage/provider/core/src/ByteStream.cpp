@@ -1,6 +1,7 @@
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/throw_exception.hpp>
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 #include <foundation/storage/provider/ChangeEvents.hpp>
+#include <foundation/storage/provider/detail/ChangeCallbacks.hpp>
 
 #include <foundation/log/diagnostic_logger.hpp>
 

@@ -1,6 +1,7 @@
 #include <foundation/storage/provider/ChangePoller.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/detail/ChangeCallbacks.hpp>
 
 #include <condition_variable>
 #include <map>
@@ -8,6 +9,8 @@
 #include <optional>
 #include <thread>
 #include <vector>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 namespace foundation::storage::provider {
 

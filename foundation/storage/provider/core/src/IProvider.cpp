@@ -1,4 +1,5 @@
 #include <foundation/storage/provider/ChangePoller.hpp>
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
 
 #include <boost/property_tree/ptree.hpp>

@@ -1,5 +1,7 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
+
 #include <stdexcept>
 
 namespace foundation::storage::provider {
@@ -60,6 +62,11 @@ StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI locatio
 StorageItem::StorageItem(const StorageItem& parent, ustring name)
     : m_provider(parent.m_provider), m_location(childLocation(parent.m_location, std::move(name)))
 {
+}
+
+ExtendedAttributes StorageItem::getExtendedAttributes() const
+{
+    return m_provider->getExtendedAttributes(m_location);
 }
 
 StorageItem StorageItem::getParent() const { return StorageItem(m_provider, m_location.getParent()); }

@@ -1,5 +1,10 @@
 #include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/property_tree/ptree.hpp>
+
 #include <stdexcept>
 #include <utility>
 

@@ -1,3 +1,4 @@
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 
 #include "Native.hpp"
@@ -5,6 +6,7 @@
 
 #include <foundation/storage/provider/PosixError.hpp>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/property_tree/ptree.hpp>
 
 #include <cerrno>

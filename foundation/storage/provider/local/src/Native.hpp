@@ -19,6 +19,8 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
 namespace foundation::log {
 template <class CharT>
 class basic_diagnostic_logger;

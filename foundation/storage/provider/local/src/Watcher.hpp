@@ -2,7 +2,7 @@
 
 // The local provider's change notification: inotify, read on a thread of the watcher's own.
 
-#include <foundation/storage/provider/ChangeEvents.hpp>
+#include <foundation/storage/provider/detail/ChangeCallbacks.hpp>
 
 #include <memory>
 #include <optional>

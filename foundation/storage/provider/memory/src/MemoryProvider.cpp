@@ -2,6 +2,8 @@
 
 #include "Provider.hpp"
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
+
 namespace foundation::storage::provider::memory::detail {
 
 ProviderCapabilities MemoryProvider::capabilities() const

@@ -1,5 +1,7 @@
 #include "Notifier.hpp"
 
+#include <foundation/storage/provider/detail/ChangeCallbacks.hpp>
+
 #include <condition_variable>
 #include <deque>
 #include <map>

@@ -9,6 +9,8 @@
 #include <atomic>
 #include <memory>
 
+#include <boost/property_tree/ptree.hpp>
+
 namespace foundation::storage::provider::memory::detail {
 
 class Notifier {

@@ -87,8 +87,8 @@ std::vector<FolderEntry> collectEntries(const Node& folder, const ListOptions& o
             return;
         if (!options.pattern.empty() && !matchesWildcard(name, options.pattern))
             return;
-        if (!options.withAttributes)
-            entries.emplace_back(ustring(path), isFile);
+        if (!options.withAttributes) // not emplace_back: g++ 12 sees a false maybe-uninitialized there
+            entries.push_back(FolderEntry(ustring(path), isFile));
         else if (isFile)
             entries.emplace_back(ustring(path), true, fileAttributes(node, name));
         else

@@ -1,3 +1,4 @@
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/s3/S3Provider.hpp>
 
 #include "Streams.hpp"

@@ -5,6 +5,7 @@
 
 #include "Stream.hpp"
 
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/PosixError.hpp>
 #include <foundation/storage/provider/sftp/SftpProvider.hpp>
 

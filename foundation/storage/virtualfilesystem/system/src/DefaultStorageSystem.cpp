@@ -1,3 +1,4 @@
+#include <foundation/core/except/ThrowInternal.hpp>
 #include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/provider/local/LocalProvider.hpp>
 #ifdef VFS_WITH_ARCHIVE_PROVIDER
@@ -20,6 +21,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <map>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 

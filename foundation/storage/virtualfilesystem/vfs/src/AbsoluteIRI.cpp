@@ -1,9 +1,12 @@
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
+#include <foundation/core/except/ThrowInternal.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Logger.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/exception_ptr.hpp>
+
+#include <filesystem>
 
 namespace foundation::storage::vfs {
 

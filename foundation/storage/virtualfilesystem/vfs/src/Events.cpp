@@ -1,10 +1,13 @@
 #include <foundation/storage/vfs/Events.hpp>
 
+#include <foundation/msg_svc/eventmgr/EventMgr.hpp>
+
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/detail/Logger.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
 #include <boost/make_shared.hpp>
+#include <boost/property_tree/ptree.hpp>
 #include <boost/throw_exception.hpp>
 #include <boost/variant/apply_visitor.hpp>
 #include <boost/variant/get.hpp>
@@ -121,12 +124,28 @@ EventData::EventData(const events::Kind& kind, const boost::variant<File, Folder
 {
 }
 
+ExtendedEventData::ExtendedEventData(boost::property_tree::ptree data)
+    : m_data(std::make_shared<const boost::property_tree::ptree>(std::move(data)))
+{
+}
+
+bool ExtendedEventData::empty() const
+{
+    return !m_data || m_data->empty();
+}
+
+boost::property_tree::ptree ExtendedEventData::getData() const
+{
+    return m_data ? *m_data : boost::property_tree::ptree();
+}
+
 boost::property_tree::ptree ExtendedEventData::getData(const ustring& property) const
 {
     std::string path;
     try {
         path = fl::i18n::ustring_to_utf8(property);
-        return m_data.get_child(boost::property_tree::ptree::path_type(path, '.'));
+        static const boost::property_tree::ptree none;
+        return (m_data ? *m_data : none).get_child(boost::property_tree::ptree::path_type(path, '.'));
     } catch (...) {
         throw std::runtime_error("Unable to extract extended event data property " +
                                  (path.empty() ? fl::i18n::ustring_to_utf8_lossy(property) : path));

@@ -1,6 +1,7 @@
 #include <foundation/storage/vfs/Exception.hpp>
 
 #include <boost/exception/get_error_info.hpp>
+#include <boost/exception/info.hpp>
 
 #include <sstream>
 

@@ -1,3 +1,4 @@
+#include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/File.hpp>
 #include <foundation/storage/vfs/Folder.hpp>

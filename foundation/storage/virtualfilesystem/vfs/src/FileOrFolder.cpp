@@ -1,6 +1,7 @@
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/FileOrFolder.hpp>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/throw_exception.hpp>
 #include <boost/variant/apply_visitor.hpp>
 

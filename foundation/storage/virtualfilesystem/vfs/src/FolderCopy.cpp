@@ -3,6 +3,7 @@
 #include <foundation/storage/vfs/Folder.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/exception/get_error_info.hpp>
 #include <boost/exception/info.hpp>
 #include <boost/throw_exception.hpp>

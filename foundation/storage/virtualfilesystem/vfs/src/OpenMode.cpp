@@ -1,6 +1,7 @@
 #include <foundation/storage/vfs/OpenMode.hpp>
 
 #include <foundation/core/except/Exception.hpp>
+#include <foundation/core/except/ThrowInternal.hpp>
 
 #include <ios>
 #include <stdexcept>

@@ -1,3 +1,4 @@
+#include <foundation/core/except/ThrowInternal.hpp>
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
 #include <foundation/storage/vfs/detail/Translate.hpp>

@@ -1,6 +1,9 @@
 #pragma once
 
-// The whole public interface of the vfs library.
+// The public interface of the vfs library. The standard iostreams on files
+// (<foundation/storage/vfs/FileStream.hpp>) and the stream devices (<foundation/storage/vfs/IODevice.hpp>)
+// are built on Boost.Iostreams, which costs every includer much compile time: files that use them
+// include those headers too.
 
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/DefaultStorageSystem.hpp>
@@ -12,8 +15,6 @@
 #include <foundation/storage/vfs/FolderEntries.hpp>
 #include <foundation/storage/vfs/FolderListing.hpp>
 #include <foundation/storage/vfs/FolderVisitor.hpp>
-#include <foundation/storage/vfs/FileStream.hpp>
-#include <foundation/storage/vfs/IODevice.hpp>
 #include <foundation/storage/vfs/OpenMode.hpp>
 #include <foundation/storage/vfs/PosixFILE.hpp>
 #include <foundation/storage/vfs/IOException.hpp>

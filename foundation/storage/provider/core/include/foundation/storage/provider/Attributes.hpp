@@ -4,30 +4,49 @@
 #include <fl/i18n/ustring.hpp>
 #include <foundation/storage/provider/Enumerations.hpp>
 
-#include <boost/date_time/posix_time/posix_time_types.hpp>
-
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <map>
-#include <string>
 #include <optional>
+
+namespace boost::posix_time {
+class ptime;
+} // namespace boost::posix_time
 
 namespace foundation::storage::provider {
 
 using fl::i18n::ustring;
 
-// Times are UTC with microsecond resolution (what boost::posix_time keeps).
+// Times are UTC with microsecond resolution (what boost::posix_time keeps). The attributes hold a
+// time without the (heavy) definition of boost::posix_time::ptime: code that makes attributes or
+// reads their times includes <boost/date_time/posix_time/ptime.hpp> itself.
+
+namespace detail {
+
+// A boost::posix_time::ptime by value, special values (not_a_date_time, infinities) included.
+class VFS_EXPORT StoredTime {
+public:
+    StoredTime(const boost::posix_time::ptime& time) noexcept;
+    boost::posix_time::ptime get() const noexcept;
+    friend bool operator==(const StoredTime&, const StoredTime&) = default;
+
+private:
+    std::int64_t m_representation; // the bytes of the ptime
+};
+
+} // namespace detail
+
+struct ExtendedAttributes; // <foundation/storage/provider/ExtendedAttributes.hpp>
 
 class VFS_EXPORT FileAttributes {
 public:
-    FileAttributes(std::uint64_t size, boost::posix_time::ptime lastModified, bool writable, bool symlink = false,
-                   bool hidden = false) noexcept
+    FileAttributes(std::uint64_t size, const boost::posix_time::ptime& lastModified, bool writable,
+                   bool symlink = false, bool hidden = false) noexcept
         : m_size(size), m_lastModified(lastModified), m_writable(writable), m_symlink(symlink), m_hidden(hidden)
     {
     }
     std::uint64_t getSize() const noexcept { return m_size; }
-    const boost::posix_time::ptime& getLastModified() const noexcept { return m_lastModified; }
+    boost::posix_time::ptime getLastModified() const noexcept;
     bool isWritable() const noexcept { return m_writable; }
     // The location is a symbolic link; the other attributes are those of its target.
     bool isSymlink() const noexcept { return m_symlink; }
@@ -37,7 +56,7 @@ public:
 
 private:
     std::uint64_t m_size;
-    boost::posix_time::ptime m_lastModified;
+    detail::StoredTime m_lastModified;
     bool m_writable;
     bool m_symlink;
     bool m_hidden;
@@ -45,40 +64,22 @@ private:
 
 class VFS_EXPORT FolderAttributes {
 public:
-    FolderAttributes(boost::posix_time::ptime lastModified, bool writable, bool symlink = false,
+    FolderAttributes(const boost::posix_time::ptime& lastModified, bool writable, bool symlink = false,
                      bool hidden = false) noexcept
         : m_lastModified(lastModified), m_writable(writable), m_symlink(symlink), m_hidden(hidden)
     {
     }
-    const boost::posix_time::ptime& getLastModified() const noexcept { return m_lastModified; }
+    boost::posix_time::ptime getLastModified() const noexcept;
     bool isWritable() const noexcept { return m_writable; }
     bool isSymlink() const noexcept { return m_symlink; }
     bool isHidden() const noexcept { return m_hidden; }
     friend bool operator==(const FolderAttributes&, const FolderAttributes&) = default;
 
 private:
-    boost::posix_time::ptime m_lastModified;
+    detail::StoredTime m_lastModified;
     bool m_writable;
     bool m_symlink;
     bool m_hidden;
-};
-
-// What a storage knows beyond the everyday attributes; each field is empty where the storage has
-// no such notion.
-struct ExtendedAttributes {
-    std::optional<boost::posix_time::ptime> lastAccessed;
-    std::optional<boost::posix_time::ptime> statusChanged;
-    std::optional<std::uint32_t> posixMode; // permission and type bits
-    std::optional<std::uint32_t> ownerId;
-    std::optional<std::uint32_t> groupId;
-    std::optional<std::uint64_t> linkCount;
-    std::optional<std::uint64_t> device;
-    std::optional<std::uint64_t> inode;
-    std::optional<std::uint64_t> allocatedBytes;
-    // Named extended attributes (POSIX xattrs: "user.comment" -> value bytes) where the storage keeps
-    // them; empty where it keeps none.
-    std::map<std::string, std::string> namedAttributes;
-    friend bool operator==(const ExtendedAttributes&, const ExtendedAttributes&) = default;
 };
 
 // Space of the storage behind a location. Fields are empty where the storage cannot tell.

@@ -4,7 +4,6 @@
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <boost/iostreams/categories.hpp>
-#include <boost/iostreams/positioning.hpp>
 
 #include <cstdint>
 #include <ios>
@@ -106,7 +105,7 @@ public:
 
     std::streamsize read(char* s, std::streamsize n) { return m_stream->read(s, n); }
     std::streamsize write(const char* s, std::streamsize n) { return m_stream->write(s, n); }
-    std::streampos seek(boost::iostreams::stream_offset off, std::ios_base::seekdir way)
+    std::streampos seek(std::streamoff off, std::ios_base::seekdir way)
     {
         return m_stream->seek(off, way);
     }

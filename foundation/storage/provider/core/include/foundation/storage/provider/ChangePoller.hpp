@@ -3,7 +3,7 @@
 #include <foundation/storage/provider/ChangeEvents.hpp>
 #include <foundation/storage/provider/IProvider.hpp>
 
-#include <chrono>
+#include <fl/chrono/duration.hpp>
 #include <memory>
 
 namespace foundation::storage::provider {

@@ -3,7 +3,7 @@
 #include <fl/export.hpp>
 
 #include <cstdint>
-#include <ostream>
+#include <iosfwd>
 
 namespace foundation::storage::provider {
 

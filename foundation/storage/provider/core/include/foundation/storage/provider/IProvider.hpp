@@ -10,7 +10,7 @@
 
 #include <boost/property_tree/ptree_fwd.hpp>
 
-#include <chrono>
+#include <fl/chrono/duration.hpp>
 #include <cstdint>
 #include <memory>
 #include <string_view>

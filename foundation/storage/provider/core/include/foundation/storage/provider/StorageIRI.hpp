@@ -1,7 +1,7 @@
 #pragma once
 
 #include <fl/export.hpp>
-#include <fl/filesystem/path.hpp>
+#include <fl/filesystem/path_fwd.hpp>
 #include <fl/i18n/ustring.hpp>
 
 #include <cstddef>

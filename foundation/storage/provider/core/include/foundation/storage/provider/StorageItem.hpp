@@ -35,7 +35,7 @@ public:
 
     FileAttributes getFileAttributes() const { return m_provider->getFileAttributes(m_location); }
     FolderAttributes getFolderAttributes() const { return m_provider->getFolderAttributes(m_location); }
-    ExtendedAttributes getExtendedAttributes() const { return m_provider->getExtendedAttributes(m_location); }
+    ExtendedAttributes getExtendedAttributes() const;
     void setLastModified(const boost::posix_time::ptime& time) const { m_provider->setLastModified(m_location, time); }
     void setWritable(bool writable) const { m_provider->setWritable(m_location, writable); }
     void truncateToSize(std::uint64_t size) const { m_provider->truncateToSize(m_location, size); }

@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace foundation::storage::vfs {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <fl/filesystem/path.hpp>
+#include <fl/filesystem/path_fwd.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 
 #include <ostream>

@@ -1,21 +1,25 @@
 #pragma once
 
-#include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/events/Event.hpp>
 #include <foundation/storage/vfs/File.hpp>
 #include <foundation/storage/vfs/Folder.hpp>
 
-#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/ptree_fwd.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/variant/variant.hpp>
 
-#include <chrono>
+#include <fl/chrono/duration.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <ostream>
+#include <iosfwd>
 #include <string>
 #include <vector>
+
+namespace foundation::msg_svc::eventmgr {
+class Connection;
+class EventMgr;
+} // namespace foundation::msg_svc::eventmgr
 
 namespace foundation::storage::vfs {
 
@@ -52,16 +56,17 @@ private:
 class VFS_EXPORT ExtendedEventData {
 public:
     ExtendedEventData() = default;
-    explicit ExtendedEventData(boost::property_tree::ptree data) : m_data(std::move(data)) {}
+    explicit ExtendedEventData(boost::property_tree::ptree data);
     // True when the tree's root has no children (a value at the root alone does not count).
-    bool empty() const { return m_data.empty(); }
-    boost::property_tree::ptree getData() const { return m_data; }
+    bool empty() const;
+    boost::property_tree::ptree getData() const;
     // The subtree at the '.'-separated path; std::runtime_error "Unable to extract extended event
     // data property <path>" when there is none.
     boost::property_tree::ptree getData(const ustring& property) const;
 
 private:
-    boost::property_tree::ptree m_data;
+    // Shared between the copies of one event, which never change it; null for no data.
+    std::shared_ptr<const boost::property_tree::ptree> m_data;
 };
 
 // A change of a watched file or folder, published to the storage system's event manager. Its type

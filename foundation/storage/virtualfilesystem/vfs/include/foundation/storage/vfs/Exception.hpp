@@ -5,12 +5,11 @@
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 
 #include <boost/exception/exception.hpp>
-#include <boost/exception/info.hpp>
 
 #include <cstdint>
 #include <deque>
 #include <optional>
-#include <ostream>
+#include <iosfwd>
 #include <string>
 #include <system_error>
 #include <vector>

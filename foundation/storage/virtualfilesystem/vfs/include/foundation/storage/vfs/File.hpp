@@ -2,16 +2,16 @@
 
 #include <fl/i18n/ustring.hpp>
 #include <foundation/storage/provider/ByteStream.hpp>
-#include <foundation/storage/events/Event.hpp>
+#include <foundation/storage/events/EventKinds.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/vfs/AbsoluteIRI.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
 
-#include <boost/date_time/posix_time/ptime.hpp>
 
 #include <cstdint>
-#include <ostream>
+#include <iosfwd>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace foundation::storage::vfs {
@@ -130,5 +130,12 @@ private:
 
 // Writes the location.
 VFS_EXPORT std::ostream& operator<<(std::ostream& out, const File& file);
+
+// The whole content of `file`. Failures as IODevice's (<foundation/storage/vfs/IODevice.hpp>).
+VFS_EXPORT std::string readAll(const File& file);
+// Makes `bytes` the whole content of `file`, created when missing, through its transactional
+// stream: a reader sees the old content or the new one, never a part, and a failure (an
+// I/O exception) leaves the old content in place.
+VFS_EXPORT void writeAll(const File& file, std::string_view bytes);
 
 } // namespace foundation::storage::vfs

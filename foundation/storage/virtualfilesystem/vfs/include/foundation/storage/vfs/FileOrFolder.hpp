@@ -7,7 +7,6 @@
 #include <foundation/storage/vfs/Folder.hpp>
 #include <foundation/storage/vfs/FolderEntries.hpp>
 
-#include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/variant/variant.hpp>
 
 namespace foundation::storage::vfs {

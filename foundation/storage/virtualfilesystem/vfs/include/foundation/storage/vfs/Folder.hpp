@@ -5,14 +5,13 @@
 #include <foundation/storage/vfs/File.hpp>
 #include <foundation/storage/vfs/StorageSystem.hpp>
 
-#include <boost/date_time/posix_time/ptime.hpp>
 #include <boost/variant/variant_fwd.hpp>
 
-#include <chrono>
+#include <fl/chrono/duration.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <ostream>
+#include <iosfwd>
 #include <vector>
 
 namespace foundation::storage::vfs {

@@ -107,11 +107,4 @@ private:
     std::unique_ptr<provider::TransactionalStreamDevice> m_device;
 };
 
-// The whole content of `file`. Failures as IODevice's.
-VFS_EXPORT std::string readAll(const File& file);
-// Makes `bytes` the whole content of `file`, created when missing, through its transactional
-// stream: a reader sees the old content or the new one, never a part, and a failure (an
-// I/O exception) leaves the old content in place.
-VFS_EXPORT void writeAll(const File& file, std::string_view bytes);
-
 } // namespace foundation::storage::vfs

@@ -2,7 +2,7 @@
 
 #include <foundation/storage/provider/IProvider.hpp>
 
-#include <chrono>
+#include <fl/chrono/duration.hpp>
 #include <cstdint>
 #include <memory>
 #include <string>
