@@ -7,6 +7,7 @@
 // lost.
 #pragma once
 
+#include <foundation/msg_svc/eventmgr/EventMgr.hpp>
 #include <foundation/storage/vfs.hpp>
 
 #include <algorithm>

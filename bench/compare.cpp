@@ -15,6 +15,7 @@
 #include "EventLatency.hpp"
 
 #include <foundation/storage/vfs.hpp>
+#include <foundation/storage/vfs/FileStream.hpp>
 
 #include <dirent.h>
 #include <fcntl.h>
