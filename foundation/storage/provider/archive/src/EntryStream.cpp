@@ -295,7 +295,9 @@ public:
     {
         check(StreamOperation::Close);
         m_closed = true;
-        if (m_transactional ? policy == StreamClosePolicy::Commit : m_dirty)
+        const bool storing = m_transactional ? policy == StreamClosePolicy::Commit : m_dirty;
+        m_dirty = false; // a failed store is reported here, not tried again when destroyed
+        if (storing)
             stored(StreamOperation::Close);
         ::close(std::exchange(m_fd, -1));
     }
