@@ -1,17 +1,17 @@
 // What is specific to the sftp provider; its behaviour as a provider is the conformance suites'.
 
-#include "ProviderHarness.hpp"
-#include "Threads.hpp"
+#include <KitPrelude.hpp>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace vfs_test {
 namespace {
-
-using provider::ErrorCode;
-using provider::ReplacementPolicy;
 
 std::string slurp(const std::filesystem::path& path)
 {
@@ -104,12 +104,23 @@ TEST_F(SftpTest, HostAndUserKeysAreCheckedAndAnUnreachableHostFailsClearly)
         const char* context;
     };
     const ustring authority = server->base().substr(7, server->base().size() - 8);
+    // A port that takes connections and never says a word: the handshake must give up in time.
+    const int silent = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(silent, 4), 0);
+    ASSERT_EQ(::getsockname(silent, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const ustring silentHost = u"127.0.0.1:" + fl::i18n::utf8_to_ustring(std::to_string(ntohs(address.sin_port)));
     const std::vector<Row> rows{
         {"unknown host", "", (*server)["SFTP_KEY"], authority, ErrorCode::PermissionDenied, "known_hosts"},
         {"changed host key", changed, (*server)["SFTP_KEY"], authority, ErrorCode::PermissionDenied, "known_hosts"},
         {"key not authorised", known, (std::filesystem::path((*server)["SFTP_KEY"]).parent_path() / "host_key").string(), authority, ErrorCode::PermissionDenied, "authentication"},
         {"no key file", known, harness->dir().path().string() + "/missing", authority, ErrorCode::PermissionDenied, "authentication"},
         {"closed port", known, (*server)["SFTP_KEY"], u"127.0.0.1:1", ErrorCode::IOError, "connect"},
+        {"silent host", known, (*server)["SFTP_KEY"], silentHost, ErrorCode::IOError, "timeout"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -117,10 +128,12 @@ TEST_F(SftpTest, HostAndUserKeysAreCheckedAndAnUnreachableHostFailsClearly)
         auto options = server->options();
         options.knownHostsFile = local("known_hosts").string();
         options.identityFile = row.identity;
+        options.connectTimeout = std::chrono::milliseconds(500);
         const StorageIRI location(u"sftp://" + row.authority + u"/tmp");
         EXPECT_TRUE(failsWith([&] { provider::sftp::makeSftpProvider(options)->exists(location); }, row.code, location, row.context));
         EXPECT_EQ(slurp(local("known_hosts")), row.knownHosts) << "a refused key is never recorded";
     }
+    ::close(silent);
     // Accepting a new host records it; a changed key is refused all the same.
     auto options = server->options();
     options.knownHostsFile = local("known_hosts").string();
