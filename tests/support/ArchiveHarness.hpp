@@ -1,7 +1,8 @@
 #pragma once
 
-// The zip: and tar: providers in the kit: read-only storages whose trees the harness stages and
-// then rebuilds the container from, in a memory volume, on each makeFile()/makeFolder().
+// The zip: and tar: providers in the kit, their container in a memory volume. Zip is writable: the
+// harness creates the archive through the provider and builds trees through it. Tar is read-only:
+// the harness stages its trees and rebuilds the container on each makeFile()/makeFolder().
 
 #include "ArchiveFixtures.hpp"
 
@@ -55,7 +56,10 @@ public:
         m_provider = provider::archive::makeArchiveProvider(archiveContext(m_memory, m_self), archiveOptions(format));
         *m_self = m_provider;
         m_root = StorageIRI(format == provider::archive::ArchiveFormat::Zip ? u"zip" : u"tar", m_container, u"/");
-        rebuild();
+        if (writable())
+            m_provider->createFolder(m_root);
+        else
+            rebuild();
     }
 
     std::shared_ptr<provider::IProvider> provider() const override { return m_provider; }
@@ -66,18 +70,23 @@ public:
     }
     StorageIRI makeFolder(const ustring& relative) const override
     {
+        if (writable())
+            return ProviderHarness::makeFolder(relative);
         stage(relative, std::nullopt);
         rebuild();
         return StorageIRI(m_root, relative);
     }
     StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const override
     {
+        if (writable())
+            return ProviderHarness::makeFile(relative, size);
         stage(relative, std::string(size, '\0'));
         rebuild();
         return StorageIRI(m_root, relative);
     }
 
 private:
+    bool writable() const { return m_provider->capabilities().writable; }
     void stage(const ustring& relative, std::optional<std::string> content) const
     {
         const std::string path = fl::i18n::ustring_to_utf8(StorageIRI(m_root, relative).getPath()).substr(1);

@@ -1,5 +1,6 @@
 #include "EntryStream.hpp"
 #include "Formats.hpp"
+#include "ZipEdit.hpp"
 
 #include <foundation/storage/provider/ExtendedAttributes.hpp>
 #include <foundation/storage/provider/archive/ArchiveProvider.hpp>
@@ -8,9 +9,13 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include <atomic>
 #include <charconv>
 #include <map>
 #include <mutex>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace foundation::storage::provider::archive {
 
@@ -18,13 +23,30 @@ namespace {
 
 using detail::Index;
 using detail::Node;
+using detail::Segments;
+using detail::ZipEdit;
 
 constexpr std::size_t indexesKept = 64;
 
-[[noreturn]] void readOnly(const StorageIRI& location, std::u16string_view operation)
+[[noreturn]] void fail(ErrorCode code, const StorageIRI& location, std::u16string_view operation, std::u16string_view kind = {})
 {
-    throwProviderError(ErrorCode::ReadOnlyProvider, location, {ExceptionContext(ustring(operation))},
-                       u"archives of this kind are read-only");
+    ExceptionContexts contexts{ExceptionContext(ustring(operation))};
+    if (!kind.empty())
+        contexts.emplace_back(ustring(kind));
+    throwProviderError(code, location, std::move(contexts));
+}
+
+// The path of an entry to be written, as segments; names an extracting tool could not write back
+// inside its target folder are refused.
+Segments segmentsOf(const StorageIRI& location)
+{
+    Segments segments;
+    for (const std::u16string_view segment : location.getPathView()) {
+        if (segment.empty() || segment == u"." || segment == u".." || segment.find_first_of(std::u16string_view(u"/\0", 2)) != std::u16string_view::npos)
+            fail(ErrorCode::InvalidLocation, location, u"entry-name", u"unsafe-name");
+        segments.emplace_back(segment);
+    }
+    return segments;
 }
 
 bool hiddenName(const ustring& name)
@@ -69,7 +91,7 @@ private:
     std::size_t m_position;
 };
 
-class ArchiveProvider final : public IProvider {
+class ArchiveProvider final : public IProvider, public std::enable_shared_from_this<ArchiveProvider> {
 public:
     ArchiveProvider(ProviderContext context, ArchiveProviderOptions options)
         : m_format(options.format), m_resolve(std::move(context.resolve)), m_options(std::move(options))
@@ -85,15 +107,30 @@ public:
         capabilities.with(ExtendedFeature::RecursiveListing)
             .with(ExtendedFeature::FlatWildcardListing)
             .with(ExtendedFeature::RecursiveWildcardListing);
-        capabilities.writable = false;
-        // Zip keeps DOS times (two seconds), tar whole seconds unless pax records add more.
-        capabilities.timeResolution = m_format == ArchiveFormat::Zip ? std::chrono::seconds(2) : std::chrono::seconds(1);
+        // Tar keeps whole seconds unless pax records add more. Zip entries keep the time this
+        // library gives them in an NTFS field (100 ns); other writers' entries may have only DOS
+        // times (two seconds).
+        capabilities.writable = m_format == ArchiveFormat::Zip;
+        capabilities.timeResolution = std::chrono::seconds(1);
+        if (capabilities.writable) {
+            capabilities.with(ExtendedFeature::RecursiveRemoval);
+            capabilities.atomicReplace = true;
+            capabilities.timeResolution = std::chrono::nanoseconds(100);
+        }
         return capabilities;
     }
 
     ExistenceType doExists(const StorageIRI& location) const override
     {
-        const auto index = indexOf(location);
+        std::shared_ptr<const Index> index;
+        try {
+            index = indexOf(location);
+        } catch (const Exception& error) {
+            // No archive there (nothing, or a folder) holds nothing.
+            if (error.getErrorCode() == ErrorCode::ResourceNotFound && error.getStorageIRI() == location.getInnerIRI())
+                return ExistenceType::NotFound;
+            throw;
+        }
         const Node* node = index->find(location);
         return !node ? ExistenceType::NotFound : node->folder ? ExistenceType::Folder : ExistenceType::File;
     }
@@ -213,25 +250,381 @@ public:
         m_indexes.clear();
     }
 
-    // ---- changes: a read-only storage ---------------------------------------------------------------
-    void doSetLastModified(const StorageIRI& l, const boost::posix_time::ptime&) const override { readOnly(l, u"setLastModified"); }
-    void doTruncateToSize(const StorageIRI& l, std::uint64_t) const override { readOnly(l, u"truncateToSize"); }
-    void doCreateFile(const StorageIRI& l) const override { readOnly(l, u"createFile"); }
-    void doRemoveFile(const StorageIRI& l) const override { readOnly(l, u"removeFile"); }
-    void doCreateFolder(const StorageIRI& l) const override { readOnly(l, u"createFolder"); }
-    void doRemoveFolder(const StorageIRI& l) const override { readOnly(l, u"removeFolder"); }
-    void doMoveFile(const StorageIRI& l, const StorageIRI&, ReplacementPolicy) const override { readOnly(l, u"moveFile"); }
-    void doMoveFolder(const StorageIRI& l, const StorageIRI&, ReplacementPolicy) const override { readOnly(l, u"moveFolder"); }
-    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& l, const ByteStreamOpenOptions&) const override
+    // ---- changes (zip only; the front refuses them on tar) -------------------------------------------
+    // Each change is committed whole, through the container's transactional stream, before the call
+    // returns; changes of one provider are made one at a time.
+
+    void doCreateFile(const StorageIRI& location) const override
     {
-        readOnly(l, u"openStream");
+        change(location, [&](const Index& index, Edit& edit) {
+            const Segments path = freeName(index, location, location);
+            edit().addFile(path, -1, 0);
+        });
     }
-    std::unique_ptr<TransactionalByteStream> doOpenTransactionalStream(const StorageIRI& l, const ByteStreamOpenOptions&) const override
+
+    void doCreateFolder(const StorageIRI& location) const override
     {
-        readOnly(l, u"openTransactionalStream");
+        change(location, [&](const Index& index, Edit& edit) {
+            if (!location.hasParent()) { // the archive itself
+                if (!edit.missing)
+                    fail(ErrorCode::ResourceAlreadyExists, location, u"createFolder");
+                edit.createEmpty = true;
+                return;
+            }
+            const Segments path = freeName(index, location, location);
+            edit().addFolder(path);
+        });
+    }
+
+    void doCreateFolderRecursive(const StorageIRI& location) const override
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            const Segments path = segmentsOf(location);
+            edit.createEmpty = true;
+            Segments prefix;
+            for (std::size_t i = 0; i < path.size(); ++i) {
+                prefix.push_back(path[i]);
+                const Node* node = index.find(StorageIRI(location.getScheme(), location.getInnerIRI(), joined(prefix)));
+                if (node && !node->folder)
+                    fail(ErrorCode::ResourceAlreadyExists, location, u"createFolderRecursive", u"file-in-the-way");
+                if (!node)
+                    edit().addFolder(prefix);
+            }
+        });
+    }
+
+    void doRemoveFile(const StorageIRI& location) const override
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            existing(index, location, u"removeFile", false);
+            removeEntries(edit(), location, false);
+        });
+    }
+
+    void doRemoveFolder(const StorageIRI& location) const override
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            const Node& node = existingBelowRoot(index, location, u"removeFolder");
+            if (!node.children.empty())
+                fail(ErrorCode::FolderNotEmpty, location, u"removeFolder");
+            removeEntries(edit(), location, false);
+        });
+    }
+
+    void doRemoveFolderRecursively(const StorageIRI& location) const override
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            existingBelowRoot(index, location, u"removeFolderRecursively");
+            removeEntries(edit(), location, true);
+        });
+    }
+
+    void doMoveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        sameArchive(location, destination);
+        change(location, [&](const Index& index, Edit& edit) {
+            const Node& source = existing(index, location, u"moveFile", false);
+            if (destination == location)
+                return;
+            const Segments to = parentFolder(index, destination, u"moveFile");
+            if (const Node* target = index.find(destination)) {
+                if (target->folder || policy == ReplacementPolicy::FailIfExists)
+                    fail(ErrorCode::ResourceAlreadyExists, destination, u"moveFile");
+                if (policy == ReplacementPolicy::ReplaceIfNewer && !(source.modified > target->modified))
+                    return;
+                for (const auto& entry : edit().entries(to, false))
+                    edit().remove(entry.index);
+            }
+            renameEntries(edit(), segmentsOf(location), to, false);
+            edit().keepFolder(segmentsOf(location.getParent()));
+        });
+    }
+
+    void doMoveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
+    {
+        sameArchive(location, destination);
+        change(location, [&](const Index& index, Edit& edit) {
+            const Node& source = existingBelowRoot(index, location, u"moveFolder");
+            if (destination == location)
+                return;
+            if (location.isAncestorOf(destination))
+                fail(ErrorCode::InvalidLocation, destination, u"moveFolder", u"into-itself");
+            const Segments to = parentFolder(index, destination, u"moveFolder");
+            if (const Node* target = index.find(destination)) {
+                if (!target->folder || policy == ReplacementPolicy::FailIfExists)
+                    fail(ErrorCode::ResourceAlreadyExists, destination, u"moveFolder");
+                if (!target->children.empty())
+                    fail(ErrorCode::FolderNotEmpty, destination, u"moveFolder");
+                for (const auto& entry : edit().entries(to, false))
+                    edit().remove(entry.index);
+            }
+            renameEntries(edit(), segmentsOf(location), to, true);
+            if (!source.entry) // a folder the archive only implied
+                edit().keepFolder(to);
+            edit().keepFolder(segmentsOf(location.getParent()));
+        });
+    }
+
+    void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
+    {
+        if (!location.hasParent())
+            return containerProvider(location)->setLastModified(location.getInnerIRI(), time);
+        if (time.is_special() || time < boost::posix_time::ptime(boost::gregorian::date(1601, 1, 1)))
+            fail(ErrorCode::InvalidLocation, location, u"setLastModified", u"time-out-of-range");
+        changeEntry(location, u"setLastModified", [&](ZipEdit& edit, std::uint64_t index, bool) { edit.setTime(index, time); });
+    }
+
+    void doSetWritable(const StorageIRI& location, bool writable) const override
+    {
+        if (!location.hasParent())
+            return containerProvider(location)->setWritable(location.getInnerIRI(), writable);
+        changeEntry(location, u"setWritable", [&](ZipEdit& edit, std::uint64_t index, bool folder) {
+            const std::uint32_t mode = edit.mode(index).value_or(folder ? S_IFDIR | 0755 : S_IFREG | 0644);
+            edit.setMode(index, writable ? mode | 0200 : mode & ~0222u);
+        });
+    }
+
+    void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const override
+    {
+        const std::uint64_t limit = settings().expansionLimitBytes;
+        if (size > limit)
+            throwProviderError(ErrorCode::NoSpaceLeft, location,
+                               {ExceptionContext(u"expansion-limit", fl::i18n::utf8_to_ustring(std::to_string(limit)))},
+                               u"the entry would grow beyond the configured expansion limit");
+        bool created = false;
+        const int spool = spoolFor(location, {ByteStreamAccess::Write, ByteStreamCreation::OpenExisting, 1, 1}, size, created);
+        try {
+            storeEntry(location, spool, size);
+        } catch (...) {
+            ::close(spool);
+            throw;
+        }
+        ::close(spool);
+    }
+
+    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location, const ByteStreamOpenOptions& options) const override
+    {
+        return openWriter(location, options, false);
+    }
+
+    std::unique_ptr<TransactionalByteStream> doOpenTransactionalStream(const StorageIRI& location,
+                                                                       const ByteStreamOpenOptions& options) const override
+    {
+        return openWriter(location, options, true);
     }
 
 private:
+    // A change in the making: the edit of the container opens when first needed.
+    struct Edit {
+        detail::ContainerAccess access;
+        bool missing; // the container does not exist yet
+        bool createEmpty = false;
+        std::unique_ptr<ZipEdit> zip;
+        ZipEdit& operator()()
+        {
+            if (!zip)
+                zip = std::make_unique<ZipEdit>(access, missing);
+            return *zip;
+        }
+    };
+
+    // Runs `make(index, edit)` on the container's current tree (empty when the container is missing)
+    // and commits what it changed, while no other change of this provider runs.
+    template <class Make>
+    void change(const StorageIRI& location, Make&& make) const
+    {
+        std::lock_guard writing(m_writeMutex);
+        const StorageIRI container = location.getInnerIRI();
+        const bool missing = containerMissing(location);
+        const auto index = missing ? std::make_shared<const Index>(container, detail::Stamp{}) : indexOf(location);
+        Edit edit{accessTo(location), missing, false, nullptr};
+        make(*index, edit);
+        if (!edit.zip && !(edit.createEmpty && missing))
+            return;
+        try {
+            edit().commit(edit.createEmpty);
+        } catch (...) {
+            forget(container);
+            throw;
+        }
+        forget(container);
+    }
+
+    // Applies `set(edit, entry index, folder)` to each entry of the file or folder at `location`; a
+    // folder the archive only implies gets an entry of its own first.
+    template <class Set>
+    void changeEntry(const StorageIRI& location, std::u16string_view operation, Set&& set) const
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            const Node* node = index.find(location);
+            if (!node)
+                fail(ErrorCode::ResourceNotFound, location, operation);
+            const Segments path = segmentsOf(location);
+            auto entries = edit().entries(path, false);
+            if (entries.empty())
+                entries.push_back({edit().addFolder(path), path, true});
+            for (const auto& entry : entries)
+                set(edit(), entry.index, node->folder);
+        });
+    }
+
+    // Whether the location's container is missing; one that is a folder is refused.
+    bool containerMissing(const StorageIRI& location) const
+    {
+        const StorageIRI container = location.getInnerIRI();
+        switch (m_resolve(container)->exists(container)) {
+        case ExistenceType::File:
+            return false;
+        case ExistenceType::NotFound:
+            return true;
+        case ExistenceType::Folder:
+            break;
+        }
+        throwProviderError(ErrorCode::ResourceNotFound, container, {ExceptionContext(u"container"), ExceptionContext(u"not-a-file")},
+                           u"a folder is no archive");
+    }
+
+    std::shared_ptr<IProvider> containerProvider(const StorageIRI& location) const { return m_resolve(location.getInnerIRI()); }
+
+    void forget(const StorageIRI& container) const
+    {
+        std::lock_guard lock(m_mutex);
+        m_indexes.erase(container);
+        ++m_generation;
+    }
+
+    static void sameArchive(const StorageIRI& location, const StorageIRI& destination)
+    {
+        if (location.getInnerIRI() != destination.getInnerIRI())
+            fail(ErrorCode::UnsupportedOperation, destination, u"cross-provider-move");
+    }
+
+    static ustring joined(const Segments& path)
+    {
+        ustring text;
+        for (const ustring& segment : path)
+            text += u"/" + segment;
+        return text.empty() ? ustring(u"/") : text;
+    }
+
+    // The path of a new entry at `location`: nothing may be there, and its parent must be a folder.
+    static Segments freeName(const Index& index, const StorageIRI& location, const StorageIRI& reported)
+    {
+        const Segments path = segmentsOf(location);
+        if (index.find(location))
+            fail(ErrorCode::ResourceAlreadyExists, reported, u"create");
+        const Node* parent = index.find(location.getParent());
+        if (!parent || !parent->folder)
+            fail(ErrorCode::ResourceNotFound, reported, u"create", u"no-parent-folder");
+        return path;
+    }
+
+    static Segments parentFolder(const Index& index, const StorageIRI& destination, std::u16string_view operation)
+    {
+        const Node* parent = index.find(destination.getParent());
+        if (!parent || !parent->folder)
+            fail(ErrorCode::ResourceNotFound, destination, operation, u"no-parent-folder");
+        return segmentsOf(destination);
+    }
+
+    static const Node& existingBelowRoot(const Index& index, const StorageIRI& location, std::u16string_view operation)
+    {
+        if (!location.hasParent())
+            fail(ErrorCode::InvalidLocation, location, operation, u"archive-root");
+        return existing(index, location, operation, true);
+    }
+
+    static void removeEntries(ZipEdit& edit, const StorageIRI& location, bool below)
+    {
+        for (const auto& entry : edit.entries(segmentsOf(location), below))
+            edit.remove(entry.index);
+        edit.keepFolder(segmentsOf(location.getParent()));
+    }
+
+    // Renames the entries at `from` (and below it) to `to`. Of entries that end up with one name
+    // the last one, which readers saw, stays.
+    static void renameEntries(ZipEdit& edit, const Segments& from, const Segments& to, bool below)
+    {
+        auto entries = edit.entries(from, below);
+        std::set<std::pair<Segments, bool>> taken;
+        for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+            Segments path = to;
+            path.insert(path.end(), entry->path.begin() + static_cast<std::ptrdiff_t>(from.size()), entry->path.end());
+            if (taken.emplace(path, entry->folder).second)
+                edit.rename(*entry, path);
+            else
+                edit.remove(entry->index);
+        }
+    }
+
+    // Stores the first `size` bytes of `fd` as the file at `location`, keeping its permissions.
+    void storeEntry(const StorageIRI& location, int fd, std::uint64_t size) const
+    {
+        change(location, [&](const Index& index, Edit& edit) {
+            const Node* node = index.find(location);
+            if (node && node->folder)
+                fail(ErrorCode::ResourceNotFound, location, u"store", u"not-a-file");
+            const Segments path = node ? segmentsOf(location) : freeName(index, location, location);
+            std::optional<std::uint32_t> mode;
+            for (const auto& entry : edit().entries(path, false)) {
+                mode = edit().mode(entry.index);
+                edit().remove(entry.index);
+            }
+            const std::uint64_t added = edit().addFile(path, fd, size);
+            if (mode)
+                edit().setMode(added, *mode);
+        });
+    }
+
+    // The spool a writing stream (or a truncation, `resize`) starts from: the entry's content when
+    // it is kept, else nothing. Checks that a file may be written at `location`.
+    int spoolFor(const StorageIRI& location, const ByteStreamOpenOptions& options, std::optional<std::uint64_t> resize,
+                 bool& created) const
+    {
+        const bool missing = containerMissing(location);
+        const auto index = missing ? std::make_shared<const Index>(location.getInnerIRI(), detail::Stamp{}) : indexOf(location);
+        const Node* node = index->find(location);
+        if (node && node->folder)
+            fail(ErrorCode::ResourceNotFound, location, u"openStream", u"not-a-file");
+        if (!node && options.creation == ByteStreamCreation::OpenExisting)
+            fail(ErrorCode::ResourceNotFound, location, u"openStream");
+        if (!node)
+            freeName(*index, location, location);
+        created = !node || (!options.keepContent && node->size != 0);
+        const std::uint64_t limit = settings().expansionLimitBytes;
+        const bool keep = node && (options.keepContent || resize);
+        if (keep && node->size > limit)
+            throwProviderError(ErrorCode::NoSpaceLeft, location,
+                               {ExceptionContext(u"expansion-limit", fl::i18n::utf8_to_ustring(std::to_string(limit)))},
+                               u"the entry expands beyond the configured limit");
+        try {
+            std::unique_ptr<detail::EntryReader> reader;
+            if (keep)
+                reader = detail::openEntryReader(accessTo(location), index, *node);
+            return detail::spoolEntry(reader.get(), resize.value_or(keep ? node->size : 0));
+        } catch (const detail::ContainerChanged&) {
+            throwProviderError(ErrorCode::ResourceInUse, location.getInnerIRI(), {ExceptionContext(u"container-changed")},
+                               u"the archive changed while the entry was read");
+        } catch (const ByteStreamFailure& failure) {
+            throwProviderError(failure.getErrorCode(), location, failure.getAllExceptionContexts(),
+                               fl::i18n::utf8_to_ustring_lossy(failure.what()));
+        }
+    }
+
+    std::unique_ptr<TransactionalByteStream> openWriter(const StorageIRI& location, const ByteStreamOpenOptions& options,
+                                                        bool transactional) const
+    {
+        bool created = false;
+        const int spool = spoolFor(location, options, std::nullopt, created);
+        auto stream = detail::makeEntryWriteStream(
+            spool, options, transactional, settings().expansionLimitBytes,
+            [self = shared_from_this(), location](int fd, std::uint64_t size) { self->storeEntry(location, fd, size); });
+        // A plain stream's file is there (or emptied) from the moment it opens, as on a disk.
+        if (!transactional && created)
+            storeEntry(location, -1, 0);
+        return stream;
+    }
+
     ArchiveProviderOptions settings() const
     {
         std::lock_guard lock(m_mutex);
@@ -317,8 +710,11 @@ private:
             if (found != m_indexes.end() && found->second->stamp() == stamp)
                 return found->second;
         }
+        const std::uint64_t generation = m_generation;
         std::shared_ptr<const Index> built = detail::buildIndex(accessTo(location), stamp);
         std::lock_guard lock(m_mutex);
+        if (generation != m_generation) // a change committed meanwhile: this index may predate it
+            return built;
         if (m_indexes.size() >= indexesKept && !m_indexes.contains(container))
             m_indexes.erase(m_indexes.begin());
         return m_indexes[container] = std::move(built);
@@ -329,6 +725,8 @@ private:
     mutable std::mutex m_mutex;
     mutable ArchiveProviderOptions m_options;
     mutable std::map<StorageIRI, std::shared_ptr<const Index>> m_indexes;
+    mutable std::atomic<std::uint64_t> m_generation{0};
+    mutable std::recursive_mutex m_writeMutex; // a change of an archive inside an archive of this provider changes both
 };
 
 } // namespace

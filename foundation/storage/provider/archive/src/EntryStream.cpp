@@ -200,7 +200,176 @@ private:
     bool m_closed = false;
 };
 
+void writeAt(int fd, const char* data, std::size_t n, std::uint64_t offset, StreamOperation operation)
+{
+    while (n > 0) {
+        const ssize_t put = ::pwrite(fd, data, n, static_cast<off_t>(offset));
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put < 0)
+            throwByteStreamFailure(operation, std::string("spooling the entry: ") + std::strerror(errno),
+                                   errno == ENOSPC ? ErrorCode::NoSpaceLeft : ErrorCode::IOError, {ExceptionContext(u"pwrite")});
+        data += put;
+        n -= static_cast<std::size_t>(put);
+        offset += static_cast<std::uint64_t>(put);
+    }
+}
+
+class EntryWriteStream final : public TransactionalByteStream {
+public:
+    EntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional, std::uint64_t limit, EntryCommit commit)
+        : m_fd(spool), m_options(options), m_transactional(transactional), m_limit(limit), m_commit(std::move(commit))
+    {
+        const off_t end = ::lseek(m_fd, 0, SEEK_END);
+        m_size = end > 0 ? static_cast<std::uint64_t>(end) : 0;
+    }
+    ~EntryWriteStream() override
+    {
+        if (m_fd >= 0 && !m_transactional && m_dirty) {
+            try {
+                store();
+            } catch (...) {
+                // A destroyed stream reports nothing; close() is where failures are seen.
+            }
+        }
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+
+    std::streamsize read(char* s, std::streamsize n) override
+    {
+        check(StreamOperation::Read);
+        if (m_options.access != ByteStreamAccess::ReadWrite)
+            throwByteStreamFailure(StreamOperation::Read, "the stream was opened for writing only", ErrorCode::PermissionDenied,
+                                   {ExceptionContext(u"write-only-stream")});
+        if (n <= 0)
+            return 0;
+        const ssize_t got = ::pread(m_fd, s, static_cast<std::size_t>(n), static_cast<off_t>(m_position));
+        if (got < 0)
+            throwByteStreamFailure(StreamOperation::Read, std::strerror(errno), ErrorCode::IOError, {ExceptionContext(u"pread")});
+        if (got == 0)
+            return -1;
+        m_position += static_cast<std::uint64_t>(got);
+        return got;
+    }
+
+    std::streamsize write(const char* s, std::streamsize n) override
+    {
+        check(StreamOperation::Write);
+        if (!m_options.writeAtPosition)
+            m_position = m_size;
+        if (n > 0 && m_position + static_cast<std::uint64_t>(n) > m_limit)
+            throwByteStreamFailure(StreamOperation::Write, "the entry would grow beyond the configured expansion limit",
+                                   ErrorCode::NoSpaceLeft,
+                                   {ExceptionContext(u"expansion-limit", fl::i18n::utf8_to_ustring(std::to_string(m_limit)))});
+        writeAt(m_fd, s, static_cast<std::size_t>(std::max<std::streamsize>(n, 0)), m_position, StreamOperation::Write);
+        m_position += static_cast<std::uint64_t>(std::max<std::streamsize>(n, 0));
+        m_size = std::max(m_size, m_position);
+        m_dirty = true;
+        return n;
+    }
+
+    std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override
+    {
+        check(StreamOperation::Seek);
+        const std::streamoff base = way == std::ios_base::beg   ? 0
+                                    : way == std::ios_base::cur ? static_cast<std::streamoff>(m_position)
+                                                                : static_cast<std::streamoff>(m_size);
+        if (base + off < 0)
+            throwByteStreamFailure(StreamOperation::Seek, "a position before the start", ErrorCode::InvalidLocation,
+                                   {ExceptionContext(u"seek")});
+        m_position = static_cast<std::uint64_t>(base + off);
+        return static_cast<std::streampos>(base + off);
+    }
+
+    void flush() override
+    {
+        check(StreamOperation::Flush);
+        if (!m_transactional && m_dirty)
+            stored(StreamOperation::Flush);
+    }
+
+    using TransactionalByteStream::close;
+    void close() override { close(m_transactional ? StreamClosePolicy::Discard : StreamClosePolicy::Commit); }
+    void close(StreamClosePolicy policy) override
+    {
+        check(StreamOperation::Close);
+        m_closed = true;
+        const bool storing = m_transactional ? policy == StreamClosePolicy::Commit : m_dirty;
+        m_dirty = false; // a failed store is reported here, not tried again when destroyed
+        if (storing)
+            stored(StreamOperation::Close);
+        ::close(std::exchange(m_fd, -1));
+    }
+
+private:
+    void check(StreamOperation operation) const
+    {
+        if (m_closed)
+            throwByteStreamFailure(operation, "the stream is closed", ErrorCode::InvalidLocation, {ExceptionContext(u"closed")});
+    }
+
+    void store()
+    {
+        m_commit(m_fd, m_size);
+        m_dirty = false;
+    }
+
+    // Storing fails as the stream operation that asked for it.
+    void stored(StreamOperation operation)
+    {
+        try {
+            store();
+        } catch (const Exception& error) {
+            throwByteStreamFailure(operation, fl::i18n::ustring_to_utf8_lossy(error.getMessage().empty() ? error.getStorageIRI().toString() : error.getMessage()),
+                                   error.getErrorCode(), error.getAllExceptionContexts());
+        } catch (const ByteStreamFailure& failure) {
+            throwByteStreamFailure(operation, failure.what(), failure.getErrorCode(), failure.getAllExceptionContexts());
+        }
+    }
+
+    int m_fd;
+    ByteStreamOpenOptions m_options;
+    bool m_transactional;
+    std::uint64_t m_limit;
+    EntryCommit m_commit;
+    std::uint64_t m_position = 0;
+    std::uint64_t m_size = 0;
+    bool m_dirty = false;
+    bool m_closed = false;
+};
+
 } // namespace
+
+int spoolEntry(EntryReader* reader, std::uint64_t size)
+{
+    const int fd = unnamedTemporaryFile();
+    try {
+        std::vector<char> buffer(256 * 1024);
+        std::uint64_t written = 0;
+        while (reader && written < size) {
+            const std::size_t got = reader->read(buffer.data(), static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), size - written)));
+            if (got == 0)
+                break;
+            writeAt(fd, buffer.data(), got, written, StreamOperation::Write);
+            written += got;
+        }
+        if (::ftruncate(fd, static_cast<off_t>(size)) != 0)
+            throwByteStreamFailure(StreamOperation::Write, std::string("spooling the entry: ") + std::strerror(errno),
+                                   errno == ENOSPC || errno == EFBIG ? ErrorCode::NoSpaceLeft : ErrorCode::IOError,
+                                   {ExceptionContext(u"ftruncate")});
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
+    return fd;
+}
+
+std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional,
+                                                              std::uint64_t limit, EntryCommit commit)
+{
+    return std::make_unique<EntryWriteStream>(spool, options, transactional, limit, std::move(commit));
+}
 
 std::unique_ptr<ByteStream> makeEntryStream(StorageIRI location, std::uint64_t size,
                                             std::function<std::unique_ptr<EntryReader>()> open)

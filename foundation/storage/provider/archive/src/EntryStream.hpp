@@ -16,4 +16,19 @@ namespace foundation::storage::provider::archive::detail {
 std::unique_ptr<ByteStream> makeEntryStream(StorageIRI location, std::uint64_t size,
                                             std::function<std::unique_ptr<EntryReader>()> open);
 
+// An unnamed temporary file (it vanishes with its descriptor) holding the first `size` bytes that
+// `reader` gives (none without a reader), zero bytes after them up to `size`. Failures are
+// ByteStreamFailures (NoSpaceLeft for a full temporary folder).
+int spoolEntry(EntryReader* reader, std::uint64_t size);
+
+// Stores the first `size` bytes of the descriptor `fd` as the entry, whole.
+using EntryCommit = std::function<void(int fd, std::uint64_t size)>;
+
+// A writable stream on one entry, spooled in the descriptor `spool` (taken over, holding the content
+// the stream starts with). A transactional stream stores its content on close(Commit) only; a plain
+// one at flush() and close(), and when destroyed with unstored writes. Writes that would make the
+// entry larger than `limit` fail with NoSpaceLeft.
+std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional,
+                                                              std::uint64_t limit, EntryCommit commit);
+
 } // namespace foundation::storage::provider::archive::detail

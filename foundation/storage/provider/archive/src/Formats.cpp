@@ -1,4 +1,5 @@
 #include "Formats.hpp"
+#include "ZipEdit.hpp"
 
 #include <fl/i18n/ustring.hpp>
 
@@ -239,7 +240,7 @@ std::shared_ptr<const Index> buildZipIndex(const ContainerAccess& access, Stamp 
         entry.ordinal = static_cast<std::uint64_t>(i);
         entry.encrypted = stat.encryption_method != ZIP_EM_NONE;
         entry.window = stat.comp_method == ZIP_CM_STORE && !entry.encrypted;
-        index->add(name, folder, stat.size, timeOf(stat.mtime), mode, entry);
+        index->add(name, folder, stat.size, detail::recordedTime(handle->zip, static_cast<zip_uint64_t>(i)).value_or(timeOf(stat.mtime)), mode, entry);
     }
     index->zipHandles->give(std::move(handle));
     return index;

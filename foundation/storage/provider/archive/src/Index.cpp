@@ -4,11 +4,8 @@
 
 namespace foundation::storage::provider::archive::detail {
 
-namespace {
-
-// The segments of an entry name, cleaned; nullopt when the entry must stay unreachable. A backslash
-// is a character of a name, as on POSIX: "..\\x" is a plain name inside its folder.
-std::optional<std::vector<ustring>> cleanName(std::string_view raw)
+// A backslash is a character of a name, as on POSIX: "..\\x" is a plain name inside its folder.
+std::optional<std::vector<ustring>> entrySegments(std::string_view raw)
 {
     if (raw.find('\0') != std::string_view::npos)
         return std::nullopt;
@@ -28,8 +25,6 @@ std::optional<std::vector<ustring>> cleanName(std::string_view raw)
     }
     return segments;
 }
-
-} // namespace
 
 Index::Index(StorageIRI container, Stamp stamp) : m_container(std::move(container)), m_stamp(stamp)
 {
@@ -54,7 +49,7 @@ std::size_t Index::childFolder(std::size_t parent, const ustring& name)
 void Index::add(std::string_view rawName, bool folder, std::uint64_t size, boost::posix_time::ptime modified,
                 std::optional<std::uint32_t> mode, Entry entry)
 {
-    const auto segments = cleanName(rawName);
+    const auto segments = entrySegments(rawName);
     if (!segments || segments->empty())
         return;
     std::size_t parent = 0;

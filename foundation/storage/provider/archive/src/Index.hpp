@@ -39,6 +39,10 @@ struct Node {
 
 class ZipHandlePool;
 
+// The segments of an entry name, cleaned as Index::add() cleans them; nullopt when the entry must
+// stay unreachable.
+std::optional<std::vector<ustring>> entrySegments(std::string_view raw);
+
 // A container's entries as a tree of paths. Built once, then only read (shared by every thread).
 class Index {
 public:

@@ -90,7 +90,7 @@ TEST(ArchiveProviderTest, BadContainersFailNamingTheContainerAndBombsStopAtTheLi
         EXPECT_TRUE(failsWith([&] { storage.exists(entry); if (row.kind == Kind::Tar) s.read(entry); }, ErrorCode::IOError, container))
             << row.name;
     }
-    EXPECT_TRUE(failsWith([&] { s.zip->exists(StorageIRI(u"zip:mem://box/none!/f")); }, ErrorCode::ResourceNotFound,
+    EXPECT_TRUE(failsWith([&] { s.zip->getFileAttributes(StorageIRI(u"zip:mem://box/none!/f")); }, ErrorCode::ResourceNotFound,
                           StorageIRI(u"mem://box/none"), "container"));
 
     const StorageIRI bomb(u"zip", s.put(u"bomb.zip", makeArchive({{"zeros", std::string(1 << 20, '\0')}})), u"/zeros");
@@ -170,6 +170,71 @@ TEST(ArchiveProviderTest, FaultsOfTheContainerStreamReachTheCallerAsTheirOwnFail
     });
     ASSERT_TRUE(failure);
     EXPECT_EQ(failure->getErrorCode(), ErrorCode::PermissionDenied);
+}
+
+// A change that fails part way (a full disk, a failed commit, an entry beyond the expansion limit)
+// leaves the old archive byte for byte; one that succeeds copies the entries it does not touch as
+// they are stored (a stored entry stays stored), keeps the folders they implied, and nests.
+TEST(ArchiveProviderTest, ZipChangesCommitWholeOrLeaveTheOldArchive)
+{
+    auto faulty = std::make_shared<provider::decorators::FaultInjectingProvider>(provider::memory::makeMemoryProvider());
+    Storages s(faulty);
+    const std::string kept = randomBytes(300000, 6);
+    const StorageIRI container(u"mem://box/w.zip"), root(u"zip", container, u"/"), file(root, u"docs/kept.txt");
+    storeBytes(*faulty, container, makeArchive({{"docs/kept.txt", kept}}, {Kind::Zip, "store", {}}));
+    const auto containerBytes = [&] {
+        const auto in = faulty->openReadOnlyStream(container);
+        std::string all(4 << 20, '\0');
+        all.resize(static_cast<std::size_t>(std::max<std::streamsize>(0, in->read(all.data(), 4 << 20))));
+        return all;
+    };
+    const std::string before = containerBytes();
+    using Op = provider::decorators::ProviderOperation;
+    using Trigger = provider::decorators::FaultInjectingProvider::Trigger;
+    boost::property_tree::ptree limit;
+    limit.put("expansionLimitBytes", "65536");
+    const struct {
+        const char* name;
+        std::optional<provider::decorators::FaultInjectingProvider::Fault> fault;
+        std::function<void()> change;
+        ErrorCode code;
+    } rows[] = {
+        {"disk full part way", {{Op::StreamWrite, container, ErrorCode::NoSpaceLeft, Trigger::AfterN, 1}},
+         [&] { s.zip->createFile(StorageIRI(root, u"new.txt")); }, ErrorCode::NoSpaceLeft},
+        {"commit refused", {{Op::StreamClose, container, ErrorCode::IOError, Trigger::Once}},
+         [&] { s.zip->removeFile(file); }, ErrorCode::IOError},
+        {"beyond the expansion limit", std::nullopt, [&] {
+             s.zip->configure(limit);
+             const auto out = s.zip->openTransactionalStream(StorageIRI(root, u"big"), {});
+             out->write(kept.data(), 70000);
+         }, ErrorCode::NoSpaceLeft},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto fault = row.fault ? faulty->addFault(*row.fault) : 0;
+        if (!row.fault) { // a stream's write fails
+            const auto failure = thrown<provider::ByteStreamWriteFailure>(row.change);
+            EXPECT_EQ(failure ? failure->getErrorCode() : ErrorCode::Unknown, row.code);
+        } else {
+            EXPECT_TRUE(failsWith(row.change, row.code, container));
+        }
+        faulty->removeFault(fault);
+        EXPECT_EQ(containerBytes(), before);
+    }
+    s.zip->createFile(StorageIRI(root, u"new.txt"));
+    EXPECT_NE(containerBytes().find(kept), std::string::npos) << "the stored entry was copied as it was";
+    s.zip->removeFile(file);
+    EXPECT_EQ(s.zip->exists(file.getParent()), provider::ExistenceType::Folder) << "the folder it implied stays";
+
+    const StorageIRI nested(u"zip:zip:mem://box/w.zip!/docs/inner.zip!/x.txt");
+    const auto out = s.zip->openTransactionalStream(nested, {});
+    out->write("nested", 6);
+    out->close(provider::StreamClosePolicy::Commit);
+    EXPECT_EQ(s.read(nested), "nested");
+
+    faulty->createFolder(StorageIRI(u"mem://box/folder"));
+    EXPECT_TRUE(failsWith([&] { s.zip->createFile(StorageIRI(u"zip:mem://box/folder!/f")); }, ErrorCode::ResourceNotFound,
+                          StorageIRI(u"mem://box/folder"), "container"));
 }
 
 TEST(ArchiveProviderTest, OneIndexServesManyThreadsWhileTheContainerChanges)

@@ -59,6 +59,8 @@ TEST_P(CallCountingTest, EveryOperationIsForwardedAndCountedOnceUnderItsOwnName)
     for (const OperationCall& c : everyOperation(root)) {
         SCOPED_TRACE(toString(c.operation));
         EXPECT_TRUE(seen.insert(c.operation).second) << "the table names an operation twice";
+        if (watchOnly(c.operation) && !capabilities().watching)
+            continue;
         counting->reset();
         if (c.operation == ProviderOperation::RemoveFolderRecursively && !recursiveRemoval) {
             EXPECT_TRUE(providerError([&] { c.call(*counting); }).has_value());

@@ -92,4 +92,11 @@ inline std::vector<OperationCall> everyOperation(const StorageIRI& root)
     };
 }
 
+// The front refuses a watch on storage that cannot watch, before any decorator sees it.
+inline bool watchOnly(foundation::storage::provider::decorators::ProviderOperation operation)
+{
+    using Operation = foundation::storage::provider::decorators::ProviderOperation;
+    return operation == Operation::PublishFileEvents || operation == Operation::PublishFolderEvents;
+}
+
 } // namespace vfs_test

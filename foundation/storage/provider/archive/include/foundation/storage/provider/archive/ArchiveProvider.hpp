@@ -26,7 +26,7 @@ struct ArchiveProviderOptions {
     std::string passphrase;
 };
 
-// A read-only storage over the entries of an archive held by any other storage: the container
+// A storage over the entries of an archive held by any other storage: the container
 // (the file the inner IRI names) is read through the provider `context.resolve` finds for it,
 // through its byte streams, so an archive on disk, in memory or inside another archive reads alike.
 //
@@ -36,7 +36,19 @@ struct ArchiveProviderOptions {
 // segments collapsed; an entry with a ".." segment or a NUL is left out,
 // so nothing is reachable outside the archive. Of two entries with one path the later one wins; a
 // file whose path is also a folder of other entries is left out. Links and special files are left
-// out. Every change answers ReadOnlyProvider.
+// out.
+//
+// Zip archives are written through libzip; tar is read-only (the front answers ReadOnlyProvider).
+// A change of a missing container creates it. Each change is committed, whole, before its call
+// returns: libzip writes the new archive into the container's transactional stream, so readers and
+// crashes see the old archive or the new one; untouched entries are copied without recompressing.
+// Changes of one provider run one at a time. Writing streams spool the entry in an unnamed temporary
+// file and store it when a transactional stream commits, or when a plain one is flushed or closed;
+// writing an entry beyond the expansion limit fails with NoSpaceLeft. Names with an empty, "." or
+// ".." segment are refused (InvalidLocation). Times are kept to 100 ns (an NTFS extra field, with
+// the DOS time beside it); removing the last entry of a folder the archive only implied keeps the
+// folder. The root stands for the container: its time and writability are the container's, and it
+// cannot be removed or moved (InvalidLocation).
 //
 // Streams: stored zip entries and entries of an uncompressed tar are windows on the container and
 // seek freely; compressed entries inflate forward, and a backward seek or a long forward jump

@@ -1,0 +1,398 @@
+#include "ZipEdit.hpp"
+
+#include <fl/i18n/ustring.hpp>
+
+#include <zip.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace foundation::storage::provider::archive::detail {
+
+namespace {
+
+namespace pt = boost::posix_time;
+
+constexpr zip_uint16_t ntfsField = 0x000a;
+const pt::ptime ntfsEpoch(boost::gregorian::date(1601, 1, 1));
+const pt::ptime unixEpoch(boost::gregorian::date(1970, 1, 1));
+// Writes reach the container in pieces of at least this much.
+constexpr std::size_t writeChunk = 256 * 1024;
+
+std::string entryName(const Segments& path, bool folder)
+{
+    std::string name;
+    for (const ustring& segment : path) {
+        if (!name.empty())
+            name.push_back('/');
+        name += fl::i18n::ustring_to_utf8(segment);
+    }
+    if (folder)
+        name.push_back('/');
+    return name;
+}
+
+bool startsWith(const Segments& path, const Segments& prefix)
+{
+    return path.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
+}
+
+} // namespace
+
+std::optional<pt::ptime> recordedTime(zip_t* zip, std::uint64_t index)
+{
+    zip_uint16_t length = 0;
+    const zip_uint8_t* data = zip_file_extra_field_get_by_id(zip, index, ntfsField, 0, &length, ZIP_FL_CENTRAL);
+    if (!data)
+        return std::nullopt;
+    const auto number = [&](std::size_t at, int bytes) {
+        std::uint64_t value = 0;
+        for (int i = bytes - 1; i >= 0; --i)
+            value = value << 8 | data[at + static_cast<std::size_t>(i)];
+        return value;
+    };
+    // Four reserved bytes, then tagged attributes; tag 1 holds mtime, atime and ctime.
+    for (std::size_t at = 4; at + 4 <= length;) {
+        const auto tag = number(at, 2), size = number(at + 2, 2);
+        if (tag == 1 && size >= 8 && at + 12 <= length)
+            return ntfsEpoch + pt::microseconds(static_cast<std::int64_t>(number(at + 4, 8) / 10));
+        at += 4 + size;
+    }
+    return std::nullopt;
+}
+
+// libzip's view of the container: reads come from its read stream, writes go to its transactional
+// stream, opened when libzip begins writing and committed when it is done.
+struct ZipEdit::Source {
+    ContainerAccess access;
+    StorageIRI container;
+    std::unique_ptr<CachedContainer> current; // null when the container is missing
+    std::uint64_t position = 0;
+    std::unique_ptr<TransactionalByteStream> out;
+    std::vector<char> pending;
+    std::uint64_t pendingStart = 0, outPosition = 0, writePosition = 0, writeSize = 0;
+    bool removed = false, wrote = false;
+    CaughtFailure caught;
+    zip_error_t error{};
+
+    Source() { zip_error_init(&error); }
+    ~Source() { zip_error_fini(&error); }
+
+    std::uint64_t size() const { return current ? current->size() : 0; }
+
+    void beginWrite()
+    {
+        out = access.resolve(container)->openTransactionalStream(
+            container, {ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1});
+        pending.clear();
+        pending.reserve(writeChunk);
+        outPosition = writePosition = writeSize = 0;
+    }
+    void flushPending()
+    {
+        if (pending.empty())
+            return;
+        if (outPosition != pendingStart)
+            out->seek(static_cast<std::streamoff>(pendingStart), std::ios_base::beg);
+        out->write(pending.data(), static_cast<std::streamsize>(pending.size()));
+        outPosition = pendingStart + pending.size();
+        pending.clear();
+    }
+    void write(const char* data, std::size_t n)
+    {
+        if (pending.empty())
+            pendingStart = writePosition;
+        pending.insert(pending.end(), data, data + n);
+        writePosition += n;
+        writeSize = std::max(writeSize, writePosition);
+        if (pending.size() >= writeChunk)
+            flushPending();
+    }
+
+    zip_int64_t handle(void* data, zip_uint64_t length, zip_source_cmd_t command)
+    {
+        switch (command) {
+        case ZIP_SOURCE_OPEN:
+            position = 0;
+            return 0;
+        case ZIP_SOURCE_READ: {
+            const std::size_t got = current ? current->readAt(position, static_cast<char*>(data), length) : 0;
+            position += got;
+            return static_cast<zip_int64_t>(got);
+        }
+        case ZIP_SOURCE_CLOSE:
+        case ZIP_SOURCE_FREE:
+            return 0;
+        case ZIP_SOURCE_STAT: {
+            if (!current) { // libzip makes a new archive for a source that is not there
+                zip_error_set(&error, ZIP_ER_READ, ENOENT);
+                return -1;
+            }
+            auto* stat = ZIP_SOURCE_GET_ARGS(zip_stat_t, data, length, &error);
+            if (!stat)
+                return -1;
+            zip_stat_init(stat);
+            stat->size = size();
+            stat->valid |= ZIP_STAT_SIZE;
+            return sizeof(zip_stat_t);
+        }
+        case ZIP_SOURCE_ERROR:
+            return zip_error_to_data(&error, data, length);
+        case ZIP_SOURCE_SEEK: {
+            const zip_int64_t to = zip_source_seek_compute_offset(position, size(), data, length, &error);
+            if (to < 0)
+                return -1;
+            position = static_cast<std::uint64_t>(to);
+            return 0;
+        }
+        case ZIP_SOURCE_TELL:
+            return static_cast<zip_int64_t>(position);
+        case ZIP_SOURCE_BEGIN_WRITE:
+            beginWrite();
+            return 0;
+        case ZIP_SOURCE_WRITE:
+            write(static_cast<const char*>(data), length);
+            return static_cast<zip_int64_t>(length);
+        case ZIP_SOURCE_SEEK_WRITE: {
+            const zip_int64_t to = zip_source_seek_compute_offset(writePosition, writeSize, data, length, &error);
+            if (to < 0)
+                return -1;
+            flushPending();
+            writePosition = static_cast<std::uint64_t>(to);
+            return 0;
+        }
+        case ZIP_SOURCE_TELL_WRITE:
+            return static_cast<zip_int64_t>(writePosition);
+        case ZIP_SOURCE_COMMIT_WRITE:
+            flushPending();
+            std::exchange(out, nullptr)->close(StreamClosePolicy::Commit);
+            wrote = true;
+            return 0;
+        case ZIP_SOURCE_ROLLBACK_WRITE:
+            out.reset(); // an unclosed transactional stream discards what it holds
+            return 0;
+        case ZIP_SOURCE_REMOVE:
+            removed = true; // the archive lost its last entry: written empty, never deleted
+            return 0;
+        case ZIP_SOURCE_ACCEPT_EMPTY:
+            return 0;
+        case ZIP_SOURCE_SUPPORTS:
+            return zip_source_make_command_bitmap(
+                ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE,
+                ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS, ZIP_SOURCE_ACCEPT_EMPTY, ZIP_SOURCE_BEGIN_WRITE,
+                ZIP_SOURCE_COMMIT_WRITE, ZIP_SOURCE_ROLLBACK_WRITE, ZIP_SOURCE_WRITE, ZIP_SOURCE_SEEK_WRITE,
+                ZIP_SOURCE_TELL_WRITE, ZIP_SOURCE_REMOVE, -1);
+        default:
+            zip_error_set(&error, ZIP_ER_OPNOTSUPP, 0);
+            return -1;
+        }
+    }
+
+    static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command)
+    {
+        auto& self = *static_cast<Source*>(state);
+        try {
+            return self.handle(data, length, command);
+        } catch (...) {
+            self.caught.error = std::current_exception();
+            self.out.reset();
+            zip_error_set(&self.error, command == ZIP_SOURCE_READ ? ZIP_ER_READ : ZIP_ER_WRITE, EIO);
+            return -1;
+        }
+    }
+
+    // An archive without entries: its end-of-directory record alone.
+    void writeEmpty()
+    {
+        char record[22] = {'P', 'K', 5, 6};
+        beginWrite();
+        write(record, sizeof record);
+        flushPending();
+        std::exchange(out, nullptr)->close(StreamClosePolicy::Commit);
+    }
+};
+
+ZipEdit::ZipEdit(const ContainerAccess& access, bool missing) : m_access(access), m_source(std::make_unique<Source>())
+{
+    m_source->access = access;
+    m_source->container = access.location.getInnerIRI();
+    try {
+        if (!missing) {
+            std::unique_ptr<ByteStream> stream = openContainer(access.resolve, access.location);
+            const auto end = static_cast<std::uint64_t>(static_cast<std::streamoff>(stream->seek(0, std::ios_base::end)));
+            stream->seek(0, std::ios_base::beg);
+            m_source->current = std::make_unique<CachedContainer>(std::move(stream), end);
+        }
+    } catch (const ByteStreamFailure& failure) {
+        throwProviderError(failure.getErrorCode(), m_source->container, {ExceptionContext(u"container-read")},
+                           fl::i18n::utf8_to_ustring_lossy(failure.what()));
+    }
+    zip_error_t error;
+    zip_error_init(&error);
+    zip_source_t* source = zip_source_function_create(&Source::callback, m_source.get(), &error);
+    if (source)
+        m_zip = zip_open_from_source(source, ZIP_CREATE, &error);
+    if (!m_zip) {
+        if (source)
+            zip_source_free(source);
+        const std::string why = zip_error_strerror(&error);
+        zip_error_fini(&error);
+        m_source->caught.rethrowIfAny();
+        throwProviderError(ErrorCode::IOError, m_source->container,
+                           {ExceptionContext(u"archive-read"), ExceptionContext(u"zip_open", fl::i18n::utf8_to_ustring_lossy(why))},
+                           fl::i18n::utf8_to_ustring_lossy("not a readable archive: " + why));
+    }
+    zip_error_fini(&error);
+}
+
+ZipEdit::~ZipEdit()
+{
+    if (m_zip)
+        zip_discard(m_zip);
+}
+
+void ZipEdit::fail(const char16_t* call) const
+{
+    if (m_source->caught.error) {
+        try {
+            std::rethrow_exception(std::exchange(m_source->caught.error, nullptr));
+        } catch (const ByteStreamFailure& failure) {
+            ExceptionContexts contexts = failure.getAllExceptionContexts();
+            contexts.emplace_front(dynamic_cast<const ByteStreamReadFailure*>(&failure) ? u"container-read" : u"container-write");
+            throwProviderError(failure.getErrorCode(), m_source->container, std::move(contexts),
+                               fl::i18n::utf8_to_ustring_lossy(failure.what()));
+        }
+    }
+    zip_error_t* error = zip_get_error(m_zip);
+    const ErrorCode code = zip_error_code_zip(error) == ZIP_ER_MEMORY ? ErrorCode::InternalError : ErrorCode::IOError;
+    const ustring why = fl::i18n::utf8_to_ustring_lossy(zip_error_strerror(error));
+    throwProviderError(code, m_source->container, {ExceptionContext(call, why)}, why);
+}
+
+std::vector<ZipEdit::Match> ZipEdit::entries(const Segments& path, bool below) const
+{
+    std::vector<Match> found;
+    const zip_int64_t count = zip_get_num_entries(m_zip, 0);
+    for (zip_int64_t i = 0; i < count; ++i) {
+        const char* name = zip_get_name(m_zip, static_cast<zip_uint64_t>(i), ZIP_FL_ENC_GUESS);
+        if (!name)
+            continue; // removed by this change
+        auto segments = entrySegments(name);
+        if (!segments || segments->empty())
+            continue;
+        if (*segments == path || (below && startsWith(*segments, path)))
+            found.push_back({static_cast<std::uint64_t>(i), std::move(*segments), std::string_view(name).ends_with('/')});
+    }
+    return found;
+}
+
+void ZipEdit::remove(std::uint64_t index)
+{
+    if (zip_delete(m_zip, index) != 0)
+        fail(u"zip_delete");
+}
+
+void ZipEdit::rename(const Match& entry, const Segments& path)
+{
+    if (zip_file_rename(m_zip, entry.index, entryName(path, entry.folder).c_str(), ZIP_FL_ENC_UTF_8) != 0)
+        fail(u"zip_file_rename");
+}
+
+std::uint64_t ZipEdit::addFolder(const Segments& path)
+{
+    const zip_int64_t index = zip_dir_add(m_zip, entryName(path, false).c_str(), ZIP_FL_ENC_UTF_8);
+    if (index < 0)
+        fail(u"zip_dir_add");
+    setMode(static_cast<std::uint64_t>(index), S_IFDIR | 0755);
+    setTime(static_cast<std::uint64_t>(index), pt::microsec_clock::universal_time());
+    return static_cast<std::uint64_t>(index);
+}
+
+std::uint64_t ZipEdit::addFile(const Segments& path, int fd, std::uint64_t size)
+{
+    zip_source_t* source = nullptr;
+    if (fd < 0 || size == 0) {
+        source = zip_source_buffer(m_zip, nullptr, 0, 0);
+    } else if (const int copy = ::dup(fd); copy >= 0) {
+        // libzip reads from the descriptor's offset, which the duplicate shares.
+        std::FILE* file = ::lseek(copy, 0, SEEK_SET) == 0 ? ::fdopen(copy, "rb") : nullptr;
+        if (file)
+            source = zip_source_filep(m_zip, file, 0, static_cast<zip_int64_t>(size));
+        else
+            ::close(copy);
+    }
+    if (!source)
+        fail(u"zip_source");
+    const zip_int64_t index = zip_file_add(m_zip, entryName(path, false).c_str(), source, ZIP_FL_ENC_UTF_8);
+    if (index < 0) {
+        zip_source_free(source);
+        fail(u"zip_file_add");
+    }
+    setMode(static_cast<std::uint64_t>(index), S_IFREG | 0644);
+    setTime(static_cast<std::uint64_t>(index), pt::microsec_clock::universal_time());
+    return static_cast<std::uint64_t>(index);
+}
+
+void ZipEdit::setTime(std::uint64_t index, pt::ptime time)
+{
+    // The DOS time every reader knows holds 1980 to 2107 in two-second steps; the NTFS field keeps
+    // the time itself.
+    const std::int64_t dos = std::clamp<std::int64_t>((time - unixEpoch).total_seconds(), 315'619'200, 4'354'732'800);
+    if (zip_file_set_mtime(m_zip, index, static_cast<time_t>(dos), 0) != 0)
+        fail(u"zip_file_set_mtime");
+    const auto ticks = static_cast<std::uint64_t>((time - ntfsEpoch).total_microseconds()) * 10;
+    zip_uint8_t field[32] = {};
+    field[4] = 1;  // tag 1
+    field[6] = 24; // three times
+    for (int i = 0; i < 3; ++i)
+        for (int b = 0; b < 8; ++b)
+            field[8 + i * 8 + b] = static_cast<zip_uint8_t>(ticks >> (8 * b));
+    zip_file_extra_field_delete_by_id(m_zip, index, ntfsField, ZIP_EXTRA_FIELD_ALL, ZIP_FL_LOCAL | ZIP_FL_CENTRAL);
+    if (zip_file_extra_field_set(m_zip, index, ntfsField, ZIP_EXTRA_FIELD_NEW, field, sizeof field,
+                                 ZIP_FL_LOCAL | ZIP_FL_CENTRAL) != 0)
+        fail(u"zip_file_extra_field_set");
+}
+
+std::optional<std::uint32_t> ZipEdit::mode(std::uint64_t index) const
+{
+    zip_uint8_t system = 0;
+    zip_uint32_t attributes = 0;
+    if (zip_file_get_external_attributes(m_zip, index, 0, &system, &attributes) != 0 || system != ZIP_OPSYS_UNIX ||
+        (attributes >> 16) == 0)
+        return std::nullopt;
+    return attributes >> 16;
+}
+
+void ZipEdit::setMode(std::uint64_t index, std::uint32_t mode)
+{
+    if (zip_file_set_external_attributes(m_zip, index, 0, ZIP_OPSYS_UNIX, mode << 16) != 0)
+        fail(u"zip_file_set_external_attributes");
+}
+
+void ZipEdit::keepFolder(const Segments& path)
+{
+    if (!path.empty() && entries(path, true).empty())
+        addFolder(path);
+}
+
+void ZipEdit::commit(bool createEmpty)
+{
+    if (zip_close(m_zip) != 0)
+        fail(u"zip_close");
+    m_zip = nullptr;
+    try {
+        if (m_source->removed || (createEmpty && !m_source->current && !m_source->wrote))
+            m_source->writeEmpty();
+    } catch (const ByteStreamFailure& failure) {
+        throwProviderError(failure.getErrorCode(), m_source->container, {ExceptionContext(u"container-write")},
+                           fl::i18n::utf8_to_ustring_lossy(failure.what()));
+    }
+}
+
+} // namespace foundation::storage::provider::archive::detail
