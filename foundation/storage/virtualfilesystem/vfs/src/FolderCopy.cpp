@@ -8,6 +8,7 @@
 #include <boost/throw_exception.hpp>
 
 #include <deque>
+#include <ostream>
 
 namespace foundation::storage::vfs {
 
@@ -45,12 +46,48 @@ bool createTargetFolder(const Folder& source, const Folder& target)
     return true;
 }
 
+bool isLink(provider::ExistenceTypeExtended kind) noexcept
+{
+    using Kind = provider::ExistenceTypeExtended;
+    return kind == Kind::LinkToFile || kind == Kind::LinkToFolder || kind == Kind::BrokenLink;
+}
+
 } // namespace
 
 FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer,
-                                     bool forMove)
-    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_observer(std::move(observer))
+                                     bool forMove, LinkHandling links)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_links(links),
+      m_observer(std::move(observer))
 {
+}
+
+FolderVisitResult FolderCopyVisitor::copyLink(const provider::StorageItem& source, const ustring& name)
+{
+    if (m_links == LinkHandling::Skip)
+        return FolderVisitResult::Skip;
+    const File target(*m_current, name);
+    const provider::StorageItem& into = HandleAccess::liveItem(target);
+    const auto* reader = dynamic_cast<const provider::extensions::ILinkKeeping*>(source.getProvider().get());
+    const auto* maker = dynamic_cast<const provider::extensions::ILinkKeeping*>(into.getProvider().get());
+    // Only a merge replaces what is there; the other policies leave it, as they leave a file.
+    const bool replace =
+        m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
+    try {
+        if (!reader || !maker)
+            boost::throw_exception(Exception(ErrorCode::UnsupportedOperation, target.getLocation())
+                                       .withExceptionContexts({provider::ExceptionContext(u"symlink")}));
+        translated([&] { maker->createLink(into.getLocation(), reader->readLink(source.getLocation()), replace); });
+        ++m_progress.files;
+    } catch (const Exception& error) {
+        const ErrorCode code = error.getErrorCode();
+        if (code == ErrorCode::UnsupportedOperation && m_policy == ReplacementPolicy::MergeCollectingFailures)
+            m_collected.push_back(error); // one more entry left out
+        else if (replace || code != ErrorCode::ResourceAlreadyExists)
+            throw;
+        else
+            ++m_progress.files;
+    }
+    return report() == FolderVisitResult::Stop ? FolderVisitResult::Stop : FolderVisitResult::Skip;
 }
 
 FolderVisitResult FolderCopyVisitor::report()
@@ -65,6 +102,8 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
     if (m_current) {
         try {
             if (source.getAttributes().isSymlink()) {
+                if (m_links != LinkHandling::Follow)
+                    return copyLink(HandleAccess::liveItem(source), source.getName());
                 // A link that leads to the current target or above it would copy the copy; one that
                 // leads to a folder holding the link itself would copy its own tree again and again.
                 const CanonicalAbsoluteIRI leadsTo = source.getCanonicalLocation();
@@ -122,6 +161,12 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
                          m_policy == ReplacementPolicy::MergeCollectingFailures ||
                          m_policy == ReplacementPolicy::ReplaceIfNewer;
     try {
+        if (m_links != LinkHandling::Follow) {
+            const provider::StorageItem& item = HandleAccess::liveItem(source);
+            if (isLink(translated([&] { return item.existsExtended(); })))
+                return copyLink(item, source.getName()) == FolderVisitResult::Stop ? FolderVisitResult::Stop
+                                                                                    : FolderVisitResult::Continue;
+        }
         // Not synced file by file: a move flushes the destination once, at the end, before the
         // source goes; a plain copy is left to the caller's flushFilesystem(), as cp leaves it.
         provider::CopyFileOptions options;
@@ -248,14 +293,14 @@ namespace {
 } // namespace
 
 bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove)
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links)
 {
     // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
         refuseIntoItself(target);
-    FolderCopyVisitor visitor(destination, policy, observer, forMove);
+    FolderCopyVisitor visitor(destination, policy, observer, forMove, links);
     walkFolder(source, visitor);
     if (visitor.stopped() && !destination.folderExists())
         return false; // stopped before the first folder was made
@@ -296,6 +341,25 @@ bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
                         const TreeProgressObserver& observer) const
 {
     return detail::copyTree(*this, destination, policy, observer, false);
+}
+
+bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                        const TreeProgressObserver& observer, LinkHandling links) const
+{
+    return detail::copyTree(*this, destination, policy, observer, false, links);
+}
+
+std::ostream& operator<<(std::ostream& out, const LinkHandling& links)
+{
+    switch (links) {
+    case LinkHandling::Follow:
+        return out << "LinkHandling::Follow";
+    case LinkHandling::Keep:
+        return out << "LinkHandling::Keep";
+    case LinkHandling::Skip:
+        return out << "LinkHandling::Skip";
+    }
+    return out;
 }
 
 void Folder::copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const

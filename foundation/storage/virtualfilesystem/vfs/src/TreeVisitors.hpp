@@ -18,7 +18,7 @@ public:
     // copied fails the copy unless it has itself vanished or is collected (a plain copy passes over
     // InvalidLocation failures).
     FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer,
-                      bool forMove);
+                      bool forMove, LinkHandling links = LinkHandling::Follow);
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
@@ -34,6 +34,9 @@ public:
 private:
     // Tells the observer; Stop once it answered false.
     FolderVisitResult report();
+    // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip
+    // (the link is not entered) or Stop.
+    FolderVisitResult copyLink(const provider::StorageItem& source, const ustring& name);
 
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
@@ -41,6 +44,7 @@ private:
     std::vector<bool> m_madeWithMode;   // for each of m_entered: its target awaits finishFolderLike()
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
+    LinkHandling m_links;
     std::vector<Exception> m_collected;
     TreeProgressObserver m_observer;
     TreeProgress m_progress;
@@ -68,7 +72,7 @@ private:
 
 // Folder::copyFolder, and the copy half of a move done by copying (`forMove`, see FolderCopyVisitor).
 bool copyTree(const Folder& source, const Folder& destination, provider::ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove);
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links = LinkHandling::Follow);
 
 // False when the observer stopped the removal.
 bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer);
