@@ -526,6 +526,12 @@ TEST_F(ToolTest, NothingIsLostWithoutAWord)
         EXPECT_EQ(mv.exitCode, 0) << mv.err;
         EXPECT_EQ(slurp(elsewhere / "x.txt"), "hello\n");
         EXPECT_FALSE(fs::exists(at("a/x.txt")));
+        // find -x lists a folder of another file system (here reached through a link) without entering it.
+        elsewhere.writeFile("inside/f", "f");
+        fs::create_directory_symlink(elsewhere / "inside", at("a/mounted"));
+        EXPECT_EQ(vfsTool({"find", "-L", "-x", "--name", "f", at("a")}).out +
+                      vfsTool({"find", "-L", "--name", "f", at("a")}).out,
+                  at("a/mounted/f") + "\n");
     }
 }
 
