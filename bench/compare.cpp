@@ -5,8 +5,8 @@
 //       warms the page cache for the data right before the timed run, times it and prints
 //       "CANDIDATE SECONDS PEAK_RSS_KIB COUNT", COUNT being what the run saw (entries, files, bytes),
 //       which bench/compare checks against the data. event-latency prints two such lines.
-//   vfs-bench-compare generate tree|folder|file PATH SIZE
-//       makes PATH.partial (SIZE: top folders, files, MiB) and renames it to PATH when complete.
+//   vfs-bench-compare generate tree|mixed|folder|file PATH SIZE
+//       makes PATH.partial (SIZE: top folders, files, files, MiB) and renames it to PATH when complete.
 //
 // Command-line tools run as a child whose output lines are counted; their time is fork to exit and
 // their peak memory the child's (RUSAGE_CHILDREN). The library's candidates build their storage
@@ -372,11 +372,14 @@ Timed listAttributes(const std::string& candidate, const Args& args)
 
 Timed recursiveNames(const std::string& candidate, const Args& args)
 {
+    // An IRI names a remote folder (bench/compare-remote): no cache to warm, the library alone.
     const std::string& path = args.at(0);
-    countEntries(path);
+    const bool remote = path.find("://") != std::string::npos;
+    if (!remote)
+        countEntries(path);
     if (candidate == "vfs") {
         const Library library;
-        const vfs::Folder folder = library.folder(path);
+        const vfs::Folder folder = remote ? vfs::Folder(vfs::AbsoluteIRI(path), library.ref) : library.folder(path);
         return timed([&] {
             std::uint64_t count = 0;
             for (const vfs::ListEntry& entry : folder.listAllRecursive(u"")) {
@@ -649,6 +652,16 @@ void generateData(const std::string& kind, const fs::path& path, std::uint64_t s
                 }
             }
         }
+    } else if (kind == "mixed") {
+        // `size` files of mixed sizes in folders of 50: mostly 100 bytes to 100 KiB, and one file
+        // in a hundred of 4 MiB, as a build's output or a site's tree has them.
+        char name[64];
+        for (std::uint64_t i = 0; i < size; ++i) {
+            std::snprintf(name, sizeof name, "d%02llu/f%04llu.bin", static_cast<unsigned long long>(i / 50),
+                          static_cast<unsigned long long>(i));
+            fs::create_directories((partial / name).parent_path());
+            writeSmallFile(partial / name, i % 100 == 99 ? std::size_t(4) << 20 : std::size_t(100) << (2 * (i % 6)));
+        }
     } else if (kind == "folder") {
         fs::create_directories(partial);
         char name[64];
@@ -675,7 +688,7 @@ int main(int argc, char** argv)
 try {
     if (argc < 4) {
         std::fprintf(stderr, "usage: vfs-bench-compare SCENARIO CANDIDATE ARGS...\n"
-                             "       vfs-bench-compare generate tree|folder|file PATH SIZE\n");
+                             "       vfs-bench-compare generate tree|mixed|folder|file PATH SIZE\n");
         return 2;
     }
     const std::string scenario = argv[1];

@@ -362,6 +362,23 @@ inline testing::AssertionResult failsWith(const std::function<void()>& call, pro
     return failsWith(call, code, std::vector<StorageIRI>{location}, context);
 }
 
+// One row of a table of refused calls: what is called, and how it must fail.
+struct Refusal {
+    const char* name;
+    std::function<void()> call;
+    provider::ErrorCode code;
+    std::vector<StorageIRI> locations;
+    const char* context = nullptr;
+};
+
+inline void expectRefusals(const std::vector<Refusal>& rows)
+{
+    for (const Refusal& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_TRUE(failsWith(row.call, row.code, row.locations, row.context));
+    }
+}
+
 // The entries below `folder`: relative path -> size for a file, nullopt for a folder. Walks with
 // names-only flat listings, so it works whatever the provider's optional features.
 inline std::map<ustring, std::optional<std::uint64_t>> treeOf(const provider::IProvider& storage,

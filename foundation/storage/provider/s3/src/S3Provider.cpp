@@ -238,6 +238,8 @@ public:
         capabilities.settableTimes = false;
         capabilities.settableWritability = false;
         capabilities.timeResolution = std::chrono::seconds(1);
+        // Each request waits on the server: several at once hide its latency.
+        capabilities.parallelTransfers = 8;
         return capabilities;
     }
 

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <future>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,14 +55,25 @@ public:
         std::streamsize done = 0;
         while (done < n && m_position < m_object.size) {
             if (m_position < m_windowStart || m_position >= m_windowStart + m_window.size()) {
-                const std::uint64_t want = std::max<std::uint64_t>(m_readAhead, static_cast<std::uint64_t>(n - done));
-                const std::uint64_t size = std::min(want, m_object.size - m_position);
-                // The first range takes whichever version is there by now; every later one must be
-                // of the same version.
-                Store::Range range = asStreamFailure(StreamOperation::Read, [&] {
-                    return m_store->read(m_place.bucket, m_place.key, m_position, size, m_pinned ? m_object.etag : std::string(),
-                                         m_location);
-                });
+                // Reading on from where the last range ended: most likely to the end, so the next
+                // ranges are worth asking for now (a reader that looks at the start and then jumps,
+                // as an archive reader does, is not charged for them).
+                const bool sequential = m_position != 0 && m_position == m_windowStart + m_window.size();
+                Store::Range range;
+                if (!m_ahead.empty() && m_ahead.front().start == m_position) {
+                    range = asStreamFailure(StreamOperation::Read, [&] { return m_ahead.front().range.get(); });
+                    m_ahead.pop_front();
+                } else {
+                    m_ahead.clear(); // a jump: what was fetched ahead is of no use
+                    const std::uint64_t want = std::max<std::uint64_t>(m_readAhead, static_cast<std::uint64_t>(n - done));
+                    const std::uint64_t size = std::min(want, m_object.size - m_position);
+                    // The first range takes whichever version is there by now; every later one
+                    // must be of the same version.
+                    range = asStreamFailure(StreamOperation::Read, [&] {
+                        return m_store->read(m_place.bucket, m_place.key, m_position, size,
+                                             m_pinned ? m_object.etag : std::string(), m_location);
+                    });
+                }
                 if (!m_pinned) {
                     m_pinned = true;
                     m_object.etag = range.etag;
@@ -70,6 +83,8 @@ public:
                 m_windowStart = m_position;
                 if (m_window.empty())
                     break;
+                if (sequential)
+                    fetchAhead();
             }
             const std::uint64_t offset = m_position - m_windowStart;
             const auto count = static_cast<std::streamsize>(
@@ -100,10 +115,33 @@ public:
     {
         check(StreamOperation::Close);
         m_closed = true;
+        m_ahead.clear();
         m_window = {};
     }
 
 private:
+    // A range asked for before it is read.
+    struct Ahead {
+        std::uint64_t start;
+        std::future<Store::Range> range;
+    };
+
+    // While the object is read from start to end, the next ranges are on their way, several at
+    // once, as the current one is consumed: one connection alone stays well below what the
+    // server and the loopback can carry.
+    void fetchAhead()
+    {
+        std::uint64_t next = m_ahead.empty() ? m_windowStart + m_window.size() : m_ahead.back().start + m_readAhead;
+        while (m_ahead.size() < m_depth && next < m_object.size) {
+            const std::uint64_t size = std::min(m_readAhead, m_object.size - next);
+            m_ahead.push_back({next, std::async(std::launch::async, [store = m_store, place = m_place, etag = m_object.etag,
+                                                                    location = m_location, next, size] {
+                                   return store->read(place.bucket, place.key, next, size, etag, location);
+                               })});
+            next += size;
+        }
+    }
+
     void check(StreamOperation operation) const
     {
         if (m_closed)
@@ -115,6 +153,8 @@ private:
     Place m_place;
     ObjectInfo m_object;
     std::uint64_t m_readAhead;
+    std::size_t m_depth = static_cast<std::size_t>(m_store->client().settings().partsInFlight);
+    std::deque<Ahead> m_ahead;
     std::uint64_t m_position = 0;
     std::string m_window;
     std::uint64_t m_windowStart = 0;

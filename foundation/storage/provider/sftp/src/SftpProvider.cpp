@@ -148,6 +148,8 @@ public:
         capabilities.authority = ProviderCapabilities::Authority::Required;
         capabilities.extendedAttributes = true;
         capabilities.timeResolution = std::chrono::seconds(1);
+        std::lock_guard lock(m_mutex); // configure() may be changing the options
+        capabilities.parallelTransfers = std::max<std::uint32_t>(1, m_options.sessionsPerHost);
         return capabilities;
     }
 

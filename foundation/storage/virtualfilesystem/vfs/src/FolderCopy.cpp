@@ -7,8 +7,13 @@
 #include <boost/exception/info.hpp>
 #include <boost/throw_exception.hpp>
 
+#include <algorithm>
+#include <condition_variable>
 #include <deque>
+#include <exception>
+#include <functional>
 #include <ostream>
+#include <thread>
 
 namespace foundation::storage::vfs {
 
@@ -46,6 +51,13 @@ bool createTargetFolder(const Folder& source, const Folder& target)
     return true;
 }
 
+// How many transfers a copy between the two storages runs at once: what the slower side asks for.
+unsigned transfersBetween(const Folder& source, const Folder& target)
+{
+    const auto of = [](const Folder& folder) { return HandleAccess::liveItem(folder).getProvider()->capabilities().parallelTransfers; };
+    return std::clamp<unsigned>(std::max(of(source), of(target)), 1, 64);
+}
+
 bool isLink(provider::ExistenceTypeExtended kind) noexcept
 {
     using Kind = provider::ExistenceTypeExtended;
@@ -54,12 +66,119 @@ bool isLink(provider::ExistenceTypeExtended kind) noexcept
 
 } // namespace
 
+// Runs jobs on threads of its own with a bounded backlog. For transfers, which mostly wait on a
+// server: more of them at once than the machine has cores pays off, which a pool sized to the
+// cores (the parallel walk's) would not allow. After a job fails, the queued ones are dropped and
+// the failure is rethrown to the next submit() or drain().
+class TransferQueue {
+public:
+    explicit TransferQueue(unsigned threads) : m_backlog(2 * threads)
+    {
+        for (unsigned i = 0; i < threads; ++i)
+            m_threads.emplace_back([this] { work(); });
+    }
+    ~TransferQueue()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_closing = true;
+            m_jobs.clear();
+        }
+        m_changed.notify_all();
+        for (auto& thread : m_threads)
+            thread.join();
+    }
+    TransferQueue(const TransferQueue&) = delete;
+    TransferQueue& operator=(const TransferQueue&) = delete;
+
+    // Queues `job`, waiting while the backlog is full; `tick` runs on this thread, the lock
+    // released, each time a job ends meanwhile.
+    void submit(std::function<void()> job, const std::function<void()>& tick)
+    {
+        std::unique_lock lock(m_mutex);
+        waitFor(lock, [&] { return m_jobs.size() < m_backlog || m_failure; }, tick);
+        rethrowFailure();
+        m_jobs.push_back(std::move(job));
+        m_changed.notify_all();
+    }
+
+    // Returns once every queued job has ended.
+    void drain(const std::function<void()>& tick)
+    {
+        std::unique_lock lock(m_mutex);
+        waitFor(lock, [&] { return m_jobs.empty() && m_running == 0; }, tick);
+        rethrowFailure();
+    }
+
+private:
+    template <class Done>
+    void waitFor(std::unique_lock<std::mutex>& lock, Done done, const std::function<void()>& tick)
+    {
+        while (!done()) {
+            const std::uint64_t ended = m_ended;
+            m_changed.wait(lock, [&] { return done() || m_ended != ended; });
+            lock.unlock();
+            tick();
+            lock.lock();
+        }
+    }
+
+    void rethrowFailure()
+    {
+        if (const std::exception_ptr failure = std::exchange(m_failure, nullptr))
+            std::rethrow_exception(failure);
+    }
+
+    void work()
+    {
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            m_changed.wait(lock, [&] { return m_closing || !m_jobs.empty(); });
+            if (m_closing)
+                return;
+            std::function<void()> job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            ++m_running;
+            lock.unlock();
+            std::exception_ptr failure;
+            try {
+                job();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            job = nullptr; // the job's handles go before the queue says it has ended
+            lock.lock();
+            --m_running;
+            ++m_ended;
+            if (failure && !m_failure) {
+                m_failure = failure;
+                m_jobs.clear();
+            }
+            m_changed.notify_all();
+        }
+    }
+
+    const std::size_t m_backlog;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::function<void()>> m_jobs;
+    std::size_t m_running = 0;
+    std::uint64_t m_ended = 0;
+    std::exception_ptr m_failure;
+    bool m_closing = false;
+    std::vector<std::thread> m_threads;
+};
+
 FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer,
-                                     bool forMove, LinkHandling links)
+                                     bool forMove, unsigned transfers, LinkHandling links)
     : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_links(links),
       m_observer(std::move(observer))
 {
+    if (transfers > 1)
+        m_queue = std::make_unique<TransferQueue>(transfers);
 }
+
+FolderCopyVisitor::~FolderCopyVisitor() = default;
 
 FolderVisitResult FolderCopyVisitor::copyLink(const provider::StorageItem& source, const ustring& name)
 {
@@ -77,24 +196,34 @@ FolderVisitResult FolderCopyVisitor::copyLink(const provider::StorageItem& sourc
             boost::throw_exception(Exception(ErrorCode::UnsupportedOperation, target.getLocation())
                                        .withExceptionContexts({provider::ExceptionContext(u"symlink")}));
         translated([&] { maker->createLink(into.getLocation(), reader->readLink(source.getLocation()), replace); });
-        ++m_progress.files;
+        ++m_files;
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
-        if (code == ErrorCode::UnsupportedOperation && m_policy == ReplacementPolicy::MergeCollectingFailures)
+        if (code == ErrorCode::UnsupportedOperation && m_policy == ReplacementPolicy::MergeCollectingFailures) {
+            std::lock_guard lock(m_collectedMutex);
             m_collected.push_back(error); // one more entry left out
-        else if (replace || code != ErrorCode::ResourceAlreadyExists)
+        } else if (replace || code != ErrorCode::ResourceAlreadyExists) {
             throw;
-        else
-            ++m_progress.files;
+        } else {
+            ++m_files;
+        }
     }
     return report() == FolderVisitResult::Stop ? FolderVisitResult::Stop : FolderVisitResult::Skip;
 }
 
 FolderVisitResult FolderCopyVisitor::report()
 {
-    if (m_observer && !m_observer(m_progress))
+    if (m_observer && !m_stopped && !m_observer(TreeProgress{m_files.load(), m_folders, m_bytes.load()}))
         m_stopped = true;
     return m_stopped ? FolderVisitResult::Stop : FolderVisitResult::Continue;
+}
+
+void FolderCopyVisitor::finish()
+{
+    if (!m_queue)
+        return;
+    m_queue->drain([this] { report(); });
+    report(); // the last copies may have ended before the wait began
 }
 
 FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
@@ -134,7 +263,7 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
     m_current = std::move(target);
     m_entered.push_back(source.getLocation());
     m_madeWithMode.push_back(made);
-    ++m_progress.folders;
+    ++m_folders;
     return report();
 }
 
@@ -142,7 +271,10 @@ FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, con
 {
     if (m_policy != ReplacementPolicy::MergeCollectingFailures || failure.getErrorCode() != ErrorCode::PermissionDenied)
         return FolderVisitor::visitFolderFailed(source, failure);
-    m_collected.push_back(failure);
+    {
+        std::lock_guard lock(m_collectedMutex);
+        m_collected.push_back(failure);
+    }
     // The folder's visitAfter will not come: the copy goes back up from its target here.
     if (!m_entered.empty() && m_entered.back() == source.getLocation()) {
         m_entered.pop_back();
@@ -155,18 +287,38 @@ FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, con
 
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
 {
+    if (m_links != LinkHandling::Follow) {
+        try {
+            const provider::StorageItem& item = HandleAccess::liveItem(source);
+            if (isLink(translated([&] { return item.existsExtended(); })))
+                return copyLink(item, source.getName()) == FolderVisitResult::Stop ? FolderVisitResult::Stop
+                                                                                    : FolderVisitResult::Continue;
+        } catch (const Exception& error) {
+            // As for a file: a source gone meanwhile, or a name the target cannot take, is passed over.
+            if (error.getErrorCode() != ErrorCode::ResourceNotFound && error.getErrorCode() != ErrorCode::InvalidLocation)
+                throw;
+            return report();
+        }
+    }
     const File target(*m_current, source.getName());
+    if (!m_queue)
+        return copyOne(source, target, true) ? report() : FolderVisitResult::Stop;
+    m_queue->submit(
+        [this, source, target] {
+            if (!m_stopped)
+                copyOne(source, target, false);
+        },
+        [this] { report(); });
+    return report();
+}
+
+bool FolderCopyVisitor::copyOne(const File& source, const File& target, bool onWalkingThread)
+{
     // ReplaceIfNewer merges too: the provider compares the two times and skips an older source.
     const bool merging = m_policy == ReplacementPolicy::MergeFolders ||
                          m_policy == ReplacementPolicy::MergeCollectingFailures ||
                          m_policy == ReplacementPolicy::ReplaceIfNewer;
     try {
-        if (m_links != LinkHandling::Follow) {
-            const provider::StorageItem& item = HandleAccess::liveItem(source);
-            if (isLink(translated([&] { return item.existsExtended(); })))
-                return copyLink(item, source.getName()) == FolderVisitResult::Stop ? FolderVisitResult::Stop
-                                                                                    : FolderVisitResult::Continue;
-        }
         // Not synced file by file: a move flushes the destination once, at the end, before the
         // source goes; a plain copy is left to the caller's flushFilesystem(), as cp leaves it.
         provider::CopyFileOptions options;
@@ -174,39 +326,43 @@ FolderVisitResult FolderCopyVisitor::visit(const File& source)
         // replace nothing, which asks the storage once instead of looking first and copying after.
         options.replacementPolicy = merging ? m_policy : ReplacementPolicy::FailIfExists;
         options.durable = false;
-        const std::uint64_t before = m_progress.bytes;
+        std::uint64_t counted = 0;
         if (m_observer)
             options.progress = [&](std::uint64_t copied, std::uint64_t) {
-                m_progress.bytes = before + copied;
-                return report() == FolderVisitResult::Continue;
+                m_bytes += copied - counted;
+                counted = copied;
+                // Away from the walking thread the observer is told by the walk, not here.
+                return onWalkingThread ? report() == FolderVisitResult::Continue : !m_stopped;
             };
         source.copyFile(target, options);
         if (m_stopped)
-            return FolderVisitResult::Stop; // abandoned part way: the provider left no target
+            return false; // abandoned part way: the provider left no target
     } catch (const Exception& error) {
         const ErrorCode code = error.getErrorCode();
         if (!merging && code == ErrorCode::ResourceAlreadyExists && target.fileExists()) {
-            ++m_progress.files;
-            return report();
+            ++m_files;
+            return true;
         }
         const bool sourceVanished = code == ErrorCode::ResourceNotFound && error.getLocation() == source.getLocation();
         const bool collected = m_policy == ReplacementPolicy::MergeCollectingFailures && code == ErrorCode::PermissionDenied;
         if (m_forMove && !sourceVanished && !collected)
             throw;
-        if (collected)
+        if (collected) {
+            std::lock_guard lock(m_collectedMutex);
             m_collected.push_back(error);
-        else if (code == ErrorCode::ResourceNotFound && !(error.getLocation() == source.getLocation()))
+        } else if (code == ErrorCode::ResourceNotFound && !(error.getLocation() == source.getLocation()))
             // Not the source: a target folder has gone from under the copy.
             boost::throw_exception(Exception(ErrorCode::InvalidLocation, error.getLocation()));
         else if (code != ErrorCode::ResourceNotFound && code != ErrorCode::InvalidLocation)
             throw;
     }
-    ++m_progress.files;
-    return report();
+    ++m_files;
+    return true;
 }
 
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
 {
+    finish(); // the folder's mode and time come after its files
     const Folder target = *m_current;
     bool madeWithMode = false;
     if (!m_entered.empty()) {
@@ -300,8 +456,9 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
         refuseIntoItself(target);
-    FolderCopyVisitor visitor(destination, policy, observer, forMove, links);
+    FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination), links);
     walkFolder(source, visitor);
+    visitor.finish();
     if (visitor.stopped() && !destination.folderExists())
         return false; // stopped before the first folder was made
     if (forMove)

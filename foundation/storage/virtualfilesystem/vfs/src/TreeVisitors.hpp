@@ -5,20 +5,29 @@
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/FolderVisitor.hpp>
 
+#include <atomic>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
 namespace foundation::storage::vfs::detail {
 
+class TransferQueue;
+
 // Copies the walked tree below a destination root, one folder level at a time: the current target
 // follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
+// Where either storage says transfers are best run several at once, files are copied on a
+// TransferQueue's threads while the walk goes on; a folder is finished (its mode and time) once
+// every file copy started before has ended. The observer is told on the walking thread only.
 class FolderCopyVisitor : public FolderVisitor {
 public:
     // `observer` may be empty. `forMove`: the source goes once copied, so a file that could not be
     // copied fails the copy unless it has itself vanished or is collected (a plain copy passes over
-    // InvalidLocation failures).
+    // InvalidLocation failures). `transfers`: file copies at once (1: on the walking thread).
     FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer,
-                      bool forMove, LinkHandling links = LinkHandling::Follow);
+                      bool forMove, unsigned transfers = 1, LinkHandling links = LinkHandling::Follow);
+    ~FolderCopyVisitor() override;
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
@@ -27,6 +36,9 @@ public:
     // aside with the files, and the copy goes on with its siblings.
     FolderVisitResult visitFolderFailed(const Folder& source, const Exception& failure) override;
 
+    // Waits for the file copies under way; rethrows the first that failed.
+    void finish();
+
     // Permission failures put aside under MergeCollectingFailures, in the order met.
     const std::vector<Exception>& collected() const noexcept { return m_collected; }
     bool stopped() const noexcept { return m_stopped; }
@@ -34,8 +46,10 @@ public:
 private:
     // Tells the observer; Stop once it answered false.
     FolderVisitResult report();
+    // One file; false when the observer stopped it part way. Runs on any thread.
+    bool copyOne(const File& source, const File& target, bool onWalkingThread);
     // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip
-    // (the link is not entered) or Stop.
+    // (the link is not entered) or Stop. On the walking thread.
     FolderVisitResult copyLink(const provider::StorageItem& source, const ustring& name);
 
     Folder m_destinationRoot;
@@ -45,10 +59,14 @@ private:
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
     LinkHandling m_links;
+    std::mutex m_collectedMutex;
     std::vector<Exception> m_collected;
     TreeProgressObserver m_observer;
-    TreeProgress m_progress;
-    bool m_stopped = false;
+    std::uint64_t m_folders = 0;
+    std::atomic<std::uint64_t> m_files{0};
+    std::atomic<std::uint64_t> m_bytes{0};
+    std::atomic<bool> m_stopped{false};
+    std::unique_ptr<TransferQueue> m_queue;
 };
 
 // Post-order deletion: files as the walk meets them, each folder after its contents, the root last.

@@ -4,21 +4,12 @@
 
 #ifdef VFS_TEST_ARCHIVE
 
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
+#include <KitPrelude.hpp>
 
 #include <foundation/storage/provider/decorators/FaultInjectingProvider.hpp>
 
-#include <boost/property_tree/ptree.hpp>
-
-#include <gtest/gtest.h>
-
-#include <random>
-
 namespace {
 
-using namespace vfs_test;
-using provider::ErrorCode;
 using provider::archive::ArchiveFormat;
 using Kind = ArchiveRecipe::Kind;
 

@@ -2,24 +2,13 @@
 // file; polling; stopping; and the failures of starting a watch.
 
 #include <ChangeRecorder.hpp>
-#include <ProviderHarness.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <set>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using foundation::storage::events::Kind;
-using provider::ErrorCode;
 using provider::RecursiveChangePolling;
 using provider::RecursiveFileWatching;
-using provider::ReplacementPolicy;
 
 constexpr bool file = false;
 constexpr bool folder = true;

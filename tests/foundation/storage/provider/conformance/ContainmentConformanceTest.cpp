@@ -1,13 +1,10 @@
 // Names and locations that try to leave their folder or their storage are refused or stay inside.
 
-#include "ProviderHarness.hpp"
+#include <KitPrelude.hpp>
 
 #include <foundation/storage/provider/StorageItem.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::ErrorCode;
 
 class ContainmentConformance : public ProviderTest {};
 

@@ -2,25 +2,9 @@
 // recursive listings where the provider has them.
 
 #include <DepthFirst.hpp>
-#include <ProviderHarness.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::ErrorCode;
-using provider::ExtendedFeature;
-using provider::FolderEntry;
-using provider::ListKind;
-using provider::ListOptions;
 
 ListOptions options(ListKind kind, bool withAttributes, ustring pattern = {}, bool recursive = false)
 {

@@ -1,16 +1,9 @@
 // What only the local disk has: links, special files, names that are not UTF-8, permissions, big
 // folders read in several batches, atomic copies, the file://localhost form.
 
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
+#include <KitPrelude.hpp>
 #include <Unprivileged.hpp>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/property_tree/ptree.hpp>
-
-#include <gmock/gmock.h>
-
-#include <cstring>
 #include <sys/xattr.h>
 
 #include <fcntl.h>
@@ -19,21 +12,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <sstream>
-
 namespace {
-
-using namespace vfs_test;
-using provider::CopyFileOptions;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
-using provider::FolderEntry;
-using provider::ListKind;
-using provider::ListOptions;
-using provider::ReplacementPolicy;
-using provider::TransactionStatus;
-namespace pt = boost::posix_time;
 
 // Name -> whether the entry is a file.
 std::map<std::string, bool> kindsOf(const std::vector<FolderEntry>& entries)

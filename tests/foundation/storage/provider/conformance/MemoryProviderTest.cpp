@@ -1,29 +1,11 @@
 // What only the memory provider has: volumes named by the authority, a quota, a read-only mode,
 // settings, snapshot listings in a fixed order, and a tree that stays whole under many threads.
 
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/property_tree/ptree.hpp>
-
-#include <gmock/gmock.h>
-
-#include <atomic>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using boost::posix_time::ptime;
-using provider::CopyFileOptions;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
-using provider::ExtendedFeature;
-using provider::ListKind;
-using provider::ListOptions;
-using provider::ReplacementPolicy;
-using provider::TransactionStatus;
 using provider::memory::makeMemoryProvider;
 using provider::memory::MemoryProviderOptions;
 using testing::ElementsAre;

@@ -1,27 +1,8 @@
 // Moving and copying within a provider under each replacement policy, as every provider must.
 
-#include <ProviderHarness.hpp>
-
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::CopyFileOptions;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ReplacementPolicy;
-using provider::TransactionStatus;
-namespace pt = boost::posix_time;
 
 const pt::ptime older = pt::from_time_t(1'500'000'000);
 const pt::ptime newer = older + pt::seconds(1);
@@ -203,14 +184,7 @@ TEST_P(MoveAndCopyConformance, MoveAndCopyFailuresReportCodeAndLocationAndLeaveT
     const auto before = tree();
     const auto replace = ReplacementPolicy::Replace;
 
-    struct Case {
-        const char* name;
-        std::function<void()> call;
-        ErrorCode code;
-        std::vector<StorageIRI> locations;
-        const char* context = nullptr;
-    };
-    std::vector<Case> cases = {
+    std::vector<Refusal> cases = {
         {"moveFile of nothing", [&] { provider->moveFile(missing, free, replace); }, ErrorCode::ResourceNotFound, {missing}},
         {"moveFile of a folder", [&] { provider->moveFile(folder, free, replace); }, ErrorCode::ResourceNotFound, {folder}, "not-a-file"},
         {"moveFile without target parent", [&] { provider->moveFile(file, noParent, replace); }, ErrorCode::ResourceNotFound, {noParent}},
@@ -237,10 +211,7 @@ TEST_P(MoveAndCopyConformance, MoveAndCopyFailuresReportCodeAndLocationAndLeaveT
         cases.push_back({"moveFolder to a foreign location", [&] { provider->moveFolder(folder, elsewhere, replace); },
                          ErrorCode::UnsupportedOperation, {elsewhere}});
     }
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_TRUE(failsWith(c.call, c.code, c.locations, c.context));
-    }
+    expectRefusals(cases);
     EXPECT_EQ(tree(), before);
 }
 

@@ -2,27 +2,11 @@
 // existence, refusal of locations it does not serve, thread safety and the storage-wide operations.
 // Files and folders, moves and copies, and listings have suites of their own beside this one.
 
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <functional>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using provider::CaseModifier;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
-using provider::ExtendedFeature;
 using provider::FilenameSensitivity;
 
 class ProviderConformance : public ProviderTest {};

@@ -1,25 +1,9 @@
 // Byte streams as every provider must offer them: open options, reading, writing and seeking,
 // failures of the stream family, and transactional streams that publish whole files or nothing.
 
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
-
-#include <foundation/storage/provider/ByteStream.hpp>
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
-
-using namespace vfs_test;
-using provider::ByteStreamAccess;
-using provider::ByteStreamCreation;
-using provider::ByteStreamOpenOptions;
-using provider::ErrorCode;
-using provider::StreamClosePolicy;
 
 class StreamConformance : public ProviderTest {
 protected:

@@ -1,21 +1,10 @@
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
 #include "EveryOperation.hpp"
 
-#include <ProviderHarness.hpp>
-
-#include <gtest/gtest.h>
-
-#include <set>
-#include <string>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using namespace foundation::storage::provider::decorators;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExtendedFeature;
 
 class CallCountingTest : public ProviderTest {
 protected:

@@ -1,23 +1,11 @@
 // Decorators are shared by many threads, as the providers they wrap are; also run under
 // ThreadSanitizer.
 
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <ProviderHarness.hpp>
-#include <Threads.hpp>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using namespace foundation::storage::provider::decorators;
-using provider::ErrorCode;
-using provider::ExistenceType;
 using Trigger = FaultInjectingProvider::Trigger;
 
 class DecoratorConcurrencyTest : public ProviderTest {};

@@ -1,23 +1,12 @@
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
 #include "EveryOperation.hpp"
 
-#include <ProviderHarness.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <KitPrelude.hpp>
 
 #include <stdexcept>
-#include <vector>
 
 namespace {
 
-using namespace vfs_test;
 using namespace foundation::storage::provider::decorators;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExistenceTypeExtended;
-using provider::ExtendedFeature;
 using Trigger = FaultInjectingProvider::Trigger;
 
 class FaultInjectionTest : public ProviderTest {

@@ -1,22 +1,8 @@
-#include <foundation/storage/provider/decorators/ProviderDecorator.hpp>
-
-#include <ProviderHarness.hpp>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <set>
-#include <string>
-#include <vector>
+#include <KitPrelude.hpp>
 
 namespace {
 
-using namespace vfs_test;
 using namespace foundation::storage::provider::decorators;
-using provider::ErrorCode;
-using provider::ExistenceType;
-using provider::ExtendedFeature;
-using provider::ListOptions;
 
 constexpr ExtendedFeature everyFeature[] = {ExtendedFeature::RecursiveRemoval, ExtendedFeature::RecursiveListing,
                                             ExtendedFeature::FlatWildcardListing, ExtendedFeature::RecursiveWatching,

@@ -1,7 +1,6 @@
 // What is particular to the s3: provider; its behaviour as a storage is the conformance kit's.
 
-#include "ProviderHarness.hpp"
-#include "Threads.hpp"
+#include <KitPrelude.hpp>
 
 #include <foundation/storage/provider/s3/detail/Signing.hpp>
 
@@ -10,9 +9,6 @@
 #include <ctime>
 
 namespace {
-
-using namespace vfs_test;
-using provider::ErrorCode;
 
 class S3ProviderTest : public testing::Test {
 protected:

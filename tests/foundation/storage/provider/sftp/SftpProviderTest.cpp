@@ -1,17 +1,12 @@
 // What is specific to the sftp provider; its behaviour as a provider is the conformance suites'.
 
-#include "ProviderHarness.hpp"
-#include "Threads.hpp"
+#include <KitPrelude.hpp>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 namespace vfs_test {
 namespace {
-
-using provider::ErrorCode;
-using provider::ReplacementPolicy;
 
 std::string slurp(const std::filesystem::path& path)
 {

@@ -41,6 +41,9 @@ struct ProviderCapabilities {
     bool atomicReplace = false;      // a rename replaces its target in one step
     bool settableTimes = true;       // setLastModified keeps the time given (an object store's do not)
     bool settableWritability = true; // setWritable changes what isWritable() reports
+    // How many file transfers a tree copy runs at once into or out of this storage: 1 where a
+    // transfer keeps the machine busy (a disk), more where it mostly waits for a server's answers.
+    std::uint32_t parallelTransfers = 1;
     FilenameSensitivity sensitivity = FilenameSensitivity::CaseSensitive;
     // The finest modification time the storage keeps.
     std::chrono::nanoseconds timeResolution = std::chrono::nanoseconds(1);
