@@ -474,6 +474,35 @@ TEST_F(ToolTest, NothingIsLostWithoutAWord)
         EXPECT_NE(full.err.find("cannot write the output"), std::string::npos) << full.err;
     }
 
+    // cp -r keeps links as links (-P) unless told to follow them (-L); a storage without links
+    // reports each one. A sparse file's copy keeps its holes.
+    tree.writeFile("linked/f", "f");
+    fs::create_symlink("f", at("linked/rel"));
+    fs::create_directory_symlink(at("a"), at("linked/dir"));
+    EXPECT_EQ(vfsTool({"cp", "-r", "-L", at("linked"), at("followed")}).exitCode, 0);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(at("followed/rel"))));
+    EXPECT_TRUE(fs::is_regular_file(at("followed/dir/b/y.dat")));
+    const Outcome memory = vfsTool({"cp", "-r", at("linked"), "mem://v/"});
+    EXPECT_EQ(memory.exitCode, 1);
+    EXPECT_NE(memory.err.find("vfs: cp: not supported here: mem://v/linked/rel"), std::string::npos) << memory.err;
+    {
+        std::ofstream sparse(at("linked/sparse"), std::ios::binary);
+        sparse.seekp(200 << 20);
+        sparse << "data";
+        sparse.seekp(300 << 20);
+        sparse << "end";
+    }
+    EXPECT_EQ(vfsTool({"cp", "-r", at("linked"), at("kept")}).exitCode, 0);
+    EXPECT_EQ(fs::read_symlink(at("kept/rel")), "f");
+    EXPECT_EQ(fs::read_symlink(at("kept/dir")), at("a"));
+    struct stat sparse {};
+    ASSERT_EQ(stat(at("kept/sparse").c_str(), &sparse), 0);
+    EXPECT_EQ(sparse.st_size, (300 << 20) + 3);
+    EXPECT_LT(sparse.st_blocks * 512, 1 << 20);
+    std::string data(4, '\0');
+    std::ifstream(at("kept/sparse"), std::ios::binary).seekg(200 << 20).read(data.data(), 4);
+    EXPECT_EQ(data, "data");
+
     // As an unprivileged user, an unreadable folder is reported and the rest is copied.
     tree.writeFile("part/ok", "o");
     tree.writeFile("part/locked/secret", "s");
@@ -497,6 +526,12 @@ TEST_F(ToolTest, NothingIsLostWithoutAWord)
         EXPECT_EQ(mv.exitCode, 0) << mv.err;
         EXPECT_EQ(slurp(elsewhere / "x.txt"), "hello\n");
         EXPECT_FALSE(fs::exists(at("a/x.txt")));
+        // find -x lists a folder of another file system (here reached through a link) without entering it.
+        elsewhere.writeFile("inside/f", "f");
+        fs::create_directory_symlink(elsewhere / "inside", at("a/mounted"));
+        EXPECT_EQ(vfsTool({"find", "-L", "-x", "--name", "f", at("a")}).out +
+                      vfsTool({"find", "-L", "--name", "f", at("a")}).out,
+                  at("a/mounted/f") + "\n");
     }
 }
 

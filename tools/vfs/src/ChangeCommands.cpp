@@ -96,6 +96,8 @@ struct CpOptions {
     std::string source;
     std::string destination;
     bool recursive = false;
+    bool followLinks = false; // -L
+    bool keepLinks = false;   // -P, the default
     std::string policy = "merge";
 };
 
@@ -118,7 +120,8 @@ int runCp(Tool& tool, const CpOptions& options)
         const auto treePolicy =
             policy == provider::ReplacementPolicy::MergeFolders ? provider::ReplacementPolicy::MergeCollectingFailures : policy;
         try {
-            if (!tool.folder(source).copyFolder(tool.folder(target), treePolicy, drawingOn(progress)))
+            const auto links = options.followLinks ? vfs::LinkHandling::Follow : vfs::LinkHandling::Keep;
+            if (!tool.folder(source).copyFolder(tool.folder(target), treePolicy, drawingOn(progress), links))
                 throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
                                 display(target));
         } catch (const vfs::Exception& error) {
@@ -255,6 +258,13 @@ void addChangeCommands(const CommandSet& commands)
     auto cp = std::make_shared<CpOptions>();
     CLI::App* cpCommand = commands.app.add_subcommand("cp", "Copy a file, or a folder tree with -r");
     cpCommand->add_flag("-r", cp->recursive, "Copy folders and everything below them");
+    CLI::Option* follow = cpCommand->add_flag(
+        "-L,--dereference", cp->followLinks, "With -r, copy what the links inside the tree lead to, folders walked into");
+    cpCommand
+        ->add_flag("-P,--no-dereference", cp->keepLinks,
+                   "With -r, copy the links inside the tree as links with the same target text (the default); a "
+                   "storage that cannot hold links reports each one and the rest is copied")
+        ->excludes(follow);
     cpCommand->add_option("--policy", cp->policy, "When the target exists: fail; replace (files, and folders only when empty); or merge (default: "
                                               "into existing folders, replacing files)")
         ->check(CLI::IsMember({"fail", "replace", "merge"}));

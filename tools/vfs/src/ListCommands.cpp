@@ -179,14 +179,16 @@ struct FindOptions {
     bool json = false;
     bool followLinks = false; // -L; -P (the default) lists links to folders without entering them
     bool print0 = false;
+    bool oneFileSystem = false; // -x
 };
 
 // Prints the matches of a walk. Under the parallel walk its visits run on several threads at once:
 // the counters are atomic and printing is serialised.
 class FindVisitor : public vfs::FolderVisitor {
 public:
-    FindVisitor(const FindOptions& options, const vfs::AbsoluteIRI& root)
-        : m_options(options), m_root(root), m_pattern(utf16(options.name)), m_progress("scanned")
+    FindVisitor(const FindOptions& options, const vfs::Folder& root)
+        : m_options(options), m_root(root.getLocation()), m_pattern(utf16(options.name)), m_progress("scanned"),
+          m_fileSystem(options.oneFileSystem ? fileSystemOf(root) : std::nullopt)
     {
     }
 
@@ -198,8 +200,11 @@ public:
         report(entry.getName(), location, false);
         if (interrupted())
             return vfs::FolderVisitResult::Stop;
-        return !m_options.followLinks && entry.getAttributes().isSymlink() ? vfs::FolderVisitResult::Skip
-                                                                           : vfs::FolderVisitResult::Continue;
+        if (!m_options.followLinks && entry.getAttributes().isSymlink())
+            return vfs::FolderVisitResult::Skip;
+        // Another file system is listed where it is mounted, not entered.
+        return m_fileSystem && fileSystemOf(entry.getFolder()) != m_fileSystem ? vfs::FolderVisitResult::Skip
+                                                                                : vfs::FolderVisitResult::Continue;
     }
 
     vfs::FolderVisitResult visitEntry(const vfs::FileEntry& entry) override
@@ -249,6 +254,7 @@ private:
     const vfs::AbsoluteIRI m_root;
     const ustring m_pattern;
     Progress m_progress;
+    const std::optional<std::uint64_t> m_fileSystem; // with -x
     std::mutex m_printing;
     int m_status = Success;
 };
@@ -258,7 +264,7 @@ int runFind(Tool& tool, const FindOptions& options)
     const vfs::AbsoluteIRI location = tool.locate(options.location);
     if (tool.existingKindAt(location, options.location) == provider::ExistenceType::File)
         throw ToolError("not a folder", options.location);
-    FindVisitor visitor(options, location);
+    FindVisitor visitor(options, tool.folder(location));
     if (options.parallel)
         vfs::walkFolderParallel(tool.folder(location), visitor, [] { return interrupted().load(); });
     else
@@ -275,6 +281,7 @@ struct DuOptions {
     bool summary = false;
     bool human = false;
     bool json = false;
+    bool oneFileSystem = false; // -x
 };
 
 struct Usage {
@@ -311,6 +318,8 @@ int runDu(Tool& tool, const DuOptions& options)
     traversal.withExtended = true;
     // A file with several names is counted once, under the first name met (as du does).
     std::set<std::pair<std::uint64_t, std::uint64_t>> counted;
+    // With -x, folders of other file systems (mounted below) are left out.
+    const auto fileSystem = options.oneFileSystem ? fileSystemOf(tool.folder(location)) : std::nullopt;
     // Totals of the folders still open on the way down; a folder's line is printed once its content
     // is summed (du prints children before their parent).
     std::function<Usage(const vfs::Folder&, const VisitedEntry*, const vfs::AbsoluteIRI&)> sum =
@@ -338,7 +347,7 @@ int runDu(Tool& tool, const DuOptions& options)
                     total.bytes += bytes;
                     ++total.files;
                     progress.add(1, bytes);
-                } else if (child.enterable()) {
+                } else if (child.enterable() && (!fileSystem || fileSystemOf(*child.folder) == fileSystem)) {
                     const Usage below = sum(*child.folder, &child, child.location);
                     total.bytes += below.bytes;
                     total.files += below.files;
@@ -391,6 +400,8 @@ void addListCommands(const CommandSet& commands)
     findCommand->add_flag_function("-P", [find](std::int64_t) { find->followLinks = false; },
                           "List links to folders without entering them (the default)");
     findCommand->add_flag("-0,--print0", find->print0, "End each printed location with a NUL instead of a newline");
+    findCommand->add_flag("-x,--xdev,--one-file-system", find->oneFileSystem,
+                          "List folders on other file systems (mount points) without entering them");
     findCommand->callback(
         [=] { commands.status = runReported("find", [&] { return runFind(commands.tool, *find); }); });
 
@@ -399,6 +410,7 @@ void addListCommands(const CommandSet& commands)
     duCommand->add_flag("-s", du->summary, "Only the total of LOCATION");
     duCommand->add_flag("-h,--human", du->human, "Sizes in K, M, G");
     duCommand->add_flag("--json", du->json, "One JSON object per folder and line");
+    duCommand->add_flag("-x,--one-file-system", du->oneFileSystem, "Leave out folders on other file systems (mount points)");
     duCommand->add_option("LOCATION", du->location, "An IRI or a local path (default: .)");
     duCommand->callback([=] { commands.status = runReported("du", [&] { return runDu(commands.tool, *du); }); });
 }

@@ -223,6 +223,8 @@ std::uint64_t Tool::linkSize(const vfs::AbsoluteIRI& location) const
     return info && S_ISLNK(info->st_mode) ? static_cast<std::uint64_t>(info->st_size) : 0;
 }
 
+std::optional<std::uint64_t> fileSystemOf(const vfs::Folder& folder) { return folder.getExtendedAttributes().device; }
+
 provider::ExistenceType Tool::kindAt(const vfs::AbsoluteIRI& location) const
 {
     return vfs::exists(location, system());

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -64,6 +65,10 @@ public:
 private:
     std::shared_ptr<vfs::DefaultStorageSystem> m_system;
 };
+
+// The file system (device) that holds a folder, where its storage tells; for -x, which stays on the
+// file system it starts on.
+std::optional<std::uint64_t> fileSystemOf(const vfs::Folder& folder);
 
 // How a person reads a location: a local path for file IRIs, the IRI otherwise. Never throws.
 std::string display(const vfs::AbsoluteIRI& location);

@@ -51,6 +51,7 @@ IFolderEntryIterator::~IFolderEntryIterator() = default;
 extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
 extensions::IFolderModeKeeping::~IFolderModeKeeping() = default;
+extensions::ILinkKeeping::~ILinkKeeping() = default;
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)
     : m_provider(std::move(provider)), m_location(std::move(location))

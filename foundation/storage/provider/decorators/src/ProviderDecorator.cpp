@@ -64,6 +64,36 @@ void ProviderDecorator::finishFolderLike(const StorageIRI& location, const Stora
         keeping->finishFolderLike(location, model);
 }
 
+namespace {
+
+const extensions::ILinkKeeping& linkKeeping(const IProvider& wrapped, const StorageIRI& location)
+{
+    const auto* keeping = dynamic_cast<const extensions::ILinkKeeping*>(&wrapped);
+    if (!keeping)
+        throwProviderError(ErrorCode::UnsupportedOperation, location, {ExceptionContext(u"symlink")});
+    return *keeping;
+}
+
+} // namespace
+
+fl::ustring ProviderDecorator::readLink(const StorageIRI& location) const
+{
+    checkLocation(location);
+    const auto& keeping = linkKeeping(*m_wrapped, location);
+    before(ProviderOperation::ExistsExtended, location);
+    return keeping.readLink(location);
+}
+
+void ProviderDecorator::createLink(const StorageIRI& location, const fl::ustring& target, bool replace) const
+{
+    checkLocation(location);
+    const auto& keeping = linkKeeping(*m_wrapped, location);
+    if (!capabilities().writable)
+        throwProviderError(ErrorCode::ReadOnlyProvider, location, {ExceptionContext(u"symlink"), ExceptionContext(u"read-only")});
+    before(ProviderOperation::CreateFile, location);
+    keeping.createLink(location, target, replace);
+}
+
 void ProviderDecorator::before(ProviderOperation, const StorageIRI&) const {}
 
 #define VFS_PROVIDER_DECORATOR_FORWARD(Enumerator, name, Result, Parameters, Arguments)                               \

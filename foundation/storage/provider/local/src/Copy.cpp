@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include <fcntl.h>
@@ -77,11 +78,105 @@ bool kernelCannotCopy(int error) noexcept
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == ENOTSUP;
 }
 
+// Copies [offset, end) of `in` to the same offsets of `out`, through the kernel where it can; false
+// when the progress callback cancelled.
+bool copyExtent(int in, int out, off_t offset, off_t end, std::uint64_t& copied, std::uint64_t size,
+                const CopyFileOptions& options, std::unique_ptr<char, FreeDeleter>& buffer, const StorageIRI& from,
+                const StorageIRI& to)
+{
+    const std::size_t chunk = options.progress ? progressChunk : wholeFileChunk;
+    off_t outOffset = offset;
+    while (offset < end) {
+        const std::size_t want = std::min(static_cast<std::size_t>(end - offset), chunk);
+        ssize_t got = buffer ? -1 : ::copy_file_range(in, &offset, out, &outOffset, want, 0);
+        if (got < 0 && !buffer) {
+            if (errno == EINTR)
+                continue;
+            if (!kernelCannotCopy(errno))
+                fail(errno, "copy_file_range", to);
+            buffer.reset(static_cast<char*>(std::aligned_alloc(fallbackBufferAlignment, fallbackBufferSize)));
+            if (!buffer)
+                fail(ENOMEM, "aligned_alloc", to);
+        }
+        if (buffer) {
+            got = ::pread(in, buffer.get(), std::min(want, fallbackBufferSize), offset);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got < 0)
+                fail(errno, "pread", from);
+            for (ssize_t done = 0; done < got;) {
+                const ssize_t written = ::pwrite(out, buffer.get() + done, static_cast<std::size_t>(got - done), outOffset);
+                if (written < 0 && errno == EINTR)
+                    continue;
+                if (written < 0)
+                    fail(errno, "pwrite", to);
+                done += written;
+                outOffset += written;
+            }
+            offset += got;
+        }
+        if (got == 0)
+            break; // the source was cut short meanwhile
+        copied += static_cast<std::uint64_t>(got);
+        if (options.progress && !options.progress(copied, std::max(size, copied)))
+            return false;
+    }
+    return true;
+}
+
+// A file with holes (fewer bytes allocated than its size) keeps them: only its data extents are
+// copied, found with SEEK_DATA and SEEK_HOLE, and the target is cut to the source's length at the end,
+// so a large file with little data copies in the time its data takes. Nothing when this does not
+// apply (the source has no holes, the target is not a regular file, either offset is not at the
+// start, or the file system cannot tell holes); otherwise as copyContent.
+std::optional<bool> copySparse(int in, int out, const struct stat& source, const CopyFileOptions& options,
+                               const StorageIRI& from, const StorageIRI& to)
+{
+    struct stat target {};
+    if (!S_ISREG(source.st_mode) || source.st_blocks * 512 >= source.st_size || ::fstat(out, &target) != 0 ||
+        !S_ISREG(target.st_mode) || ::lseek(in, 0, SEEK_CUR) != 0 || ::lseek(out, 0, SEEK_CUR) != 0)
+        return std::nullopt;
+    std::unique_ptr<char, FreeDeleter> buffer;
+    std::uint64_t copied = 0;
+    const auto size = static_cast<std::uint64_t>(source.st_size);
+    for (off_t position = 0;;) {
+        const off_t data = ::lseek(in, position, SEEK_DATA);
+        if (data < 0) {
+            if (errno == ENXIO)
+                break; // no data after `position`: a hole up to the end
+            if (position == 0 && (errno == EINVAL || errno == EOPNOTSUPP))
+                return std::nullopt;
+            fail(errno, "lseek", from);
+        }
+        const off_t hole = ::lseek(in, data, SEEK_HOLE);
+        if (hole < 0)
+            fail(errno, "lseek", from);
+        copied = static_cast<std::uint64_t>(data); // the hole before counts as copied
+        if (!copyExtent(in, out, data, hole, copied, size, options, buffer, from, to))
+            return false;
+        position = hole;
+    }
+    const off_t end = ::lseek(in, 0, SEEK_END);
+    if (end < 0)
+        fail(errno, "lseek", from);
+    if (::ftruncate(out, end) != 0)
+        fail(errno, "ftruncate", to);
+    if (options.progress && static_cast<std::uint64_t>(end) > copied &&
+        !options.progress(static_cast<std::uint64_t>(end), std::max(size, static_cast<std::uint64_t>(end))))
+        return false;
+    if (::lseek(out, end, SEEK_SET) < 0)
+        fail(errno, "lseek", to);
+    return true;
+}
+
 } // namespace
 
-bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& options, const StorageIRI& from,
+bool copyContent(int in, int out, const struct stat& source, const CopyFileOptions& options, const StorageIRI& from,
                  const StorageIRI& to)
 {
+    if (const std::optional<bool> done = copySparse(in, out, source, options, from, to))
+        return *done;
+    const auto size = static_cast<std::uint64_t>(source.st_size);
     const std::size_t chunk = options.progress ? progressChunk : wholeFileChunk;
     bool kernelCopies = true;
     std::unique_ptr<char, FreeDeleter> buffer;
@@ -117,7 +212,7 @@ namespace {
 bool fillTarget(int in, int out, const struct stat& sourceInfo, const CopyFileOptions& options, const StorageIRI& from,
                 const StorageIRI& to)
 {
-    if (!copyContent(in, out, static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
+    if (!copyContent(in, out, sourceInfo, options, from, to))
         return false;
     // The permission bits came with the file's creation, limited by the umask as for any new file.
     // The set-ID bits stay only where the copy keeps the source's owner or group (it is owned by
@@ -231,7 +326,7 @@ TransactionStatus copyThrough(int in, const struct stat& sourceInfo, const std::
     FileDescriptor out(::open(target.c_str(), O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC));
     if (!out)
         fail(errno, "open", to);
-    if (!copyContent(in, out.get(), static_cast<std::uint64_t>(sourceInfo.st_size), options, from, to))
+    if (!copyContent(in, out.get(), sourceInfo, options, from, to))
         return TransactionStatus::NothingDone;
     if (options.durable && ::fsync(out.get()) != 0 && errno != EINVAL)
         fail(errno, "fsync", to);

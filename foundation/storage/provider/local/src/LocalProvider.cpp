@@ -148,7 +148,8 @@ private:
 // the kernel, so any number of threads may call it at once.
 class LocalProvider final : public IProvider,
                             public extensions::IFlushableFilesystem,
-                            public extensions::IFolderModeKeeping {
+                            public extensions::IFolderModeKeeping,
+                            public extensions::ILinkKeeping {
 public:
     ~LocalProvider() override { endPolling(); }
 
@@ -382,6 +383,63 @@ public:
         const std::string path = nativePath(location);
         if (::chmod(path.c_str(), modeOf(location) & 07777 & ~withheld) != 0)
             fail(errno, "chmod", location);
+    }
+
+    // ---- links kept by tree copies ------------------------------------------------------------
+
+    ustring readLink(const StorageIRI& location) const override
+    {
+        checkLocation(location);
+        const std::string path = nativePath(location);
+        std::string target(256, '\0');
+        for (;;) {
+            const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+            if (length < 0) {
+                if (errno == EINVAL)
+                    failAs(ErrorCode::InvalidLocation, EINVAL, "readlink", location, u"not-a-link");
+                fail(errno, "readlink", location);
+            }
+            if (static_cast<std::size_t>(length) < target.size()) {
+                target.resize(static_cast<std::size_t>(length));
+                return fl::i18n::native_to_ustring(target);
+            }
+            target.resize(target.size() * 4); // may have been cut short
+        }
+    }
+
+    // A replacement is made under a temporary name beside the entry and renamed over it, so that
+    // the name always holds the old entry or the new link.
+    void createLink(const StorageIRI& location, const ustring& target, bool replace) const override
+    {
+        checkLocation(location);
+        const std::string path = nativePath(location);
+        const std::string text = fl::i18n::ustring_to_native(target);
+        if (text.empty() || text.find('\0') != std::string::npos)
+            throwProviderError(ErrorCode::InvalidLocation, location,
+                               {ExceptionContext(u"symlink"), ExceptionContext(u"invalid-link-target")});
+        if (::symlink(text.c_str(), path.c_str()) == 0)
+            return;
+        if (errno != EEXIST || !replace)
+            fail(errno, "symlink", location);
+        struct stat there {};
+        if (::lstat(path.c_str(), &there) == 0 && S_ISDIR(there.st_mode))
+            failAs(ErrorCode::ResourceAlreadyExists, EISDIR, "symlink", location, u"not-a-file");
+        const std::string folder = detail::parentOf(path);
+        std::string temporary;
+        for (int attempt = 0;; ++attempt) {
+            temporary = (folder == "/" ? folder : folder + '/') + detail::temporaryName(".vfs-link-");
+            if (::symlink(text.c_str(), temporary.c_str()) == 0)
+                break;
+            if (errno != EEXIST || attempt == 16)
+                fail(errno, "symlink", location);
+        }
+        if (::rename(temporary.c_str(), path.c_str()) != 0) {
+            const int error = errno;
+            ::unlink(temporary.c_str());
+            if (error == EISDIR)
+                failAs(ErrorCode::ResourceAlreadyExists, EISDIR, "rename", location, u"not-a-file");
+            fail(error, "rename", location);
+        }
     }
 
     void doCreateFolderRecursive(const StorageIRI& location) const override

@@ -76,6 +76,9 @@ std::string lastNameOf(const std::string& path);
 // ResourceNotFound for a location of the other kind; `mismatch` is "not-a-file" or "not-a-folder".
 [[noreturn]] void failKind(const StorageIRI& location, const char16_t* mismatch);
 
+// "<prefix><pid>-<random>": a name for a temporary entry that no other process or thread picks.
+std::string temporaryName(const char* prefix);
+
 // A temporary file "<prefix><random>" created (O_EXCL) in the folder `folder` beside `target`, with
 // `flags` (O_WRONLY or O_RDWR) and `mode`; removed on destruction unless published. Creation failures
 // are thrown for `target`.
@@ -100,10 +103,11 @@ private:
     bool m_published = false;
 };
 
-// Copies everything from the current offset of `in` to that of `out` (copy_file_range, or through
-// a buffer where the kernel cannot), calling options.progress after each chunk. False when the
-// progress callback cancelled.
-bool copyContent(int in, int out, std::uint64_t size, const CopyFileOptions& options, const StorageIRI& from,
+// Copies everything from the current offset of `in` (whose fstat is `source`) to that of `out`
+// (copy_file_range, or through a buffer where the kernel cannot), calling options.progress after
+// each chunk; the holes of a sparse file stay holes in a regular target. False when the progress
+// callback cancelled.
+bool copyContent(int in, int out, const struct stat& source, const CopyFileOptions& options, const StorageIRI& from,
                  const StorageIRI& to);
 
 // Times on disk and in attributes. A time outside what boost::posix_time can hold (before 1400 or

@@ -18,8 +18,6 @@
 
 namespace foundation::storage::provider::local::detail {
 
-namespace {
-
 // The process id is part of the name: children forked from one process inherit its generator's
 // state and would otherwise try the same names, colliding with what a killed sibling left behind.
 std::string temporaryName(const char* prefix)
@@ -30,6 +28,8 @@ std::string temporaryName(const char* prefix)
                   static_cast<unsigned long long>(random()));
     return name;
 }
+
+namespace {
 
 void checkOptions(const ByteStreamOpenOptions& options, const StorageIRI& location)
 {
@@ -302,8 +302,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
     if (existing) {
         if (::fchmod(temporary->fd(), info.st_mode & 07777) != 0)
             fail(errno, "fchmod", location);
-        if (options.keepContent != 0 && !copyContent(existing.get(), temporary->fd(), static_cast<std::uint64_t>(info.st_size),
-                                                     CopyFileOptions{}, location, location))
+        if (options.keepContent != 0 && !copyContent(existing.get(), temporary->fd(), info, CopyFileOptions{}, location, location))
             fail(ECANCELED, "copy", location);
     }
     FileDescriptor own(::fcntl(temporary->fd(), F_DUPFD_CLOEXEC, 0));

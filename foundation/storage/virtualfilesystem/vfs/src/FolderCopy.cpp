@@ -13,6 +13,7 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <ostream>
 #include <thread>
 
 namespace foundation::storage::vfs {
@@ -56,6 +57,12 @@ unsigned transfersBetween(const Folder& source, const Folder& target)
 {
     const auto of = [](const Folder& folder) { return HandleAccess::liveItem(folder).getProvider()->capabilities().parallelTransfers; };
     return std::clamp<unsigned>(std::max(of(source), of(target)), 1, 64);
+}
+
+bool isLink(provider::ExistenceTypeExtended kind) noexcept
+{
+    using Kind = provider::ExistenceTypeExtended;
+    return kind == Kind::LinkToFile || kind == Kind::LinkToFolder || kind == Kind::BrokenLink;
 }
 
 } // namespace
@@ -164,14 +171,46 @@ private:
 };
 
 FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer,
-                                     bool forMove, unsigned transfers)
-    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_observer(std::move(observer))
+                                     bool forMove, unsigned transfers, LinkHandling links)
+    : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_links(links),
+      m_observer(std::move(observer))
 {
     if (transfers > 1)
         m_queue = std::make_unique<TransferQueue>(transfers);
 }
 
 FolderCopyVisitor::~FolderCopyVisitor() = default;
+
+FolderVisitResult FolderCopyVisitor::copyLink(const provider::StorageItem& source, const ustring& name)
+{
+    if (m_links == LinkHandling::Skip)
+        return FolderVisitResult::Skip;
+    const File target(*m_current, name);
+    const provider::StorageItem& into = HandleAccess::liveItem(target);
+    const auto* reader = dynamic_cast<const provider::extensions::ILinkKeeping*>(source.getProvider().get());
+    const auto* maker = dynamic_cast<const provider::extensions::ILinkKeeping*>(into.getProvider().get());
+    // Only a merge replaces what is there; the other policies leave it, as they leave a file.
+    const bool replace =
+        m_policy == ReplacementPolicy::MergeFolders || m_policy == ReplacementPolicy::MergeCollectingFailures;
+    try {
+        if (!reader || !maker)
+            boost::throw_exception(Exception(ErrorCode::UnsupportedOperation, target.getLocation())
+                                       .withExceptionContexts({provider::ExceptionContext(u"symlink")}));
+        translated([&] { maker->createLink(into.getLocation(), reader->readLink(source.getLocation()), replace); });
+        ++m_files;
+    } catch (const Exception& error) {
+        const ErrorCode code = error.getErrorCode();
+        if (code == ErrorCode::UnsupportedOperation && m_policy == ReplacementPolicy::MergeCollectingFailures) {
+            std::lock_guard lock(m_collectedMutex);
+            m_collected.push_back(error); // one more entry left out
+        } else if (replace || code != ErrorCode::ResourceAlreadyExists) {
+            throw;
+        } else {
+            ++m_files;
+        }
+    }
+    return report() == FolderVisitResult::Stop ? FolderVisitResult::Stop : FolderVisitResult::Skip;
+}
 
 FolderVisitResult FolderCopyVisitor::report()
 {
@@ -193,6 +232,8 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
     if (m_current) {
         try {
             if (source.getAttributes().isSymlink()) {
+                if (m_links != LinkHandling::Follow)
+                    return copyLink(HandleAccess::liveItem(source), source.getName());
                 // A link that leads to the current target or above it would copy the copy; one that
                 // leads to a folder holding the link itself would copy its own tree again and again.
                 const CanonicalAbsoluteIRI leadsTo = source.getCanonicalLocation();
@@ -247,6 +288,19 @@ FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, con
 
 FolderVisitResult FolderCopyVisitor::visit(const File& source)
 {
+    if (m_links != LinkHandling::Follow) {
+        try {
+            const provider::StorageItem& item = HandleAccess::liveItem(source);
+            if (isLink(translated([&] { return item.existsExtended(); })))
+                return copyLink(item, source.getName()) == FolderVisitResult::Stop ? FolderVisitResult::Stop
+                                                                                    : FolderVisitResult::Continue;
+        } catch (const Exception& error) {
+            // As for a file: a source gone meanwhile, or a name the target cannot take, is passed over.
+            if (error.getErrorCode() != ErrorCode::ResourceNotFound && error.getErrorCode() != ErrorCode::InvalidLocation)
+                throw;
+            return report();
+        }
+    }
     const File target(*m_current, source.getName());
     if (!m_queue)
         return copyOne(source, target, true) ? report() : FolderVisitResult::Stop;
@@ -396,14 +450,14 @@ namespace {
 } // namespace
 
 bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove)
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links)
 {
     // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
         refuseIntoItself(target);
-    FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination));
+    FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination), links);
     walkFolder(source, visitor);
     visitor.finish();
     if (visitor.stopped() && !destination.folderExists())
@@ -445,6 +499,25 @@ bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
                         const TreeProgressObserver& observer) const
 {
     return detail::copyTree(*this, destination, policy, observer, false);
+}
+
+bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                        const TreeProgressObserver& observer, LinkHandling links) const
+{
+    return detail::copyTree(*this, destination, policy, observer, false, links);
+}
+
+std::ostream& operator<<(std::ostream& out, const LinkHandling& links)
+{
+    switch (links) {
+    case LinkHandling::Follow:
+        return out << "LinkHandling::Follow";
+    case LinkHandling::Keep:
+        return out << "LinkHandling::Keep";
+    case LinkHandling::Skip:
+        return out << "LinkHandling::Skip";
+    }
+    return out;
 }
 
 void Folder::copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const

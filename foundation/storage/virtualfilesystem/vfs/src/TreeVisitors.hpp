@@ -26,7 +26,7 @@ public:
     // copied fails the copy unless it has itself vanished or is collected (a plain copy passes over
     // InvalidLocation failures). `transfers`: file copies at once (1: on the walking thread).
     FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer,
-                      bool forMove, unsigned transfers = 1);
+                      bool forMove, unsigned transfers = 1, LinkHandling links = LinkHandling::Follow);
     ~FolderCopyVisitor() override;
 
     FolderVisitResult visitBefore(const Folder& source) override;
@@ -48,6 +48,9 @@ private:
     FolderVisitResult report();
     // One file; false when the observer stopped it part way. Runs on any thread.
     bool copyOne(const File& source, const File& target, bool onWalkingThread);
+    // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip
+    // (the link is not entered) or Stop. On the walking thread.
+    FolderVisitResult copyLink(const provider::StorageItem& source, const ustring& name);
 
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
@@ -55,6 +58,7 @@ private:
     std::vector<bool> m_madeWithMode;   // for each of m_entered: its target awaits finishFolderLike()
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
+    LinkHandling m_links;
     std::mutex m_collectedMutex;
     std::vector<Exception> m_collected;
     TreeProgressObserver m_observer;
@@ -86,7 +90,7 @@ private:
 
 // Folder::copyFolder, and the copy half of a move done by copying (`forMove`, see FolderCopyVisitor).
 bool copyTree(const Folder& source, const Folder& destination, provider::ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove);
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links = LinkHandling::Follow);
 
 // False when the observer stopped the removal.
 bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer);

@@ -207,6 +207,54 @@ TEST(LocalFolderTreeTest, LinksLeadNowhereOutsideTheTree)
             [](const vfs::Exception& error) { return error.getExceptionContextsString(); });
         EXPECT_EQ(contexts, u"circular_symlink");
     }
+
+    // A copy follows links, keeps them with their target text, or leaves them out; a storage that
+    // cannot hold links fails each one.
+    vfs_test::DecoratedStorage storage;
+    vfs_test::WorkingFolder work{"file", storage.ref};
+    const auto disk = work.localDir()->path();
+    work.folder(u"t/sub").createFolderRecursive();
+    work.file(u"t/sub/f").createFile();
+    std::filesystem::create_symlink("sub/f", disk / "t/rel");
+    std::filesystem::create_directory_symlink(disk / "t/sub", disk / "t/abs");
+    std::filesystem::create_symlink("nowhere", disk / "t/broken");
+    const auto kind = [](const std::filesystem::path& path) -> std::string {
+        const auto status = std::filesystem::symlink_status(path);
+        if (std::filesystem::is_symlink(status))
+            return "->" + std::filesystem::read_symlink(path).string();
+        return std::filesystem::is_directory(status) ? "folder" : std::filesystem::exists(status) ? "file" : "-";
+    };
+    const struct {
+        vfs::LinkHandling links;
+        std::vector<std::string> kinds; // of rel, abs, broken
+    } rows[] = {
+        {vfs::LinkHandling::Follow, {"file", "folder", "-"}},
+        {vfs::LinkHandling::Keep, {"->sub/f", "->" + (disk / "t/sub").string(), "->nowhere"}},
+        {vfs::LinkHandling::Skip, {"-", "-", "-"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.links));
+        const auto copy = disk / "copy";
+        std::filesystem::remove_all(copy);
+        EXPECT_TRUE(work.folder(u"t").copyFolder(work.folder(u"copy"), ReplacementPolicy::FailIfExists, {}, row.links));
+        EXPECT_EQ((std::vector{kind(copy / "rel"), kind(copy / "abs"), kind(copy / "broken")}), row.kinds);
+        EXPECT_EQ(kind(copy / "sub/f"), "file");
+    }
+    // Merging again replaces the links that are there.
+    std::filesystem::remove(disk / "copy/rel");
+    std::filesystem::create_symlink("elsewhere", disk / "copy/rel");
+    work.folder(u"t").copyFolder(work.folder(u"copy"), ReplacementPolicy::MergeFolders, {}, vfs::LinkHandling::Keep);
+    EXPECT_EQ(kind(disk / "copy/rel"), "->sub/f");
+    const vfs::Folder memory(AbsoluteIRI(u"mem://links/copy"), storage.ref);
+    EXPECT_EQ(codeOf([&] {
+                  work.folder(u"t").copyFolder(memory, ReplacementPolicy::FailIfExists, {}, vfs::LinkHandling::Keep);
+              }),
+              ErrorCode::UnsupportedOperation);
+    const auto collected = vfs_test::inspectThrown<vfs::Exception>(
+        [&] { work.folder(u"t").copyFolder(memory, ReplacementPolicy::MergeCollectingFailures, {}, vfs::LinkHandling::Keep); },
+        [](const vfs::Exception& error) { return boost::get_error_info<vfs::CollectedCopyFailures>(error)->size(); });
+    EXPECT_EQ(collected, 3u);
+    EXPECT_TRUE(vfs::File(memory, u"sub/f").fileExists());
 }
 
 } // namespace

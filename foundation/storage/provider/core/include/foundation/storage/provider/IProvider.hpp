@@ -325,6 +325,20 @@ public:
     virtual void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const = 0;
 };
 
+// A provider whose storage holds symbolic links and can make them, so that a tree copy can keep a
+// link as a link (as `cp -r` does) instead of copying what it leads to.
+class VFS_EXPORT ILinkKeeping {
+public:
+    virtual ~ILinkKeeping();
+    // The target text of the link at `location`, exactly as stored: a relative target stays
+    // relative. InvalidLocation (context "not-a-link") when something other than a link is there.
+    virtual fl::ustring readLink(const StorageIRI& location) const = 0;
+    // Makes `location` a link holding `target` (which need not lead anywhere). Without `replace`, an
+    // entry already there fails with ResourceAlreadyExists; with it, a file or link already there is
+    // replaced in one step, while a folder still fails with ResourceAlreadyExists.
+    virtual void createLink(const StorageIRI& location, const fl::ustring& target, bool replace) const = 0;
+};
+
 } // namespace extensions
 
 } // namespace foundation::storage::provider

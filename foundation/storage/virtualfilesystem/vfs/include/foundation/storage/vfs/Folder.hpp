@@ -30,6 +30,16 @@ enum class FolderRemovalPolicy : std::int32_t {
 // "FolderRemovalPolicy::Recursive"; a value outside the enumeration writes nothing.
 VFS_EXPORT std::ostream& operator<<(std::ostream& out, const FolderRemovalPolicy& policy);
 
+// What a tree copy does with a symbolic link it meets inside the tree.
+enum class LinkHandling : std::int32_t {
+    Follow = 0, // copies what the link leads to (a link to a folder is walked into); a dangling link is passed over
+    Keep = 1,   // makes a link with the same target text at the target (a relative target stays relative)
+    Skip = 2,   // leaves the link out
+};
+
+// "LinkHandling::Keep"; a value outside the enumeration writes nothing.
+VFS_EXPORT std::ostream& operator<<(std::ostream& out, const LinkHandling& links);
+
 // How far a tree copy or removal has got.
 struct TreeProgress {
     std::uint64_t files = 0;   // files copied (or found already there) or removed
@@ -157,6 +167,14 @@ public:
     // until then are not reported).
     bool copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
                     const TreeProgressObserver& observer) const;
+    // As above, with `links` deciding what becomes of the links inside the tree (the two above follow
+    // them). Keeping a link needs both storages to hold links (provider::extensions::ILinkKeeping):
+    // where either cannot, that link fails with UnsupportedOperation (collected with the permission
+    // failures under MergeCollectingFailures). A link already at the target is replaced under the
+    // merging policies and left as it is under the others; a folder there fails with
+    // ResourceAlreadyExists. A kept link counts as a file in the progress.
+    bool copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
+                    const TreeProgressObserver& observer, LinkHandling links) const;
     // copyFolder into the folder of this folder's name inside `destination`.
     void copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const;
 

@@ -23,10 +23,13 @@ namespace foundation::storage::provider::decorators {
 // extensions::IFolderModeKeeping) are passed through to the wrapped provider when it has them; when
 // it has not they do nothing (a folder is then made by createFolder()), so a decorated provider
 // offers exactly what the wrapped one does. A folder made like another counts as a CreateFolder.
+// extensions::ILinkKeeping is passed through too; over a provider without it, it fails with
+// UnsupportedOperation. A link read counts as an ExistsExtended, a link made as a CreateFile.
 class VFS_EXPORT ProviderDecorator : public IProvider,
                                      public extensions::IInvalidatable,
                                      public extensions::IFlushableFilesystem,
                                      public extensions::IFolderModeKeeping,
+                                     public extensions::ILinkKeeping,
                                      public std::enable_shared_from_this<ProviderDecorator> {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
@@ -41,6 +44,8 @@ public:
     using IProvider::flushFilesystem;
     void createFolderLike(const StorageIRI& location, const StorageIRI& model) const override;
     void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const override;
+    fl::ustring readLink(const StorageIRI& location) const override;
+    void createLink(const StorageIRI& location, const fl::ustring& target, bool replace) const override;
 
 protected:
     // Called before each operation is forwarded; may throw to make the operation fail.
