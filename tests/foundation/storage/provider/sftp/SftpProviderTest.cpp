@@ -128,7 +128,8 @@ TEST_F(SftpTest, HostAndUserKeysAreCheckedAndAnUnreachableHostFailsClearly)
         auto options = server->options();
         options.knownHostsFile = local("known_hosts").string();
         options.identityFile = row.identity;
-        options.connectTimeout = std::chrono::milliseconds(500);
+        if (row.authority == silentHost)
+            options.connectTimeout = std::chrono::milliseconds(500); // the others keep time for a loaded machine
         const StorageIRI location(u"sftp://" + row.authority + u"/tmp");
         EXPECT_TRUE(failsWith([&] { provider::sftp::makeSftpProvider(options)->exists(location); }, row.code, location, row.context));
         EXPECT_EQ(slurp(local("known_hosts")), row.knownHosts) << "a refused key is never recorded";
