@@ -28,6 +28,8 @@ void throwByteStreamFailure(StreamOperation operation, std::string message, Erro
 
 ByteStream::~ByteStream() = default;
 
+std::optional<FileAttributes> ByteStream::attributesAtOpen() const { return std::nullopt; }
+
 void TransactionalByteStream::close()
 {
     close(StreamClosePolicy::Discard);
@@ -60,7 +62,13 @@ decltype(auto) asProviderError(const StorageIRI& location, Call&& call)
 TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageIRI& from, const IProvider& target,
                                          const StorageIRI& to, const CopyFileOptions& options)
 {
-    const FileAttributes attributes = source.getFileAttributes(from);
+    // The source is opened first: a stream that learnt the file's attributes with the open spares
+    // asking for them, which is a round trip per file on a remote storage.
+    const std::unique_ptr<ByteStream> in = source.openReadOnlyStream(from);
+    const FileAttributes attributes = [&] {
+        auto known = in->attributesAtOpen();
+        return known ? std::move(*known) : source.getFileAttributes(from);
+    }();
     switch (target.exists(to)) {
     case ExistenceType::Folder:
         throwProviderError(ErrorCode::ResourceAlreadyExists, to, {ExceptionContext(u"copyFile"), ExceptionContext(u"not-a-file")});
@@ -75,7 +83,6 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
         break;
     }
 
-    const std::unique_ptr<ByteStream> in = source.openReadOnlyStream(from);
     const std::unique_ptr<TransactionalByteStream> out =
         target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1});
     const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, copyBufferSize)));

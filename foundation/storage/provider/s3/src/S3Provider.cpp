@@ -241,6 +241,7 @@ public:
         capabilities.timeResolution = std::chrono::seconds(1);
         // Each request waits on the server: several at once hide its latency.
         capabilities.parallelTransfers = 8;
+        capabilities.freeListingAttributes = true; // ListObjectsV2 answers carry them
         return capabilities;
     }
 

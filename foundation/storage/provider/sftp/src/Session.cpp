@@ -4,6 +4,8 @@
 
 #include <foundation/storage/provider/PosixError.hpp>
 
+#include <boost/date_time/posix_time/conversion.hpp>
+
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -348,6 +350,22 @@ void Connection::failStream(StreamOperation operation, const char* call, const S
                            error.getAllExceptionContexts());
 }
 
+boost::posix_time::ptime timeOf(unsigned long seconds) { return boost::posix_time::from_time_t(static_cast<std::time_t>(seconds)); }
+
+namespace {
+bool hiddenName(const ustring& name) { return !name.empty() && name.front() == u'.'; }
+} // namespace
+
+FileAttributes fileAttributes(const LIBSSH2_SFTP_ATTRIBUTES& a, const ustring& name, bool link)
+{
+    return FileAttributes(a.filesize, timeOf(a.mtime), (a.permissions & 0200) != 0, link, hiddenName(name));
+}
+
+FolderAttributes folderAttributes(const LIBSSH2_SFTP_ATTRIBUTES& a, const ustring& name, bool link)
+{
+    return FolderAttributes(timeOf(a.mtime), (a.permissions & 0200) != 0, link, hiddenName(name));
+}
+
 void Pool::Lease::release() noexcept
 {
     if (m_pool && m_connection)
@@ -395,7 +413,9 @@ void Pool::giveBack(std::unique_ptr<Connection> connection, bool counted) noexce
             --m_calls;
         if (connection->broken())
             dropped.swap(m_idle); // they are likely gone as well
-        else if (m_idle.size() < m_options.sessionsPerHost)
+        else if (m_idle.size() < 2 * std::max<std::uint32_t>(m_options.sessionsPerHost, 1))
+            // Room for what a tree copy holds at once: a call and a stream per transfer. Fewer
+            // would close connections that the next file opens again, a handshake each.
             m_idle.push_back(std::move(connection));
         m_freed.notify_one();
     }

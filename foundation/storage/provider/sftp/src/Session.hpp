@@ -66,7 +66,8 @@ private:
 
 // The connections to one endpoint. At most `sessionsPerHost` calls hold one at a time (the others
 // wait); streams take one beside them and never wait, so a thread holding streams cannot block
-// itself. Idle connections are kept for the next call; a broken one is dropped with every idle one.
+// itself. Idle connections (up to twice `sessionsPerHost`) are kept for the next call or stream; a
+// broken one is dropped with every idle one.
 class Pool : public std::enable_shared_from_this<Pool> {
 public:
     Pool(Endpoint endpoint, SftpProviderOptions options) : m_endpoint(std::move(endpoint)), m_options(std::move(options)) {}
@@ -115,6 +116,12 @@ private:
     std::vector<std::unique_ptr<Connection>> m_idle;
     std::uint32_t m_calls = 0;
 };
+
+// Attributes as the library reports them, from the server's; `name` decides hidden (a dot first).
+// The server's times are whole seconds.
+boost::posix_time::ptime timeOf(unsigned long seconds);
+FileAttributes fileAttributes(const LIBSSH2_SFTP_ATTRIBUTES& a, const ustring& name, bool link);
+FolderAttributes folderAttributes(const LIBSSH2_SFTP_ATTRIBUTES& a, const ustring& name, bool link);
 
 // Kinds of what the server reports (from the permission bits of its attributes).
 inline bool isFolder(const LIBSSH2_SFTP_ATTRIBUTES& a) { return LIBSSH2_SFTP_S_ISDIR(a.permissions); }

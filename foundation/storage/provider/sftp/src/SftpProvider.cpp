@@ -24,11 +24,10 @@ namespace {
 using detail::Connection;
 using detail::Pool;
 using detail::remotePath;
+using detail::timeOf;
+using detail::fileAttributes;
+using detail::folderAttributes;
 using Attributes = LIBSSH2_SFTP_ATTRIBUTES;
-
-boost::posix_time::ptime timeOf(unsigned long seconds) { return boost::posix_time::from_time_t(static_cast<std::time_t>(seconds)); }
-
-bool hiddenName(const ustring& name) { return !name.empty() && name.front() == u'.'; }
 
 [[noreturn]] void notOfKind(const StorageIRI& location, const char16_t* call, const char16_t* kind)
 {
@@ -127,16 +126,6 @@ private:
     std::size_t m_index = 0;
 };
 
-FileAttributes fileAttributes(const Attributes& a, const ustring& name, bool link)
-{
-    return FileAttributes(a.filesize, timeOf(a.mtime), (a.permissions & 0200) != 0, link, hiddenName(name));
-}
-
-FolderAttributes folderAttributes(const Attributes& a, const ustring& name, bool link)
-{
-    return FolderAttributes(timeOf(a.mtime), (a.permissions & 0200) != 0, link, hiddenName(name));
-}
-
 class SftpProvider final : public IProvider {
 public:
     explicit SftpProvider(SftpProviderOptions options) : m_options(std::move(options)) {}
@@ -151,6 +140,7 @@ public:
         capabilities.timeResolution = std::chrono::seconds(1);
         std::lock_guard lock(m_mutex); // configure() may be changing the options
         capabilities.parallelTransfers = std::max<std::uint32_t>(1, m_options.sessionsPerHost);
+        capabilities.freeListingAttributes = true; // readdir answers carry them
         return capabilities;
     }
 

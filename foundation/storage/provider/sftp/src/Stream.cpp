@@ -203,15 +203,20 @@ private:
 
 class PlainStream final : public ByteStream {
 public:
-    explicit PlainStream(HandleStream stream) : m_stream(std::move(stream)) {}
+    explicit PlainStream(HandleStream stream, std::optional<FileAttributes> attributes = std::nullopt)
+        : m_stream(std::move(stream)), m_attributes(std::move(attributes))
+    {
+    }
     std::streamsize read(char* s, std::streamsize n) override { return m_stream.read(s, n); }
     std::streamsize write(const char* s, std::streamsize n) override { return m_stream.write(s, n); }
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override { return m_stream.seek(off, way); }
     void flush() override { m_stream.flush(); }
     void close() override { m_stream.closePlain(); }
+    std::optional<FileAttributes> attributesAtOpen() const override { return m_attributes; }
 
 private:
     HandleStream m_stream;
+    std::optional<FileAttributes> m_attributes; // of a file opened for reading only
 };
 
 Handle open(Connection& connection, const std::string& path, unsigned long flags, long mode, const StorageIRI& location,
@@ -370,17 +375,27 @@ std::unique_ptr<ByteStream> openPlainStream(Pool::Lease lease, const StorageIRI&
                 (options.creation == ByteStreamCreation::CreateIfMissing ? LIBSSH2_FXF_CREAT : 0) |
                 (options.keepContent ? 0 : LIBSSH2_FXF_TRUNC);
     }
-    // A folder opens for reading on POSIX servers, and a missing file is "no such file" only
-    // when nothing should be created: look first.
+    if (!writable) {
+        // Opened first and then asked what it opened: as many round trips as looking first, and
+        // the attributes are those of the content read. A folder opens for reading on POSIX servers.
+        Handle handle = open(connection, path, flags, 0, location, "sftp_open");
+        LIBSSH2_SFTP_ATTRIBUTES attributes{};
+        if (::libssh2_sftp_fstat_ex(handle.get(), &attributes, 0) != 0)
+            connection.fail("sftp_fstat", location);
+        if (isFolder(attributes))
+            throwProviderError(ErrorCode::ResourceNotFound, location, {ExceptionContext(u"open"), ExceptionContext(u"not-a-file")});
+        std::optional<std::uint64_t> sizeAtOpen;
+        if (attributes.flags & LIBSSH2_SFTP_ATTR_SIZE)
+            sizeAtOpen = attributes.filesize;
+        HandleStream stream(std::move(lease), std::move(handle), location, true, false, false, sizeAtOpen);
+        return std::make_unique<PlainStream>(std::move(stream), fileAttributes(attributes, location.getName(), false));
+    }
+    // A missing file is "no such file" only when nothing should be created: look first.
     const auto existing = fileAt(connection, path, location);
     if (!existing && !(flags & LIBSSH2_FXF_CREAT))
         throwPosixError(ENOENT, "open", location);
-    Handle handle = open(connection, path, flags, 0666, location, writable ? "sftp_open_write" : "sftp_open");
-    std::optional<std::uint64_t> sizeAtOpen;
-    if (!writable && existing && (existing->flags & LIBSSH2_SFTP_ATTR_SIZE))
-        sizeAtOpen = existing->filesize;
-    HandleStream stream(std::move(lease), std::move(handle), location, readable, writable, writable && !options.writeAtPosition,
-                        sizeAtOpen);
+    Handle handle = open(connection, path, flags, 0666, location, "sftp_open_write");
+    HandleStream stream(std::move(lease), std::move(handle), location, readable, writable, !options.writeAtPosition);
     return std::make_unique<PlainStream>(std::move(stream));
 }
 

@@ -286,9 +286,17 @@ FolderVisitResult FolderCopyVisitor::visitFolderFailed(const Folder& source, con
     return FolderVisitResult::Skip;
 }
 
-FolderVisitResult FolderCopyVisitor::visit(const File& source)
+FolderVisitResult FolderCopyVisitor::visit(const File& source) { return visitFile(source, std::nullopt); }
+
+FolderVisitResult FolderCopyVisitor::visitEntry(const FileEntry& source)
 {
-    if (m_links != LinkHandling::Follow) {
+    const provider::FileAttributes* known = source.getKnownAttributes();
+    return visitFile(source.getFile(), known ? std::optional<bool>(known->isSymlink()) : std::nullopt);
+}
+
+FolderVisitResult FolderCopyVisitor::visitFile(const File& source, std::optional<bool> link)
+{
+    if (m_links != LinkHandling::Follow && link.value_or(true)) {
         try {
             const provider::StorageItem& item = HandleAccess::liveItem(source);
             if (isLink(translated([&] { return item.existsExtended(); })))

@@ -69,6 +69,7 @@ FileEntry::FileEntry(Folder parent, ustring name, provider::FileAttributes attri
 const ustring& FileEntry::getName() const noexcept { return m_impl->name; }
 const File& FileEntry::getFile() const { return m_impl->handle.get(); }
 const provider::FileAttributes& FileEntry::getAttributes() const { return m_impl->attributes.get(); }
+const provider::FileAttributes* FileEntry::getKnownAttributes() const noexcept { return m_impl->attributes.ifKnown(); }
 
 FolderEntry::FolderEntry(Folder folder) : m_impl(std::make_shared<Impl>(std::move(folder))) {}
 

@@ -28,13 +28,18 @@ namespace {
 
 using AnyEntry = boost::variant<FileEntry, FolderEntry>;
 
-// A folder's children as entries. The provider is asked for names and kinds only: an entry fetches
-// its attributes when a visitor asks for them, so a walk costs no request per child that nobody
-// looks at. Provider failures arrive translated, here or while advancing.
+// A folder's children as entries. The provider is asked for names and kinds only, unless its
+// listings bring attributes for free: an entry fetches its attributes when a visitor asks for them,
+// so a walk costs no request per child that nobody looks at. Provider failures arrive translated,
+// here or while advancing.
 class Children {
 public:
     explicit Children(const Folder& folder)
-        : m_at(folder, detail::translated([&] { return detail::HandleAccess::liveItem(folder).listAllNamesOnly(ustring()); })),
+        : m_at(folder, detail::translated([&] {
+              const provider::StorageItem& item = detail::HandleAccess::liveItem(folder);
+              return item.getProvider()->capabilities().freeListingAttributes ? item.listAll(ustring())
+                                                                              : item.listAllNamesOnly(ustring());
+          })),
           m_end(folder)
     {
     }

@@ -31,6 +31,8 @@ public:
 
     FolderVisitResult visitBefore(const Folder& source) override;
     FolderVisitResult visit(const File& source) override;
+    // As visit(), taking whether the file is a link from attributes the listing brought.
+    FolderVisitResult visitEntry(const FileEntry& source) override;
     FolderVisitResult visitAfter(const Folder& source) override;
     // Under MergeCollectingFailures a folder that cannot be read for lack of permission is put
     // aside with the files, and the copy goes on with its siblings.
@@ -46,6 +48,8 @@ public:
 private:
     // Tells the observer; Stop once it answered false.
     FolderVisitResult report();
+    // One file of the walk; `link` says whether it is a link, when that is known already.
+    FolderVisitResult visitFile(const File& source, std::optional<bool> link);
     // One file; false when the observer stopped it part way. Runs on any thread.
     bool copyOne(const File& source, const File& target, bool onWalkingThread);
     // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip

@@ -79,6 +79,11 @@ public:
     // Releases the stream; ByteStreamCloseFailure when the storage reports an error. Any other call
     // afterwards fails as its operation.
     virtual void close() = 0;
+    // The file's attributes as the stream found them on opening, for a stream that learnt them
+    // with the open anyway (their link flag is false: a stream reads through links); nullopt for
+    // the others. A copy takes its source's size and time from here instead of asking again, and
+    // they belong to the very content the stream reads.
+    virtual std::optional<FileAttributes> attributesAtOpen() const;
 };
 
 // A stream whose writes reach the file only when it is closed with StreamClosePolicy::Commit, all

@@ -44,6 +44,9 @@ struct ProviderCapabilities {
     // How many file transfers a tree copy runs at once into or out of this storage: 1 where a
     // transfer keeps the machine busy (a disk), more where it mostly waits for a server's answers.
     std::uint32_t parallelTransfers = 1;
+    // A listing brings its entries' attributes at no extra cost (they come in the same answers):
+    // a walk then asks for them, and spares a request per entry where it needs one.
+    bool freeListingAttributes = false;
     FilenameSensitivity sensitivity = FilenameSensitivity::CaseSensitive;
     // The finest modification time the storage keeps.
     std::chrono::nanoseconds timeResolution = std::chrono::nanoseconds(1);

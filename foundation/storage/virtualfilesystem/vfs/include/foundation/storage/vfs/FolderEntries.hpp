@@ -34,6 +34,9 @@ public:
     std::string getNameUtf8() const { return fl::i18n::ustring_to_utf8_lossy(getName()); }
     const File& getFile() const;
     const provider::FileAttributes& getAttributes() const;
+    // The attributes when the listing delivered them or they have been fetched; nullptr otherwise.
+    // Never reaches the storage.
+    const provider::FileAttributes* getKnownAttributes() const noexcept;
 
 private:
     struct Impl;

@@ -50,6 +50,9 @@ public:
         return *stored;
     }
 
+    // The value when it is there already; nullptr otherwise (never runs the generator).
+    const T* ifKnown() const noexcept { return m_published.load(std::memory_order_acquire); }
+
 private:
     // Indexed, not typed: T may itself be callable.
     mutable std::variant<Generator, T> m_source;
