@@ -2,7 +2,7 @@
 
 // The zip: and tar: providers in the kit, their container in a memory volume. Zip is writable: the
 // harness creates the archive through the provider and builds trees through it. Tar is read-only:
-// the harness stages its trees and rebuilds the container on each makeFile()/makeFolder().
+// the harness stages its trees and rebuilds the container on each makeFileWith()/makeFolder().
 
 #include "ArchiveFixtures.hpp"
 
@@ -37,16 +37,6 @@ inline provider::ProviderContext archiveContext(std::shared_ptr<provider::IProvi
     }};
 }
 
-// Writes `bytes` as the file at `location`, whole.
-inline void storeBytes(const provider::IProvider& storage, const StorageIRI& location, const std::string& bytes)
-{
-    storage.createFolderRecursive(location.getParent());
-    const auto out = storage.openTransactionalStream(location, {provider::ByteStreamAccess::Write,
-                                                                provider::ByteStreamCreation::CreateIfMissing, 0, 1});
-    out->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    out->close(provider::StreamClosePolicy::Commit);
-}
-
 class ArchiveHarness final : public ProviderHarness {
 public:
     explicit ArchiveHarness(ArchiveRecipe recipe) : m_recipe(std::move(recipe))
@@ -76,11 +66,11 @@ public:
         rebuild();
         return StorageIRI(m_root, relative);
     }
-    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const override
+    StorageIRI makeFileWith(const ustring& relative, const std::string& bytes) const override
     {
         if (writable())
-            return ProviderHarness::makeFile(relative, size);
-        stage(relative, std::string(size, '\0'));
+            return ProviderHarness::makeFileWith(relative, bytes);
+        stage(relative, bytes);
         rebuild();
         return StorageIRI(m_root, relative);
     }

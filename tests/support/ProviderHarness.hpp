@@ -43,6 +43,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <random>
 #include <set>
 #include <ostream>
 #include <stdexcept>
@@ -55,6 +56,27 @@ namespace vfs_test {
 namespace provider = foundation::storage::provider;
 using fl::i18n::ustring;
 using provider::StorageIRI;
+
+// Writes `bytes` as the file at `location`, whole, through a transactional stream (missing folders
+// on the way made first).
+inline void storeBytes(const provider::IProvider& storage, const StorageIRI& location, const std::string& bytes)
+{
+    storage.createFolderRecursive(location.getParent());
+    const auto out = storage.openTransactionalStream(location, {provider::ByteStreamAccess::Write,
+                                                                provider::ByteStreamCreation::CreateIfMissing, 0, 1});
+    out->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out->close(provider::StreamClosePolicy::Commit);
+}
+
+// `size` bytes made from `seed`: compressible, not trivially.
+inline std::string randomBytes(std::size_t size, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (auto& byte : bytes)
+        byte = static_cast<char>(random() % 7 == 0 ? random() : 'a' + random() % 4);
+    return bytes;
+}
 
 class ProviderHarness {
 public:
@@ -74,15 +96,17 @@ public:
         provider()->createFolderRecursive(location);
         return location;
     }
-    // A file at `relative` below root() (missing folders on the way too), `size` zero bytes long.
-    virtual StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
+    // The file at `relative` below root() (missing folders on the way too) holding `bytes`, made
+    // anew or replaced whole: a reader opened before keeps what it had.
+    virtual StorageIRI makeFileWith(const ustring& relative, const std::string& bytes) const
     {
-        const StorageIRI location(root(), relative);
-        provider()->createFolderRecursive(location.getParent());
-        provider()->createFile(location);
-        if (size != 0)
-            provider()->truncateToSize(location, size);
-        return location;
+        storeBytes(*provider(), StorageIRI(root(), relative), bytes);
+        return StorageIRI(root(), relative);
+    }
+    // A file of `size` zero bytes.
+    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const
+    {
+        return makeFileWith(relative, std::string(size, '\0'));
     }
 };
 
@@ -245,14 +269,10 @@ public:
         m_memory->createFolderRecursive(location);
         return location;
     }
-    StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const override
+    StorageIRI makeFileWith(const ustring& relative, const std::string& bytes) const override
     {
-        const StorageIRI location(m_root, relative);
-        m_memory->createFolderRecursive(location.getParent());
-        m_memory->createFile(location);
-        if (size != 0)
-            m_memory->truncateToSize(location, size);
-        return location;
+        storeBytes(*m_memory, StorageIRI(m_root, relative), bytes);
+        return StorageIRI(m_root, relative);
     }
 
 private:
@@ -288,6 +308,7 @@ inline std::vector<ProviderUnderTest> allProviders()
 #ifdef VFS_TEST_ARCHIVE
         {"Zip", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Zip, "deflate", {}}); }},
         {"Tar", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Tar, "", {}}); }},
+        {"TarGz", [] { return std::make_unique<ArchiveHarness>(ArchiveRecipe{ArchiveRecipe::Kind::Tar, "gzip", {}}); }},
 #endif
     };
 #ifdef VFS_TEST_SFTP
@@ -446,6 +467,10 @@ class ProviderTest : public testing::TestWithParam<ProviderUnderTest> {
 protected:
     StorageIRI below(const ustring& relative) const { return StorageIRI(root, relative); }
     StorageIRI makeFile(const ustring& relative, std::uint64_t size = 0) const { return harness->makeFile(relative, size); }
+    StorageIRI makeFileWith(const ustring& relative, const std::string& bytes) const
+    {
+        return harness->makeFileWith(relative, bytes);
+    }
     StorageIRI makeFolder(const ustring& relative) const { return harness->makeFolder(relative); }
     std::map<ustring, std::optional<std::uint64_t>> tree() const { return treeOf(*provider, root); }
     bool hasFeature(provider::ExtendedFeature feature) const { return provider->hasFeature(root, feature); }

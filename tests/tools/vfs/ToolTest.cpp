@@ -348,12 +348,18 @@ TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
     const int reader = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK);
     const bool devices = mknod(at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
+    // A file system of its own below the tree, in a mount namespace of this process (gone with it).
+    tree.writeFile("m/f", "f");
+    tree.makeFolder("m/mnt");
+    const bool mounted = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                         mount("vfs-test", at("m/mnt").c_str(), "tmpfs", 0, "size=1m") == 0;
+    tree.writeFile("m/mnt/inner", "i");
 
     struct Case {
         std::vector<std::string> arguments;
         std::string firstErrorLine; // empty: succeeds
     };
-    const std::vector<Case> cases = {
+    std::vector<Case> cases = {
         {{"rm", "-r", at("a/.")}, "vfs: rm: refusing to remove '.' or '..': " + at("a/.")},
         {{"rm", "-r", at("a/b/..")}, "vfs: rm: refusing to remove '.' or '..': " + at("a/b/..")},
         {{"rm", "-r", "mem://vol/"}, "vfs: rm: refusing to remove the root folder (--no-preserve-root overrides): mem://vol/"},
@@ -364,6 +370,9 @@ TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
         {{"cp", at("a/x.txt"), at("fifo")}, ""},
         {{"cp", at("a/x.txt"), devices ? at("null") : at("a/copy")}, ""},
     };
+    if (mounted) // -x: cp makes the mount point empty; rm leaves it and its parent, and says so
+        cases.insert(cases.end(), {{{"cp", "-rx", at("m"), at("mx")}, ""},
+                                   {{"rm", "-rx", at("m")}, "vfs: rm: skipped, on another file system: " + at("m/mnt")}});
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments[1] + " " + c.arguments[2]);
         const Outcome run = vfsTool(c.arguments);
@@ -381,12 +390,17 @@ TEST_F(ToolTest, NothingIsDestroyedThatWasNotNamed)
     EXPECT_EQ(read(reader, got, sizeof got), 6);
     close(reader);
     EXPECT_TRUE(!devices || fs::is_character_file(at("null")));
+    EXPECT_TRUE(!mounted || (fs::is_empty(at("mx/mnt")) && fs::exists(at("mx/f")) && !fs::exists(at("m/f")) &&
+                             fs::exists(at("m/mnt/inner"))));
+    EXPECT_TRUE(!mounted || umount2(at("m/mnt").c_str(), MNT_DETACH) == 0);
     // find, as find does, enters a link to a folder only with -L.
     fs::create_directory_symlink(at("real"), at("other/lr"));
     EXPECT_EQ(vfsTool({"find", "--name", "deeper", at("other")}).out +
                   vfsTool({"find", "-L", "-0", "--name", "deeper", at("other")}).out,
               at("other/lr/deeper") + '\0');
 
+    if (!mounted)
+        GTEST_SKIP() << "no private mount namespace here: -x and the real root untested";
     // The real root, in a jail where the root is a throwaway folder and all else is read-only. The
     // jail has no /proc, which AddressSanitizer needs.
 #ifdef __SANITIZE_ADDRESS__

@@ -98,6 +98,7 @@ struct CpOptions {
     bool recursive = false;
     bool followLinks = false; // -L
     bool keepLinks = false;   // -P, the default
+    bool oneFileSystem = false; // -x
     std::string policy = "merge";
 };
 
@@ -121,7 +122,9 @@ int runCp(Tool& tool, const CpOptions& options)
             policy == provider::ReplacementPolicy::MergeFolders ? provider::ReplacementPolicy::MergeCollectingFailures : policy;
         try {
             const auto links = options.followLinks ? vfs::LinkHandling::Follow : vfs::LinkHandling::Keep;
-            if (!tool.folder(source).copyFolder(tool.folder(target), treePolicy, drawingOn(progress), links))
+            const vfs::Folder from = tool.folder(source);
+            const auto boundary = options.oneFileSystem ? onFileSystemOf(from) : vfs::TreeBoundary();
+            if (!from.copyFolder(tool.folder(target), treePolicy, drawingOn(progress), links, boundary))
                 throw ToolError(fmt::format("interrupted after {} items, partial copy left", progress.items()),
                                 display(target));
         } catch (const vfs::Exception& error) {
@@ -181,6 +184,7 @@ struct RmOptions {
     std::vector<std::string> operands;
     bool recursive = false;
     bool preserveRoot = true;
+    bool oneFileSystem = false; // -x
 };
 
 // The last name of an operand as written ("sub/.." gives ".."), trailing slashes left out.
@@ -217,7 +221,7 @@ int runRm(Tool& tool, const RmOptions& options)
     Progress progress("removed");
     for (const std::string& operand : options.operands) {
         checkInterrupted();
-        const int result = runReported("rm", [&] {
+        const int result = runReported("rm", [&]() -> int {
             const std::string last = lastNameWritten(operand);
             if (last == "." || last == ".." || operand.ends_with("/.") || operand.ends_with("/.."))
                 throw ToolError("refusing to remove '.' or '..'", operand);
@@ -238,10 +242,22 @@ int runRm(Tool& tool, const RmOptions& options)
                     throw ToolError("refusing to remove the root folder (--no-preserve-root overrides)", operand);
                 if (!recursive)
                     throw ToolError("is a folder (use -r)", operand);
-                if (!tool.folder(location).removeFolder(vfs::FolderRemovalPolicy::Recursive, drawingOn(progress)))
+                const vfs::Folder folder = tool.folder(location);
+                // With -x a folder of another file system is left, and said so, as rm does.
+                int skipped = Success; // Failed once a folder is left out
+                const auto leftOut = [&](const vfs::Folder& other) {
+                    progress.finish();
+                    try {
+                        throw ToolError("skipped, on another file system", display(other.getLocation()));
+                    } catch (const ToolError&) {
+                        skipped = reportCurrentFailure("rm");
+                    }
+                };
+                const auto boundary = options.oneFileSystem ? onFileSystemOf(folder, leftOut) : vfs::TreeBoundary();
+                if (!folder.removeFolder(vfs::FolderRemovalPolicy::Recursive, drawingOn(progress), boundary))
                     throw ToolError(fmt::format("interrupted after {} items, partly removed", progress.items()),
                                     operand);
-                return Success;
+                return skipped;
             }
             progress.add(1);
             return Success;
@@ -265,6 +281,9 @@ void addChangeCommands(const CommandSet& commands)
                    "With -r, copy the links inside the tree as links with the same target text (the default); a "
                    "storage that cannot hold links reports each one and the rest is copied")
         ->excludes(follow);
+    cpCommand->add_flag("-x,--one-file-system", cp->oneFileSystem,
+                        "With -r, stay on the file system of SRC: a folder of another one (a mount point) is made "
+                        "empty at the target");
     cpCommand->add_option("--policy", cp->policy, "When the target exists: fail; replace (files, and folders only when empty); or merge (default: "
                                               "into existing folders, replacing files)")
         ->check(CLI::IsMember({"fail", "replace", "merge"}));
@@ -287,6 +306,9 @@ void addChangeCommands(const CommandSet& commands)
     rmCommand->add_flag("-r", rm->recursive, "Remove folders and everything below them");
     rmCommand->add_flag("--preserve-root,!--no-preserve-root", rm->preserveRoot,
                         "Refuse to remove the root folder of a storage (the default)");
+    rmCommand->add_flag("-x,--one-file-system", rm->oneFileSystem,
+                        "With -r, leave folders on other file systems (mount points) as they are, and the folders "
+                        "above them; each one is reported and the exit code is 1");
     rmCommand->add_option("LOCATION", rm->operands, "IRIs or local paths")->required();
     rmCommand->callback([=] { commands.status = runRm(commands.tool, *rm); });
 }

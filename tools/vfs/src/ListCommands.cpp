@@ -188,7 +188,7 @@ class FindVisitor : public vfs::FolderVisitor {
 public:
     FindVisitor(const FindOptions& options, const vfs::Folder& root)
         : m_options(options), m_root(root.getLocation()), m_pattern(utf16(options.name)), m_progress("scanned"),
-          m_fileSystem(options.oneFileSystem ? fileSystemOf(root) : std::nullopt)
+          m_boundary(options.oneFileSystem ? onFileSystemOf(root) : vfs::TreeBoundary())
     {
     }
 
@@ -203,8 +203,8 @@ public:
         if (!m_options.followLinks && entry.getAttributes().isSymlink())
             return vfs::FolderVisitResult::Skip;
         // Another file system is listed where it is mounted, not entered.
-        return m_fileSystem && fileSystemOf(entry.getFolder()) != m_fileSystem ? vfs::FolderVisitResult::Skip
-                                                                                : vfs::FolderVisitResult::Continue;
+        return m_boundary && !m_boundary(entry.getFolder()) ? vfs::FolderVisitResult::Skip
+                                                             : vfs::FolderVisitResult::Continue;
     }
 
     vfs::FolderVisitResult visitEntry(const vfs::FileEntry& entry) override
@@ -254,7 +254,7 @@ private:
     const vfs::AbsoluteIRI m_root;
     const ustring m_pattern;
     Progress m_progress;
-    const std::optional<std::uint64_t> m_fileSystem; // with -x
+    const vfs::TreeBoundary m_boundary; // with -x
     std::mutex m_printing;
     int m_status = Success;
 };
@@ -319,7 +319,7 @@ int runDu(Tool& tool, const DuOptions& options)
     // A file with several names is counted once, under the first name met (as du does).
     std::set<std::pair<std::uint64_t, std::uint64_t>> counted;
     // With -x, folders of other file systems (mounted below) are left out.
-    const auto fileSystem = options.oneFileSystem ? fileSystemOf(tool.folder(location)) : std::nullopt;
+    const auto boundary = options.oneFileSystem ? onFileSystemOf(tool.folder(location)) : vfs::TreeBoundary();
     // Totals of the folders still open on the way down; a folder's line is printed once its content
     // is summed (du prints children before their parent).
     std::function<Usage(const vfs::Folder&, const VisitedEntry*, const vfs::AbsoluteIRI&)> sum =
@@ -347,7 +347,7 @@ int runDu(Tool& tool, const DuOptions& options)
                     total.bytes += bytes;
                     ++total.files;
                     progress.add(1, bytes);
-                } else if (child.enterable() && (!fileSystem || fileSystemOf(*child.folder) == fileSystem)) {
+                } else if (child.enterable() && (!boundary || boundary(*child.folder))) {
                     const Usage below = sum(*child.folder, &child, child.location);
                     total.bytes += below.bytes;
                     total.files += below.files;

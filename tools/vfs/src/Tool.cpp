@@ -223,7 +223,16 @@ std::uint64_t Tool::linkSize(const vfs::AbsoluteIRI& location) const
     return info && S_ISLNK(info->st_mode) ? static_cast<std::uint64_t>(info->st_size) : 0;
 }
 
-std::optional<std::uint64_t> fileSystemOf(const vfs::Folder& folder) { return folder.getExtendedAttributes().device; }
+vfs::TreeBoundary onFileSystemOf(const vfs::Folder& root, std::function<void(const vfs::Folder&)> leftOut)
+{
+    return [device = root.getExtendedAttributes().device, leftOut = std::move(leftOut)](const vfs::Folder& folder) {
+        if (folder.getExtendedAttributes().device == device)
+            return true;
+        if (leftOut)
+            leftOut(folder);
+        return false;
+    };
+}
 
 provider::ExistenceType Tool::kindAt(const vfs::AbsoluteIRI& location) const
 {

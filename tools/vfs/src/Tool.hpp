@@ -66,9 +66,9 @@ private:
     std::shared_ptr<vfs::DefaultStorageSystem> m_system;
 };
 
-// The file system (device) that holds a folder, where its storage tells; for -x, which stays on the
-// file system it starts on.
-std::optional<std::uint64_t> fileSystemOf(const vfs::Folder& folder);
+// For -x: a boundary that keeps a walk on the file system (device) holding `root`, where its storage
+// tells (elsewhere every folder is entered). `leftOut` is told of each folder kept out.
+vfs::TreeBoundary onFileSystemOf(const vfs::Folder& root, std::function<void(const vfs::Folder&)> leftOut = {});
 
 // How a person reads a location: a local path for file IRIs, the IRI otherwise. Never throws.
 std::string display(const vfs::AbsoluteIRI& location);

@@ -193,7 +193,8 @@ void Folder::removeFolder(const FolderRemovalPolicy& policy) const
         detail::removeTreeByWalking(*this, TreeProgressObserver());
 }
 
-bool Folder::removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer) const
+bool Folder::removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer,
+                          const TreeBoundary& boundary) const
 {
     if (policy == FolderRemovalPolicy::NonRecursive) {
         removeFolder(policy);
@@ -201,7 +202,7 @@ bool Folder::removeFolder(const FolderRemovalPolicy& policy, const TreeProgressO
             observer(TreeProgress{0, 1, 0}); // done already: nothing left to stop
         return true;
     }
-    return detail::removeTreeByWalking(*this, observer);
+    return detail::removeTreeByWalking(*this, observer, boundary);
 }
 
 void Folder::moveFolder(const Folder& destination, const provider::ReplacementPolicy& policy) const

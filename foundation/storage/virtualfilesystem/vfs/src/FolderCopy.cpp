@@ -171,9 +171,9 @@ private:
 };
 
 FolderCopyVisitor::FolderCopyVisitor(Folder destinationRoot, ReplacementPolicy policy, TreeProgressObserver observer,
-                                     bool forMove, unsigned transfers, LinkHandling links)
+                                     bool forMove, unsigned transfers, LinkHandling links, TreeBoundary boundary)
     : m_destinationRoot(std::move(destinationRoot)), m_policy(policy), m_forMove(forMove), m_links(links),
-      m_observer(std::move(observer))
+      m_boundary(std::move(boundary)), m_observer(std::move(observer))
 {
     if (transfers > 1)
         m_queue = std::make_unique<TransferQueue>(transfers);
@@ -260,6 +260,12 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
         // An existing non-empty folder makes the copy fail with FolderNotEmpty here.
         target.removeFolder(FolderRemovalPolicy::NonRecursive);
         made = createTargetFolder(source, target);
+    }
+    if (m_current && m_boundary && !m_boundary(source)) {
+        // Kept out: the folder is there, empty, as finished as a filled one.
+        finishTarget(source, target, made);
+        ++m_folders;
+        return report() == FolderVisitResult::Stop ? FolderVisitResult::Stop : FolderVisitResult::Skip;
     }
     m_current = std::move(target);
     m_entered.push_back(source.getLocation());
@@ -381,6 +387,12 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
     }
     if (!(target == m_destinationRoot))
         m_current = target.getParent();
+    finishTarget(source, target, madeWithMode);
+    return FolderVisitResult::Continue;
+}
+
+void FolderCopyVisitor::finishTarget(const Folder& source, const Folder& target, bool madeWithMode)
+{
     try {
         if (madeWithMode)
             translated([&] {
@@ -393,11 +405,10 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
         if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))
             throw; // a source that vanished after its contents were copied keeps the copy's time
     }
-    return FolderVisitResult::Continue;
 }
 
-EntryDeletionVisitor::EntryDeletionVisitor(Folder root, TreeProgressObserver observer)
-    : m_root(std::move(root)), m_observer(std::move(observer))
+EntryDeletionVisitor::EntryDeletionVisitor(Folder root, TreeProgressObserver observer, TreeBoundary boundary)
+    : m_root(std::move(root)), m_observer(std::move(observer)), m_boundary(std::move(boundary))
 {
 }
 
@@ -416,8 +427,14 @@ FolderVisitResult EntryDeletionVisitor::visitBefore(const Folder& folder)
             throw;
         return FolderVisitResult::Skip;
     }
-    if (!link)
+    if (!link) {
+        if (!m_keeping.empty() && m_boundary && !m_boundary(folder)) {
+            m_keeping.assign(m_keeping.size(), true); // nothing above it can go now
+            return FolderVisitResult::Skip;
+        }
+        m_keeping.push_back(false);
         return FolderVisitResult::Continue;
+    }
     return visit(File(folder.getParent(), folder.getName())) == FolderVisitResult::Stop ? FolderVisitResult::Stop
                                                                                           : FolderVisitResult::Skip;
 }
@@ -436,6 +453,11 @@ FolderVisitResult EntryDeletionVisitor::visit(const File& file)
 
 FolderVisitResult EntryDeletionVisitor::visitAfter(const Folder& folder)
 {
+    const bool keeping = !m_keeping.empty() && m_keeping.back();
+    if (!m_keeping.empty())
+        m_keeping.pop_back();
+    if (keeping)
+        return FolderVisitResult::Continue;
     try {
         folder.removeFolder(FolderRemovalPolicy::NonRecursive);
     } catch (const Exception& error) {
@@ -458,14 +480,15 @@ namespace {
 } // namespace
 
 bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove, LinkHandling links)
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links, const TreeBoundary& boundary)
 {
     // Into its own subtree the copy would never end; onto itself it would overwrite what it reads.
     const AbsoluteIRI target = destination.getLocation();
     const AbsoluteIRI from = source.getLocation();
     if ((from == target || from.isAncestorOf(target)) && source.folderExists())
         refuseIntoItself(target);
-    FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination), links);
+    FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination), links,
+                              boundary);
     walkFolder(source, visitor);
     visitor.finish();
     if (visitor.stopped() && !destination.folderExists())
@@ -490,9 +513,9 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
     boost::throw_exception(boost::enable_error_info(summary) << CollectedCopyFailures(visitor.collected()));
 }
 
-bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer)
+bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer, const TreeBoundary& boundary)
 {
-    EntryDeletionVisitor visitor(root, observer);
+    EntryDeletionVisitor visitor(root, observer, boundary);
     return walkFolder(root, visitor) != FolderVisitResult::Stop;
 }
 
@@ -510,9 +533,10 @@ bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPo
 }
 
 bool Folder::copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
-                        const TreeProgressObserver& observer, LinkHandling links) const
+                        const TreeProgressObserver& observer, LinkHandling links,
+                        const TreeBoundary& boundary) const
 {
-    return detail::copyTree(*this, destination, policy, observer, false, links);
+    return detail::copyTree(*this, destination, policy, observer, false, links, boundary);
 }
 
 std::ostream& operator<<(std::ostream& out, const LinkHandling& links)

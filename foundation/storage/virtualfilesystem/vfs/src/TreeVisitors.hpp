@@ -26,7 +26,8 @@ public:
     // copied fails the copy unless it has itself vanished or is collected (a plain copy passes over
     // InvalidLocation failures). `transfers`: file copies at once (1: on the walking thread).
     FolderCopyVisitor(Folder destinationRoot, provider::ReplacementPolicy policy, TreeProgressObserver observer,
-                      bool forMove, unsigned transfers = 1, LinkHandling links = LinkHandling::Follow);
+                      bool forMove, unsigned transfers = 1, LinkHandling links = LinkHandling::Follow,
+                      TreeBoundary boundary = {});
     ~FolderCopyVisitor() override;
 
     FolderVisitResult visitBefore(const Folder& source) override;
@@ -55,6 +56,8 @@ private:
     // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip
     // (the link is not entered) or Stop. On the walking thread.
     FolderVisitResult copyLink(const provider::StorageItem& source, const ustring& name);
+    // The target folder's mode (when `madeWithMode`) and time, once its content is there.
+    static void finishTarget(const Folder& source, const Folder& target, bool madeWithMode);
 
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
@@ -63,6 +66,7 @@ private:
     provider::ReplacementPolicy m_policy;
     bool m_forMove;
     LinkHandling m_links;
+    TreeBoundary m_boundary;
     std::mutex m_collectedMutex;
     std::vector<Exception> m_collected;
     TreeProgressObserver m_observer;
@@ -78,7 +82,7 @@ private:
 // What vanishes meanwhile counts as removed, except the root itself.
 class EntryDeletionVisitor : public FolderVisitor {
 public:
-    explicit EntryDeletionVisitor(Folder root, TreeProgressObserver observer = {});
+    explicit EntryDeletionVisitor(Folder root, TreeProgressObserver observer = {}, TreeBoundary boundary = {});
 
     FolderVisitResult visitBefore(const Folder& folder) override;
     FolderVisitResult visit(const File& file) override;
@@ -89,14 +93,19 @@ private:
 
     Folder m_root;
     TreeProgressObserver m_observer;
+    TreeBoundary m_boundary;
     TreeProgress m_progress;
+    // For each folder the walk is inside, root first: whether it keeps something the boundary left
+    // out, so that it stays.
+    std::vector<bool> m_keeping;
 };
 
 // Folder::copyFolder, and the copy half of a move done by copying (`forMove`, see FolderCopyVisitor).
 bool copyTree(const Folder& source, const Folder& destination, provider::ReplacementPolicy policy,
-              const TreeProgressObserver& observer, bool forMove, LinkHandling links = LinkHandling::Follow);
+              const TreeProgressObserver& observer, bool forMove, LinkHandling links = LinkHandling::Follow,
+              const TreeBoundary& boundary = {});
 
 // False when the observer stopped the removal.
-bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer);
+bool removeTreeByWalking(const Folder& root, const TreeProgressObserver& observer, const TreeBoundary& boundary = {});
 
 } // namespace foundation::storage::vfs::detail

@@ -44,15 +44,6 @@ struct Storages {
     }
 };
 
-std::string randomBytes(std::size_t size, unsigned seed)
-{
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (auto& byte : bytes)
-        byte = static_cast<char>(random() % 7 == 0 ? random() : 'a' + random() % 4); // compressible, not trivially
-    return bytes;
-}
-
 TEST(ArchiveProviderTest, HostileNamesStayInsideAndDuplicatesResolveAsDocumented)
 {
     for (const Kind kind : {Kind::Zip, Kind::Tar}) {
@@ -114,14 +105,13 @@ TEST(ArchiveProviderTest, EncryptedEntriesNeedThePassphrase)
     EXPECT_EQ(s.read(secret), "secret");
 }
 
+// The kit seeks in deflated zip, tar and tar.gz entries; here the shapes it does not stage.
 TEST(ArchiveProviderTest, RandomSeeksReadTheSourceBytesInEveryEntryShape)
 {
     Storages s;
     const std::string source = randomBytes(3 << 20, 3);
     const StorageIRI entries[] = {
-        StorageIRI(u"zip", s.put(u"d.zip", makeArchive({{"f", source}})), u"/f"),
         StorageIRI(u"zip", s.put(u"s.zip", makeArchive({{"f", source}}, {Kind::Zip, "store", {}})), u"/f"),
-        StorageIRI(u"tar", s.put(u"t.tar", makeArchive({{"f", source}}, {Kind::Tar, "", {}})), u"/f"),
         StorageIRI(u"tar", s.put(u"t.tar.xz", makeArchive({{"f", source}}, {Kind::Tar, "xz", {}})), u"/f"),
     };
     std::mt19937 random(4);

@@ -128,7 +128,7 @@ TEST_P(FolderCopyTest, PoliciesMeetAnExistingDestination)
     EXPECT_FALSE(work.file(u"d3/sub/g").fileExists());
 }
 
-TEST_P(FolderCopyTest, ObserversFollowCopyAndRemovalAndCanStopThem)
+TEST_P(FolderCopyTest, ObserversAndBoundariesSteerCopyAndRemoval)
 {
     vfs::TreeProgress last;
     const auto follow = [&](const vfs::TreeProgress& progress) {
@@ -162,6 +162,13 @@ TEST_P(FolderCopyTest, ObserversFollowCopyAndRemovalAndCanStopThem)
     EXPECT_TRUE(work.folder(u"d").removeFolder(vfs::FolderRemovalPolicy::Recursive, follow));
     EXPECT_FALSE(work.folder(u"d").folderExists());
     EXPECT_EQ(last.files + last.folders, 3u); // what was left, and d itself
+
+    // A boundary keeps sub out: a copy makes it empty, a removal leaves it and the folders above it.
+    const vfs::TreeBoundary notSub = [](const vfs::Folder& folder) { return folder.getName() != u"sub"; };
+    ASSERT_TRUE(src.copyFolder(work.folder(u"b"), ReplacementPolicy::FailIfExists, {}, vfs::LinkHandling::Follow, notSub));
+    EXPECT_EQ(treeOf(work.folder(u"b")), (Names{u"empty", u"f", u"sub"}));
+    EXPECT_TRUE(src.removeFolder(vfs::FolderRemovalPolicy::Recursive, {}, notSub));
+    EXPECT_EQ(treeOf(src), (Names{u"sub", u"sub/g"}));
 }
 
 TEST(FolderRemovalTest, FilesVanishingMeanwhileCountAsRemoved)

@@ -17,6 +17,7 @@
 namespace foundation::storage::vfs {
 
 class FileEntry;
+class Folder;
 class FolderEntry;
 class ListEntry;
 template <class T>
@@ -51,6 +52,12 @@ struct TreeProgress {
 // file after each chunk, on the calling thread. Answering false stops the work there: a file being
 // copied is abandoned without a target, what is done stays done.
 using TreeProgressObserver = std::function<bool(const TreeProgress& progress)>;
+
+// Asked by a tree copy or removal before it goes into a folder below its root (a link to a folder
+// that a copy follows included), on the calling thread; false leaves that folder's content alone: a
+// copy makes the folder and copies nothing into it, a removal keeps it and the folders above it. For
+// example, staying on one file system as cp -x and rm --one-file-system do. Empty: every folder.
+using TreeBoundary = std::function<bool(const Folder& folder)>;
 
 // A storage's ordering of paths, as its provider defines it: true when `first` orders before
 // `second` under the name rules the CaseModifier selects. Calling an empty comparator (a
@@ -117,7 +124,9 @@ public:
     void removeFolder(const FolderRemovalPolicy& policy) const;
     // As above, telling `observer` of each entry removed; false when the observer stopped it. The
     // library walks the tree itself for this one (a provider's own recursive removal cannot report).
-    bool removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer) const;
+    // A folder that `boundary` keeps out is left, with its ancestors, and the removal goes on.
+    bool removeFolder(const FolderRemovalPolicy& policy, const TreeProgressObserver& observer,
+                      const TreeBoundary& boundary = {}) const;
     // A native move where the provider can; otherwise (another scheme, a provider that cannot move
     // there, or a merging policy over an existing target) a copy under `policy` followed by a
     // recursive removal of this folder. A failing copy removes nothing; a failing removal leaves the
@@ -172,9 +181,11 @@ public:
     // where either cannot, that link fails with UnsupportedOperation (collected with the permission
     // failures under MergeCollectingFailures). A link already at the target is replaced under the
     // merging policies and left as it is under the others; a folder there fails with
-    // ResourceAlreadyExists. A kept link counts as a file in the progress.
+    // ResourceAlreadyExists. A kept link counts as a file in the progress. A folder that `boundary`
+    // keeps out is made empty at the target (with its mode and time where they are kept).
     bool copyFolder(const Folder& destination, const provider::ReplacementPolicy& policy,
-                    const TreeProgressObserver& observer, LinkHandling links) const;
+                    const TreeProgressObserver& observer, LinkHandling links,
+                    const TreeBoundary& boundary = {}) const;
     // copyFolder into the folder of this folder's name inside `destination`.
     void copyFolderInto(const Folder& destination, const provider::ReplacementPolicy& policy) const;
 
