@@ -10,9 +10,12 @@
 #include <boost/date_time/posix_time/conversion.hpp>
 
 #include <array>
+#include <chrono>
 #include <deque>
 #include <mutex>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace foundation::storage::provider::s3 {
 
@@ -222,6 +225,82 @@ private:
     std::unordered_set<std::string> m_folders;
 };
 
+// Folders this provider saw or made a moment ago, so that files written one after another into a
+// folder ask for it once, not once each. An entry lives a few seconds, and any removal or move
+// through this provider forgets them all. A folder another client removes meanwhile can at worst
+// come back holding the file written into it; nothing that exists is ever taken for absent.
+class KnownFolders {
+public:
+    bool contains(const std::string& bucket, const std::string& prefix) const
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_seen.find(bucket + '\0' + prefix);
+        return found != m_seen.end() && std::chrono::steady_clock::now() - found->second < lifetime;
+    }
+    void add(const std::string& bucket, const std::string& prefix)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_seen.size() >= 4096)
+            m_seen.clear();
+        m_seen[bucket + '\0' + prefix] = std::chrono::steady_clock::now();
+    }
+    void forget()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_seen.clear();
+    }
+
+private:
+    static constexpr std::chrono::seconds lifetime{5};
+    mutable std::mutex m_mutex;
+    std::unordered_map<std::string, std::chrono::steady_clock::time_point> m_seen;
+};
+
+// An answer of exists() or getFileAttributes(). A copy asks about its source and its target and
+// opens both right after (a folder copy asks on its walking thread and copies on another): the
+// opens take those answers instead of asking the same again.
+struct LastExistence {
+    ExistenceType kind = ExistenceType::NotFound;
+    std::optional<ObjectInfo> object;
+    std::uint64_t changes = 0;
+    std::chrono::steady_clock::time_point when;
+};
+
+// The latest answers by location. Each serves once and only for a moment; what an object was
+// like serves only while no change was made through the same store. Changes by other clients
+// within that moment are not seen, as they would not have been by a request sent a moment earlier.
+class RecentAnswers {
+public:
+    explicit RecentAnswers(const Store& store) : m_store(store) {}
+    void put(const StorageIRI& location, LastExistence answer)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_answers.size() >= 1024)
+            m_answers.clear();
+        m_answers[location.toString()] = std::move(answer);
+    }
+    // The answer about `location`, if one is fresh; it is used up.
+    std::optional<LastExistence> take(const StorageIRI& location)
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_answers.find(location.toString());
+        if (found == m_answers.end())
+            return std::nullopt;
+        LastExistence answer = std::move(found->second);
+        m_answers.erase(found);
+        if (std::chrono::steady_clock::now() - answer.when > std::chrono::milliseconds(250))
+            return std::nullopt;
+        if (answer.changes != m_store.changes())
+            answer.object.reset();
+        return answer;
+    }
+
+private:
+    const Store& m_store;
+    std::mutex m_mutex;
+    std::unordered_map<ustring, LastExistence> m_answers;
+};
+
 class S3Provider final : public IProvider {
 public:
     S3Provider() : m_store(std::make_shared<Store>(Settings::fromEnvironment())) {}
@@ -248,12 +327,22 @@ protected:
     ExistenceType doExists(const StorageIRI& location) const override
     {
         const Place place = placeOf(location);
-        if (place.key.empty())
-            return m_store->bucketExists(place.bucket, location) ? ExistenceType::Folder : ExistenceType::NotFound;
-        if (m_store->head(place.bucket, place.key, location))
-            return ExistenceType::File;
-        return m_store->prefixExists(place.bucket, place.folderPrefix(), location) ? ExistenceType::Folder
-                                                                                   : ExistenceType::NotFound;
+        ExistenceType kind = ExistenceType::NotFound;
+        ObjectInfo object;
+        const std::uint64_t changes = m_store->changes();
+        if (place.key.empty()) {
+            kind = m_store->bucketExists(place.bucket, location) ? ExistenceType::Folder : ExistenceType::NotFound;
+        } else {
+            const Store::Kind found = m_store->kindOf(place.bucket, place.key, location, &object);
+            kind = found == Store::Kind::Object   ? ExistenceType::File
+                   : found == Store::Kind::Folder ? ExistenceType::Folder
+                                                  : ExistenceType::NotFound;
+        }
+        if (kind == ExistenceType::Folder)
+            m_known.add(place.bucket, place.folderPrefix());
+        m_recent.put(location, {kind, kind == ExistenceType::File ? std::optional(object) : std::nullopt, changes,
+                                std::chrono::steady_clock::now()});
+        return kind;
     }
 
     ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override
@@ -267,7 +356,13 @@ protected:
 
     FileAttributes doGetFileAttributes(const StorageIRI& location) const override
     {
-        const ObjectInfo object = fileAt(location, "getFileAttributes");
+        LastExistence last = m_recent.take(location).value_or(LastExistence{});
+        if (!last.object) {
+            last = {ExistenceType::File, std::nullopt, m_store->changes(), std::chrono::steady_clock::now()};
+            last.object = fileAt(location, "getFileAttributes");
+        }
+        const ObjectInfo object = *last.object;
+        m_recent.put(location, std::move(last)); // for the stream a copy opens next
         return FileAttributes(object.size, object.lastModified, true, false, location.getName().starts_with(u"."));
     }
 
@@ -325,6 +420,7 @@ protected:
     {
         const Place place = placeOf(location);
         fileAt(location, "removeFile");
+        m_known.forget();
         m_store->remove(place.bucket, place.key, location);
     }
 
@@ -339,10 +435,10 @@ protected:
         }
         const std::lock_guard creating(creationLock(location));
         requireParent(location, "createFolder");
-        if (m_store->head(place.bucket, place.key, location) ||
-            m_store->prefixExists(place.bucket, place.folderPrefix(), location))
+        if (m_store->kindOf(place.bucket, place.key, location) != Store::Kind::None)
             alreadyExists("createFolder", location);
         m_store->put(place.bucket, place.folderPrefix(), {}, true, location);
+        m_known.add(place.bucket, place.folderPrefix());
     }
 
     void doCreateFolderRecursive(const StorageIRI& location) const override
@@ -359,12 +455,14 @@ protected:
                 throwProviderError(ErrorCode::ResourceAlreadyExists, location,
                                    {ExceptionContext(u"createFolderRecursive"), ExceptionContext(u"not-a-folder")});
             m_store->put(place.bucket, place.folderPrefix(), {}, false, *at);
+            m_known.add(place.bucket, place.folderPrefix());
         }
     }
 
     void doRemoveFolder(const StorageIRI& location) const override
     {
         const Place place = placeOf(location);
+        m_known.forget();
         if (place.key.empty()) {
             const Response response = m_store->send({"DELETE", place.bucket}, location, "DeleteBucket");
             if (!response.ok())
@@ -390,6 +488,7 @@ protected:
             throwProviderError(ErrorCode::ResourceInUse, location, {ExceptionContext(u"removeFolderRecursively"), ExceptionContext(u"bucket")},
                                u"a bucket's root is removed empty, with removeFolder");
         requireFolder(location, "removeFolderRecursively");
+        m_known.forget();
         // Each round lists what is left from the start: the store answers strongly after deletes.
         for (;;) {
             const ListPage page = m_store->list(place.bucket, place.folderPrefix(), false, "", 1000, location);
@@ -412,6 +511,7 @@ protected:
         const Place from = placeOf(location);
         const Place to = placeOf(destination);
         m_store->copy(from.bucket, from.key, to.bucket, to.key, destination);
+        m_known.forget();
         m_store->remove(from.bucket, from.key, location);
     }
 
@@ -450,6 +550,7 @@ protected:
             }
         } while (!continuation.empty());
         m_store->put(to.bucket, to.folderPrefix(), {}, false, destination);
+        m_known.forget();
         m_store->removeKeys(from.bucket, moved, location);
     }
 
@@ -499,6 +600,8 @@ protected:
 
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override
     {
+        if (const auto last = m_recent.take(location); last && last->object)
+            return makeReadStream(m_store, location, *last->object);
         return makeReadStream(m_store, location, fileAt(location, "openReadOnlyStream"));
     }
 
@@ -563,11 +666,14 @@ private:
     {
         const StorageIRI parent = location.getParent();
         const Place place = placeOf(parent);
+        if (m_known.contains(place.bucket, place.folderPrefix()))
+            return;
         const bool there = place.key.empty() ? m_store->bucketExists(place.bucket, parent)
                                              : m_store->prefixExists(place.bucket, place.folderPrefix(), parent);
         if (!there)
             throwProviderError(ErrorCode::ResourceNotFound, location,
                                {ExceptionContext(fl::i18n::utf8_to_ustring(operation)), ExceptionContext(u"no-parent")});
+        m_known.add(place.bucket, place.folderPrefix());
     }
 
     // Checks the target of a file move or copy against the policy; false when the policy skips it.
@@ -594,6 +700,15 @@ private:
                                                          bool transactional, const char* operation) const
     {
         const Place place = placeOf(location);
+        // A fresh answer of exists() about this very target, from a copy that asked just before,
+        // stands for the first look: an emptied transactional stream needs nothing of what is there.
+        const auto last = m_recent.take(location);
+        if (last && !place.key.empty() && last->kind != ExistenceType::Folder && transactional && !options.keepContent &&
+            options.creation == ByteStreamCreation::CreateIfMissing) {
+            if (last->kind == ExistenceType::NotFound)
+                requireParent(location, operation);
+            return makeSpoolStream(m_store, location, std::nullopt, options, transactional);
+        }
         std::optional<ObjectInfo> existing;
         if (!place.key.empty())
             existing = m_store->head(place.bucket, place.key, location);
@@ -615,6 +730,8 @@ private:
     }
 
     std::shared_ptr<Store> m_store;
+    mutable KnownFolders m_known;
+    mutable RecentAnswers m_recent{*m_store};
     mutable std::array<std::mutex, 64> m_creating;
 };
 
