@@ -264,6 +264,7 @@ namespace {
 
 struct Exchange {
     Response* response;
+    bool bodyComing; // not a HEAD: a Content-Length announces the body that follows
     static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self)
     {
         static_cast<Exchange*>(self)->response->body.append(data, size * count);
@@ -281,7 +282,15 @@ struct Exchange {
                 value.remove_prefix(1);
             while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' '))
                 value.remove_suffix(1);
-            headers[lower(std::string(line.substr(0, colon)))] = std::string(value);
+            std::string name = lower(std::string(line.substr(0, colon)));
+            // The whole body in one allocation: a range of several MiB grown by doubling would be
+            // copied over and over.
+            if (name == "content-length" && static_cast<Exchange*>(self)->bodyComing) {
+                std::uint64_t length = 0;
+                std::from_chars(value.data(), value.data() + value.size(), length);
+                static_cast<Exchange*>(self)->response->body.reserve(std::min<std::uint64_t>(length, std::uint64_t(64) << 20));
+            }
+            headers[std::move(name)] = std::string(value);
         }
         return size * count;
     }
@@ -321,7 +330,7 @@ Response Client::send(const Request& request, const StorageIRI& location, const 
         headers = curl_slist_append(headers, "Content-Type:");
 
         Response response;
-        Exchange exchange{&response};
+        Exchange exchange{&response, request.method != "HEAD"};
         CURL* handle = m_pool->take();
         curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
         curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L); // keys may hold "." and ".." segments

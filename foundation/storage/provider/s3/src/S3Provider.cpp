@@ -10,9 +10,12 @@
 #include <boost/date_time/posix_time/conversion.hpp>
 
 #include <array>
+#include <chrono>
 #include <deque>
 #include <mutex>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace foundation::storage::provider::s3 {
 
@@ -73,12 +76,91 @@ std::string literalPrefix(const ustring& pattern)
     return fl::i18n::ustring_to_native(std::u16string_view(pattern).substr(0, wild));
 }
 
+// Folders this provider saw or made a moment ago, so that files written one after another into a
+// folder ask for it once, not once each. An entry lives a few seconds, and any removal or move
+// through this provider forgets them all. A folder another client removes meanwhile can at worst
+// come back holding the file written into it; nothing that exists is ever taken for absent.
+class KnownFolders {
+public:
+    bool contains(const std::string& bucket, const std::string& prefix) const
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_seen.find(bucket + '\0' + prefix);
+        return found != m_seen.end() && std::chrono::steady_clock::now() - found->second < lifetime;
+    }
+    void add(const std::string& bucket, const std::string& prefix)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_seen.size() >= 4096)
+            m_seen.clear();
+        m_seen[bucket + '\0' + prefix] = std::chrono::steady_clock::now();
+    }
+    void forget()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_seen.clear();
+    }
+
+private:
+    static constexpr std::chrono::seconds lifetime{5};
+    mutable std::mutex m_mutex;
+    std::unordered_map<std::string, std::chrono::steady_clock::time_point> m_seen;
+};
+
+// An answer of exists() or getFileAttributes(). A copy asks about its source and its target and
+// opens both right after (a folder copy asks on its walking thread and copies on another): the
+// opens take those answers instead of asking the same again.
+struct LastExistence {
+    ExistenceType kind = ExistenceType::NotFound;
+    std::optional<ObjectInfo> object;
+    std::uint64_t changes = 0;
+    std::chrono::steady_clock::time_point when;
+    bool listed = false; // an entry of a listing: a tree copy asks about each as it walks
+};
+
+// The latest answers by location. Each serves once and only for a moment (a second for a listed
+// entry, which a walk may reach later); what an object was like serves only while no change was
+// made through the same store. Changes by other clients within that moment are not seen, as they
+// would not have been by a request sent a moment earlier.
+class RecentAnswers {
+public:
+    explicit RecentAnswers(const Store& store) : m_store(store) {}
+    void put(const StorageIRI& location, LastExistence answer)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_answers.size() >= 4096)
+            m_answers.clear();
+        m_answers[location.toString()] = std::move(answer);
+    }
+    // The answer about `location`, if one is fresh; it is used up.
+    std::optional<LastExistence> take(const StorageIRI& location)
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_answers.find(location.toString());
+        if (found == m_answers.end())
+            return std::nullopt;
+        LastExistence answer = std::move(found->second);
+        m_answers.erase(found);
+        if (std::chrono::steady_clock::now() - answer.when > std::chrono::milliseconds(answer.listed ? 1000 : 250))
+            return std::nullopt;
+        if (answer.changes != m_store.changes())
+            answer.object.reset();
+        return answer;
+    }
+
+private:
+    const Store& m_store;
+    std::mutex m_mutex;
+    std::unordered_map<ustring, LastExistence> m_answers;
+};
+
 // One listing: pages of ListObjectsV2 turned into entries as they are visited. Flat listings
 // use the delimiter; recursive ones take the whole subtree and make the folders from the keys.
 class Listing final : public IFolderEntryIterator {
 public:
-    Listing(std::shared_ptr<Store> store, const StorageIRI& location, const ListOptions& options, int pageSize)
-        : m_store(std::move(store)), m_location(location), m_place(placeOf(location)),
+    Listing(std::shared_ptr<Store> store, std::shared_ptr<RecentAnswers> answers, const StorageIRI& location,
+            const ListOptions& options, int pageSize)
+        : m_store(std::move(store)), m_answers(std::move(answers)), m_location(location), m_place(placeOf(location)),
           m_prefix(m_place.folderPrefix()), m_options(options), m_pageSize(pageSize)
     {
         m_request = m_prefix + (options.recursive ? std::string() : literalPrefix(options.pattern));
@@ -106,7 +188,7 @@ public:
     }
     std::unique_ptr<IFolderEntryIterator> clone() const override { return std::make_unique<Listing>(*this); }
     Listing(const Listing& other)
-        : IFolderEntryIterator(), m_store(other.m_store), m_location(other.m_location), m_place(other.m_place),
+        : IFolderEntryIterator(), m_store(other.m_store), m_answers(other.m_answers), m_location(other.m_location), m_place(other.m_place),
           m_prefix(other.m_prefix), m_request(other.m_request), m_options(other.m_options), m_pageSize(other.m_pageSize),
           m_continuation(other.m_continuation), m_done(other.m_done), m_sawAny(other.m_sawAny), m_ready(other.m_ready),
           m_current(other.m_current), m_files(other.m_files), m_folders(other.m_folders)
@@ -116,6 +198,7 @@ public:
 private:
     void fetch()
     {
+        m_changes = m_store->changes();
         const ListPage page = m_store->list(m_place.bucket, m_request, !m_options.recursive, m_continuation, m_pageSize, m_location);
         m_continuation = page.continuation;
         m_done = m_continuation.empty();
@@ -146,10 +229,13 @@ private:
             unreachable(m_place.bucket, m_prefix + name + (object ? "" : "/"));
             return;
         }
-        if (object)
+        if (object) {
             m_files.insert(name);
-        else if (m_files.count(name))
+            m_answers->put(StorageIRI(m_location, nameOf(name)),
+                           {ExistenceType::File, *object, m_changes, std::chrono::steady_clock::now(), true});
+        } else if (m_files.count(name)) {
             return; // the object of that name wins over the prefix
+        }
         add(name, object);
     }
 
@@ -207,9 +293,11 @@ private:
     }
 
     std::shared_ptr<Store> m_store;
+    std::shared_ptr<RecentAnswers> m_answers;
     StorageIRI m_location;
     Place m_place;
     std::string m_prefix;
+    std::uint64_t m_changes = 0;
     std::string m_request;
     ListOptions m_options;
     int m_pageSize;
@@ -249,16 +337,34 @@ protected:
     ExistenceType doExists(const StorageIRI& location) const override
     {
         const Place place = placeOf(location);
-        if (place.key.empty())
-            return m_store->bucketExists(place.bucket, location) ? ExistenceType::Folder : ExistenceType::NotFound;
-        if (m_store->head(place.bucket, place.key, location))
-            return ExistenceType::File;
-        return m_store->prefixExists(place.bucket, place.folderPrefix(), location) ? ExistenceType::Folder
-                                                                                   : ExistenceType::NotFound;
+        ExistenceType kind = ExistenceType::NotFound;
+        ObjectInfo object;
+        const std::uint64_t changes = m_store->changes();
+        if (place.key.empty()) {
+            kind = m_store->bucketExists(place.bucket, location) ? ExistenceType::Folder : ExistenceType::NotFound;
+        } else {
+            const Store::Kind found = m_store->kindOf(place.bucket, place.key, location, &object);
+            kind = found == Store::Kind::Object   ? ExistenceType::File
+                   : found == Store::Kind::Folder ? ExistenceType::Folder
+                                                  : ExistenceType::NotFound;
+        }
+        if (kind == ExistenceType::Folder)
+            m_known.add(place.bucket, place.folderPrefix());
+        m_recent->put(location, {kind, kind == ExistenceType::File ? std::optional(object) : std::nullopt, changes,
+                                std::chrono::steady_clock::now()});
+        return kind;
     }
 
     ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override
     {
+        // What a tree copy asks of each entry it walks (whether it is a link, which an object never
+        // is): an entry just listed answers, and stays for the attributes and the stream.
+        if (auto answer = m_recent->take(location)) {
+            const bool listed = answer->listed && answer->object;
+            m_recent->put(location, std::move(*answer));
+            if (listed)
+                return ExistenceTypeExtended::File;
+        }
         switch (doExists(location)) {
         case ExistenceType::File: return ExistenceTypeExtended::File;
         case ExistenceType::Folder: return ExistenceTypeExtended::Folder;
@@ -268,7 +374,13 @@ protected:
 
     FileAttributes doGetFileAttributes(const StorageIRI& location) const override
     {
-        const ObjectInfo object = fileAt(location, "getFileAttributes");
+        LastExistence last = m_recent->take(location).value_or(LastExistence{});
+        if (!last.object) {
+            last = {ExistenceType::File, std::nullopt, m_store->changes(), std::chrono::steady_clock::now()};
+            last.object = fileAt(location, "getFileAttributes");
+        }
+        const ObjectInfo object = *last.object;
+        m_recent->put(location, std::move(last)); // for the stream a copy opens next
         return FileAttributes(object.size, object.lastModified, true, false, location.getName().starts_with(u"."));
     }
 
@@ -326,6 +438,7 @@ protected:
     {
         const Place place = placeOf(location);
         fileAt(location, "removeFile");
+        m_known.forget();
         m_store->remove(place.bucket, place.key, location);
     }
 
@@ -340,10 +453,10 @@ protected:
         }
         const std::lock_guard creating(creationLock(location));
         requireParent(location, "createFolder");
-        if (m_store->head(place.bucket, place.key, location) ||
-            m_store->prefixExists(place.bucket, place.folderPrefix(), location))
+        if (m_store->kindOf(place.bucket, place.key, location) != Store::Kind::None)
             alreadyExists("createFolder", location);
         m_store->put(place.bucket, place.folderPrefix(), {}, true, location);
+        m_known.add(place.bucket, place.folderPrefix());
     }
 
     void doCreateFolderRecursive(const StorageIRI& location) const override
@@ -360,12 +473,14 @@ protected:
                 throwProviderError(ErrorCode::ResourceAlreadyExists, location,
                                    {ExceptionContext(u"createFolderRecursive"), ExceptionContext(u"not-a-folder")});
             m_store->put(place.bucket, place.folderPrefix(), {}, false, *at);
+            m_known.add(place.bucket, place.folderPrefix());
         }
     }
 
     void doRemoveFolder(const StorageIRI& location) const override
     {
         const Place place = placeOf(location);
+        m_known.forget();
         if (place.key.empty()) {
             const Response response = m_store->send({"DELETE", place.bucket}, location, "DeleteBucket");
             if (!response.ok())
@@ -391,6 +506,7 @@ protected:
             throwProviderError(ErrorCode::ResourceInUse, location, {ExceptionContext(u"removeFolderRecursively"), ExceptionContext(u"bucket")},
                                u"a bucket's root is removed empty, with removeFolder");
         requireFolder(location, "removeFolderRecursively");
+        m_known.forget();
         // Each round lists what is left from the start: the store answers strongly after deletes.
         for (;;) {
             const ListPage page = m_store->list(place.bucket, place.folderPrefix(), false, "", 1000, location);
@@ -413,6 +529,7 @@ protected:
         const Place from = placeOf(location);
         const Place to = placeOf(destination);
         m_store->copy(from.bucket, from.key, to.bucket, to.key, destination);
+        m_known.forget();
         m_store->remove(from.bucket, from.key, location);
     }
 
@@ -451,6 +568,7 @@ protected:
             }
         } while (!continuation.empty());
         m_store->put(to.bucket, to.folderPrefix(), {}, false, destination);
+        m_known.forget();
         m_store->removeKeys(from.bucket, moved, location);
     }
 
@@ -482,7 +600,7 @@ protected:
     std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& location, const ListOptions& options) const override
     {
         const Place place = placeOf(location);
-        auto listing = std::make_unique<Listing>(m_store, location, options, m_store->client().settings().pageSize);
+        auto listing = std::make_unique<Listing>(m_store, m_recent, location, options, m_store->client().settings().pageSize);
         if (!listing->start() && !place.key.empty() && (!options.pattern.empty() || true)) {
             // Nothing below the prefix: an empty folder has its marker, which the narrowed request of
             // a pattern does not see.
@@ -500,6 +618,8 @@ protected:
 
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override
     {
+        if (const auto last = m_recent->take(location); last && last->object)
+            return makeReadStream(m_store, location, *last->object);
         return makeReadStream(m_store, location, fileAt(location, "openReadOnlyStream"));
     }
 
@@ -564,11 +684,14 @@ private:
     {
         const StorageIRI parent = location.getParent();
         const Place place = placeOf(parent);
+        if (m_known.contains(place.bucket, place.folderPrefix()))
+            return;
         const bool there = place.key.empty() ? m_store->bucketExists(place.bucket, parent)
                                              : m_store->prefixExists(place.bucket, place.folderPrefix(), parent);
         if (!there)
             throwProviderError(ErrorCode::ResourceNotFound, location,
                                {ExceptionContext(fl::i18n::utf8_to_ustring(operation)), ExceptionContext(u"no-parent")});
+        m_known.add(place.bucket, place.folderPrefix());
     }
 
     // Checks the target of a file move or copy against the policy; false when the policy skips it.
@@ -595,6 +718,15 @@ private:
                                                          bool transactional, const char* operation) const
     {
         const Place place = placeOf(location);
+        // A fresh answer of exists() about this very target, from a copy that asked just before,
+        // stands for the first look: an emptied transactional stream needs nothing of what is there.
+        const auto last = m_recent->take(location);
+        if (last && !place.key.empty() && last->kind != ExistenceType::Folder && transactional && !options.keepContent &&
+            options.creation == ByteStreamCreation::CreateIfMissing) {
+            if (last->kind == ExistenceType::NotFound)
+                requireParent(location, operation);
+            return makeSpoolStream(m_store, location, std::nullopt, options, transactional);
+        }
         std::optional<ObjectInfo> existing;
         if (!place.key.empty())
             existing = m_store->head(place.bucket, place.key, location);
@@ -616,6 +748,8 @@ private:
     }
 
     std::shared_ptr<Store> m_store;
+    mutable KnownFolders m_known;
+    std::shared_ptr<RecentAnswers> m_recent = std::make_shared<RecentAnswers>(*m_store);
     mutable std::array<std::mutex, 64> m_creating;
 };
 

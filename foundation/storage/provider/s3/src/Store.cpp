@@ -103,6 +103,24 @@ std::optional<ObjectInfo> Store::head(const std::string& bucket, const std::stri
     return info;
 }
 
+Store::Kind Store::kindOf(const std::string& bucket, const std::string& key, const StorageIRI& location, ObjectInfo* object)
+{
+    // With the delimiter, "key" itself is the first object if it is there and "key/" comes as a
+    // common prefix; names such as "key.txt" sort before it, so a truncated page asks again.
+    const std::string folder = key + "/";
+    const ListPage page = list(bucket, key, true, "", 100, location);
+    if (!page.objects.empty() && page.objects.front().key == key) {
+        if (object)
+            *object = page.objects.front();
+        return Kind::Object;
+    }
+    if (std::find(page.prefixes.begin(), page.prefixes.end(), folder) != page.prefixes.end())
+        return Kind::Folder;
+    if (!page.continuation.empty() && prefixExists(bucket, folder, location))
+        return Kind::Folder;
+    return Kind::None;
+}
+
 bool Store::prefixExists(const std::string& bucket, const std::string& prefix, const StorageIRI& location)
 {
     return !list(bucket, prefix, false, "", 1, location).objects.empty();
@@ -143,6 +161,7 @@ ListPage Store::list(const std::string& bucket, const std::string& prefix, bool 
 void Store::put(const std::string& bucket, const std::string& key, const std::string& body, bool onlyIfAbsent,
                 const StorageIRI& location)
 {
+    const Change change{*this};
     Request request{"PUT", bucket, key, {}, {}, &body, false};
     if (onlyIfAbsent)
         request.headers.emplace_back("if-none-match", "*");
@@ -154,6 +173,7 @@ void Store::put(const std::string& bucket, const std::string& key, const std::st
 void Store::copy(const std::string& fromBucket, const std::string& from, const std::string& toBucket, const std::string& to,
                  const StorageIRI& location)
 {
+    const Change change{*this};
     Request request{"PUT", toBucket, to};
     request.headers = {{"x-amz-copy-source", "/" + fromBucket + "/" + uriEncode(from, true)},
                        {"x-amz-metadata-directive", "COPY"}};
@@ -162,6 +182,7 @@ void Store::copy(const std::string& fromBucket, const std::string& from, const s
 
 void Store::remove(const std::string& bucket, const std::string& key, const StorageIRI& location)
 {
+    const Change change{*this};
     const Response response = send({"DELETE", bucket, key}, location, "DeleteObject");
     if (!response.ok() && response.status != 404)
         throwS3Error(response, location, "DeleteObject");
@@ -169,6 +190,7 @@ void Store::remove(const std::string& bucket, const std::string& key, const Stor
 
 void Store::removeKeys(const std::string& bucket, const std::vector<std::string>& keys, const StorageIRI& location)
 {
+    const Change change{*this};
     for (std::size_t first = 0; first < keys.size(); first += 1000) {
         std::string body = "<Delete><Quiet>true</Quiet>";
         for (std::size_t i = first; i < std::min(keys.size(), first + 1000); ++i)
@@ -213,70 +235,111 @@ void Store::upload(const std::string& bucket, const std::string& key, int fd, st
 }
 
 void Store::uploadMultipart(const std::string& bucket, const std::string& key, int fd, std::uint64_t size,
-                            const Settings& settings, const StorageIRI& location)
+                            const Settings&, const StorageIRI& location)
 {
-    Response started = send({"POST", bucket, key, {{"uploads", ""}}}, location, "CreateMultipartUpload");
+    MultipartUpload upload(*this, bucket, key, location);
+    for (std::uint64_t offset = 0; offset < size;) {
+        std::string part(std::min(upload.nextPartSize(), size - offset), '\0');
+        if (::pread(fd, part.data(), part.size(), static_cast<off_t>(offset)) != static_cast<ssize_t>(part.size()))
+            throwProviderError(ErrorCode::IOError, location, {ExceptionContext(u"pread")}, u"the spool file could not be read");
+        offset += part.size();
+        upload.add(std::move(part));
+    }
+    upload.complete();
+}
+
+MultipartUpload::MultipartUpload(Store& store, std::string bucket, std::string key, StorageIRI location)
+    : m_store(store), m_bucket(std::move(bucket)), m_key(std::move(key)), m_location(std::move(location)),
+      m_settings(store.client().settings())
+{
+    const Response started = m_store.send({"POST", m_bucket, m_key, {{"uploads", ""}}}, m_location, "CreateMultipartUpload");
     if (!started.ok())
-        throwS3Error(started, location, "CreateMultipartUpload");
-    const std::string uploadId =
-        parseXml(started.body, location, "CreateMultipartUpload").get("InitiateMultipartUploadResult.UploadId", "");
+        throwS3Error(started, m_location, "CreateMultipartUpload");
+    m_uploadId = parseXml(started.body, m_location, "CreateMultipartUpload").get("InitiateMultipartUploadResult.UploadId", "");
+    if (m_uploadId.empty())
+        throwProviderError(ErrorCode::IOError, m_location, {ExceptionContext(u"CreateMultipartUpload"), ExceptionContext(u"bad-xml")},
+                           u"the S3 service started a multipart upload without naming it");
+}
 
-    // At most 10,000 parts: larger objects get larger parts.
-    const std::uint64_t partSize = std::max(settings.partSize, (size + 9999) / 10000);
-    const std::uint64_t parts = (size + partSize - 1) / partSize;
-    std::vector<std::string> etags(parts);
-    std::atomic<std::uint64_t> next{0};
-    std::atomic<bool> failed{false};
-    std::exception_ptr failure;
-    std::mutex failureMutex;
-    const auto work = [&] {
-        std::string body;
-        for (std::uint64_t part; !failed && (part = next++) < parts;) {
-            try {
-                const std::uint64_t offset = part * partSize;
-                body.resize(std::min(partSize, size - offset));
-                if (::pread(fd, body.data(), body.size(), static_cast<off_t>(offset)) != static_cast<ssize_t>(body.size()))
-                    throwProviderError(ErrorCode::IOError, location, {ExceptionContext(u"pread")},
-                                       u"the spool file could not be read");
-                const Response answer = send({"PUT", bucket, key, {{"partNumber", std::to_string(part + 1)}, {"uploadId", uploadId}},
-                                              {}, &body, false},
-                                             location, "UploadPart");
-                if (!answer.ok())
-                    throwS3Error(answer, location, "UploadPart");
-                etags[part] = answer.header("etag");
-            } catch (...) {
-                std::lock_guard lock(failureMutex);
-                if (!failure)
-                    failure = std::current_exception();
-                failed = true;
-            }
-        }
-    };
-    std::vector<std::thread> workers;
-    const auto threads = std::min<std::uint64_t>(parts, static_cast<std::uint64_t>(settings.partsInFlight));
-    for (std::uint64_t i = 1; i < threads; ++i)
-        workers.emplace_back(work);
-    work();
-    for (auto& worker : workers)
-        worker.join();
+MultipartUpload::~MultipartUpload()
+{
+    if (!m_finished)
+        abort();
+}
 
+std::uint64_t MultipartUpload::nextPartSize() const
+{
+    // 2,000 parts of each size, doubling: 10,000 parts of 8 MiB upwards hold about 500 GiB.
+    return std::min(m_settings.partSize << (m_etags.size() / 2000), std::uint64_t(5) << 30);
+}
+
+void MultipartUpload::settle(std::size_t number, std::future<std::string>& part)
+{
     try {
-        if (failure)
-            std::rethrow_exception(failure);
-        std::string body = "<CompleteMultipartUpload>";
-        for (std::uint64_t part = 0; part < parts; ++part)
-            body += "<Part><PartNumber>" + std::to_string(part + 1) + "</PartNumber><ETag>" + xmlEscape(etags[part]) +
-                    "</ETag></Part>";
-        body += "</CompleteMultipartUpload>";
-        checkAnswer(send({"POST", bucket, key, {{"uploadId", uploadId}}, {}, &body, true}, location, "CompleteMultipartUpload"),
-                    location, "CompleteMultipartUpload");
+        m_etags[number - 1] = part.get();
     } catch (...) {
-        try {
-            send({"DELETE", bucket, key, {{"uploadId", uploadId}}}, location, "AbortMultipartUpload");
-        } catch (const Exception&) {
-            // The bucket's lifecycle removes what an unreachable service keeps.
-        }
+        abort();
         throw;
+    }
+}
+
+void MultipartUpload::add(std::string part)
+{
+    if (m_finished)
+        throwProviderError(ErrorCode::IOError, m_location, {ExceptionContext(u"UploadPart"), ExceptionContext(u"aborted")},
+                           u"the multipart upload was aborted");
+    while (m_inFlight.size() >= static_cast<std::size_t>(m_settings.partsInFlight)) {
+        settle(m_inFlight.front().first, m_inFlight.front().second);
+        m_inFlight.pop_front();
+    }
+    const std::size_t number = m_etags.size() + 1;
+    m_etags.emplace_back();
+    m_inFlight.emplace_back(number, std::async(std::launch::async, [this, number, body = std::move(part)] {
+        const Response answer = m_store.send({"PUT", m_bucket, m_key, {{"partNumber", std::to_string(number)}, {"uploadId", m_uploadId}},
+                                              {}, &body, false},
+                                             m_location, "UploadPart");
+        if (!answer.ok())
+            throwS3Error(answer, m_location, "UploadPart");
+        return answer.header("etag");
+    }));
+}
+
+void MultipartUpload::complete()
+{
+    const Store::Change change{m_store};
+    while (!m_inFlight.empty()) {
+        settle(m_inFlight.front().first, m_inFlight.front().second);
+        m_inFlight.pop_front();
+    }
+    if (m_finished)
+        throwProviderError(ErrorCode::IOError, m_location, {ExceptionContext(u"CompleteMultipartUpload"), ExceptionContext(u"aborted")},
+                           u"the multipart upload was aborted");
+    std::string body = "<CompleteMultipartUpload>";
+    for (std::size_t part = 0; part < m_etags.size(); ++part)
+        body += "<Part><PartNumber>" + std::to_string(part + 1) + "</PartNumber><ETag>" + xmlEscape(m_etags[part]) + "</ETag></Part>";
+    body += "</CompleteMultipartUpload>";
+    try {
+        checkAnswer(m_store.send({"POST", m_bucket, m_key, {{"uploadId", m_uploadId}}, {}, &body, true}, m_location,
+                                 "CompleteMultipartUpload"),
+                    m_location, "CompleteMultipartUpload");
+    } catch (...) {
+        abort();
+        throw;
+    }
+    m_finished = true;
+}
+
+void MultipartUpload::abort() noexcept
+{
+    m_finished = true;
+    for (auto& [number, part] : m_inFlight)
+        if (part.valid())
+            part.wait();
+    m_inFlight.clear();
+    try {
+        m_store.send({"DELETE", m_bucket, m_key, {{"uploadId", m_uploadId}}}, m_location, "AbortMultipartUpload");
+    } catch (...) {
+        // The bucket's lifecycle removes what an unreachable service keeps.
     }
 }
 

@@ -8,6 +8,9 @@
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
+#include <atomic>
+#include <deque>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,9 +45,22 @@ public:
 
     Client& client() noexcept { return m_client; }
 
+    // Counts the changes made through this store, each counted once it has ended (or failed):
+    // an answer taken before the count moved may be out of date.
+    std::uint64_t changes() const noexcept { return m_changes.load(std::memory_order_acquire); }
+    struct Change {
+        Store& store;
+        ~Change() { store.m_changes.fetch_add(1, std::memory_order_acq_rel); }
+    };
+
     bool bucketExists(const std::string& bucket, const StorageIRI& location);
     // Nothing when no object has the key.
     std::optional<ObjectInfo> head(const std::string& bucket, const std::string& key, const StorageIRI& location);
+    enum class Kind { None, Object, Folder };
+    // What `key` names: an object of that name (which wins), a folder (keys below "key/"), or
+    // nothing; one listing answers all three unless many siblings sort before "key/".
+    // With `object`, an object found is described there (as HEAD would).
+    Kind kindOf(const std::string& bucket, const std::string& key, const StorageIRI& location, ObjectInfo* object = nullptr);
     // Whether any key starts with `prefix`.
     bool prefixExists(const std::string& bucket, const std::string& prefix, const StorageIRI& location);
     ListPage list(const std::string& bucket, const std::string& prefix, bool delimited, const std::string& continuation,
@@ -81,6 +97,40 @@ private:
     void uploadMultipart(const std::string& bucket, const std::string& key, int fd, std::uint64_t size,
                          const Settings& settings, const StorageIRI& location);
     Client m_client;
+    std::atomic<std::uint64_t> m_changes{0};
+};
+
+// One multipart upload, fed part by part: each part goes out on a thread of its own while the next
+// is gathered, at most `partsInFlight` at once, so memory stays bounded whatever the object's size.
+// The object appears at complete(); an upload destroyed before that, or failing, is aborted.
+class MultipartUpload {
+public:
+    MultipartUpload(Store& store, std::string bucket, std::string key, StorageIRI location);
+    ~MultipartUpload();
+    MultipartUpload(const MultipartUpload&) = delete;
+    MultipartUpload& operator=(const MultipartUpload&) = delete;
+
+    // The size the next part should have: the configured one, larger as parts accumulate, so
+    // that 10,000 parts hold any object.
+    std::uint64_t nextPartSize() const;
+    // Sends `part` (5 MiB or more, except the last); waits while the most parts are in flight and
+    // throws what a finished part failed with.
+    void add(std::string part);
+    void complete();
+    // Waits for the parts in flight and aborts; never throws.
+    void abort() noexcept;
+
+private:
+    void settle(std::size_t number, std::future<std::string>& part);
+    Store& m_store;
+    std::string m_bucket;
+    std::string m_key;
+    StorageIRI m_location;
+    Settings m_settings;
+    std::string m_uploadId;
+    std::vector<std::string> m_etags;
+    std::deque<std::pair<std::size_t, std::future<std::string>>> m_inFlight;
+    bool m_finished = false;
 };
 
 } // namespace foundation::storage::provider::s3::detail

@@ -176,19 +176,20 @@ int spoolFile()
     return fd;
 }
 
+// What is written is kept in memory while it is small, and goes to a spool file once it is not,
+// to be uploaded whole. A transactional stream whose every write goes to the end streams instead:
+// past the multipart threshold its parts are uploaded while the writer is still writing, and
+// only the part being gathered is kept.
 class SpoolStream final : public TransactionalByteStream {
 public:
     SpoolStream(std::shared_ptr<Store> store, StorageIRI location, const ByteStreamOpenOptions& options, bool transactional)
         : m_store(std::move(store)), m_location(std::move(location)), m_place(placeOf(m_location)), m_options(options),
-          m_transactional(transactional), m_fd(spoolFile())
+          m_transactional(transactional), m_threshold(m_store->client().settings().multipartThreshold)
     {
-        if (m_fd < 0)
-            throwProviderError(ErrorCode::IOError, m_location, {ExceptionContext(u"open"), ExceptionContext(u"spool")},
-                               fl::i18n::utf8_to_ustring_lossy(std::string("no spool file: ") + std::strerror(errno)));
     }
     ~SpoolStream() override
     {
-        if (m_fd >= 0 && !m_transactional && m_dirty) {
+        if (!m_closed && !m_transactional && m_dirty) {
             try {
                 upload();
             } catch (...) {
@@ -197,9 +198,10 @@ public:
         }
         if (m_fd >= 0)
             ::close(m_fd);
+        // An unfinished multipart upload aborts as it is destroyed.
     }
 
-    // Fills the spool with the object's content.
+    // Fills the stream with the object's content.
     void fetch(const ObjectInfo& object)
     {
         // The first chunk takes whichever version is there by now, the others that same version.
@@ -220,8 +222,13 @@ public:
 
     void resize(std::uint64_t size)
     {
-        if (::ftruncate(m_fd, static_cast<off_t>(size)) != 0)
-            throwProviderError(ErrorCode::NoSpaceLeft, m_location, {ExceptionContext(u"ftruncate")});
+        if (m_fd < 0 && size <= m_threshold) {
+            m_memory.resize(size);
+        } else {
+            spill(StreamOperation::Write);
+            if (::ftruncate(m_fd, static_cast<off_t>(size)) != 0)
+                throwProviderError(ErrorCode::NoSpaceLeft, m_location, {ExceptionContext(u"ftruncate")});
+        }
         m_size = size;
         m_dirty = true;
     }
@@ -233,13 +240,22 @@ public:
             throwByteStreamFailure(StreamOperation::Read, "the stream was opened for writing only", ErrorCode::PermissionDenied);
         if (n <= 0)
             return 0;
-        const ssize_t got = ::pread(m_fd, s, static_cast<std::size_t>(n), static_cast<off_t>(m_position));
-        if (got < 0)
-            throwByteStreamFailure(StreamOperation::Read, std::strerror(errno), ErrorCode::IOError);
-        if (got == 0)
+        if (m_position >= m_size)
             return -1;
-        m_position += static_cast<std::uint64_t>(got);
-        return got;
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(n), m_size - m_position));
+        if (m_fd < 0) {
+            std::memcpy(s, m_memory.data() + m_position, count);
+        } else {
+            const ssize_t got = ::pread(m_fd, s, count, static_cast<off_t>(m_position));
+            if (got < 0)
+                throwByteStreamFailure(StreamOperation::Read, std::strerror(errno), ErrorCode::IOError);
+            if (got == 0)
+                return -1;
+            m_position += static_cast<std::uint64_t>(got);
+            return got;
+        }
+        m_position += count;
+        return static_cast<std::streamsize>(count);
     }
 
     std::streamsize write(const char* s, std::streamsize n) override
@@ -247,7 +263,7 @@ public:
         check(StreamOperation::Write);
         if (!m_options.writeAtPosition)
             m_position = m_size;
-        writeAt(s, static_cast<std::size_t>(n), m_position, StreamOperation::Write);
+        asStreamFailure(StreamOperation::Write, [&] { writeAt(s, static_cast<std::size_t>(n), m_position, StreamOperation::Write); });
         m_position += static_cast<std::uint64_t>(n);
         m_size = std::max(m_size, m_position);
         m_dirty = true;
@@ -276,22 +292,65 @@ public:
         const bool commit = !m_transactional || policy == StreamClosePolicy::Commit;
         const bool needed = m_transactional || m_dirty;
         m_closed = true;
-        if (commit && needed)
+        if (m_multipart && commit) {
+            asStreamFailure(StreamOperation::Close, [&] {
+                if (!m_memory.empty())
+                    m_multipart->add(std::move(m_memory));
+                m_multipart->complete();
+            });
+        } else if (m_multipart) {
+            m_multipart->abort();
+        } else if (commit && needed) {
             asStreamFailure(StreamOperation::Close, [&] { upload(); });
-        ::close(m_fd);
+        }
+        m_multipart.reset();
+        m_memory = {};
+        if (m_fd >= 0)
+            ::close(m_fd);
         m_fd = -1;
     }
     void close() override { close(m_transactional ? StreamClosePolicy::Discard : StreamClosePolicy::Commit); }
 
+    // Uploads the whole content at once (never called while streaming).
     void upload()
     {
-        m_store->upload(m_place.bucket, m_place.key, m_fd, m_size, m_location);
+        if (m_fd >= 0)
+            m_store->upload(m_place.bucket, m_place.key, m_fd, m_size, m_location);
+        else
+            m_store->put(m_place.bucket, m_place.key, m_memory, false, m_location);
         m_dirty = false;
     }
 
 private:
+    // Only a transactional stream whose writes all go to its end can send its parts before it ends.
+    bool streamable() const
+    {
+        return m_transactional && m_options.access == ByteStreamAccess::Write && !m_options.writeAtPosition;
+    }
+
     void writeAt(const char* s, std::size_t n, std::uint64_t offset, StreamOperation operation)
     {
+        if (m_multipart) { // streaming: writes come in order, the unsent tail is in memory
+            m_memory.append(s, n);
+            sendParts();
+            return;
+        }
+        if (m_fd < 0) {
+            const std::uint64_t end = offset + n;
+            if (end <= m_threshold) {
+                if (m_memory.size() < end)
+                    m_memory.resize(end);
+                std::memcpy(m_memory.data() + offset, s, n);
+                return;
+            }
+            if (streamable() && offset == m_memory.size()) {
+                m_multipart = std::make_unique<MultipartUpload>(*m_store, m_place.bucket, m_place.key, m_location);
+                m_memory.append(s, n);
+                sendParts();
+                return;
+            }
+            spill(operation);
+        }
         while (n > 0) {
             const ssize_t put = ::pwrite(m_fd, s, n, static_cast<off_t>(offset));
             if (put < 0) {
@@ -306,6 +365,29 @@ private:
         }
     }
 
+    void sendParts()
+    {
+        for (std::uint64_t size; m_memory.size() >= (size = m_multipart->nextPartSize());) {
+            std::string part = m_memory.substr(0, size);
+            m_memory.erase(0, size);
+            m_multipart->add(std::move(part));
+        }
+    }
+
+    // Moves what is in memory to a spool file, which holds the content from then on.
+    void spill(StreamOperation operation)
+    {
+        if (m_fd >= 0)
+            return;
+        m_fd = spoolFile();
+        if (m_fd < 0)
+            throwProviderError(ErrorCode::IOError, m_location, {ExceptionContext(u"open"), ExceptionContext(u"spool")},
+                               fl::i18n::utf8_to_ustring_lossy(std::string("no spool file: ") + std::strerror(errno)));
+        std::string memory = std::move(m_memory);
+        m_memory = {};
+        writeAt(memory.data(), memory.size(), 0, operation);
+    }
+
     void check(StreamOperation operation) const
     {
         if (m_closed)
@@ -317,7 +399,10 @@ private:
     Place m_place;
     ByteStreamOpenOptions m_options;
     bool m_transactional;
-    int m_fd;
+    std::uint64_t m_threshold;
+    std::string m_memory;
+    std::unique_ptr<MultipartUpload> m_multipart;
+    int m_fd = -1;
     std::uint64_t m_position = 0;
     std::uint64_t m_size = 0;
     bool m_dirty = false;
