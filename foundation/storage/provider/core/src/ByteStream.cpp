@@ -77,7 +77,8 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
 
     const std::unique_ptr<ByteStream> in = source.openReadOnlyStream(from);
     const std::unique_ptr<TransactionalByteStream> out =
-        target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1});
+        target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 1,
+                                                                 options.durable ? 1u : 0u});
     const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, copyBufferSize)));
     if (!buffer)
         throw std::bad_alloc();
