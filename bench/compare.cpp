@@ -5,8 +5,11 @@
 //       warms the page cache for the data right before the timed run, times it and prints
 //       "CANDIDATE SECONDS PEAK_RSS_KIB COUNT", COUNT being what the run saw (entries, files, bytes),
 //       which bench/compare checks against the data. event-latency prints two such lines.
-//   vfs-bench-compare generate tree|mixed|folder|file PATH SIZE
-//       makes PATH.partial (SIZE: top folders, files, files, MiB) and renames it to PATH when complete.
+//   vfs-bench-compare generate tree|mixed|folder|file|noise PATH SIZE
+//       makes PATH.partial (SIZE: top folders, files, files, MiB, MiB) and renames it to PATH when
+//       complete.
+//   vfs-bench-compare generate archive PATH.zip|PATH.tar.gz TREE
+//       packs TREE the same way (zip through the library, tar.gz through tar).
 //
 // Command-line tools run as a child whose output lines are counted; their time is fork to exit and
 // their peak memory the child's (RUSAGE_CHILDREN). The library's candidates build their storage
@@ -16,6 +19,10 @@
 
 #include <foundation/storage/vfs.hpp>
 #include <foundation/storage/vfs/FileStream.hpp>
+
+#include <fl/i18n/ustring.hpp>
+
+#include <boost/variant/get.hpp>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -252,8 +259,9 @@ Timed timed(Run run)
     return {std::chrono::duration<double>(Clock::now() - start).count(), count, false};
 }
 
-// Runs `command` with its output counted in lines; fails unless it exits with 0.
-Timed runTool(const Args& command)
+// Runs `command` with its output counted in lines (in bytes with `bytes`); fails unless it exits
+// with 0.
+Timed runTool(const Args& command, bool bytes = false)
 {
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0)
@@ -279,6 +287,10 @@ Timed runTool(const Args& command)
             continue;
         if (got < 0)
             fail("read from " + command[0]);
+        if (bytes) {
+            lines += static_cast<std::uint64_t>(got);
+            continue;
+        }
         for (const char* at = buffer; (at = static_cast<const char*>(std::memchr(at, '\n', buffer + got - at))); ++at)
             ++lines;
     }
@@ -589,6 +601,156 @@ Timed statFiles(const std::string& candidate, const Args& args)
     unknownCandidate("stat", candidate);
 }
 
+// ---- archives: the library's zip: and tar: storages against the archive tools ----------------------
+
+vfs::Folder archiveRoot(const Library& library, const char16_t* scheme, const std::string& path)
+{
+    return vfs::Folder(vfs::AbsoluteIRI(scheme, vfs::toAbsoluteIRI(u"", fs::absolute(path)), u"/"), library.ref);
+}
+
+// The files of the zip at PATH, as the library lists them (with their sizes).
+std::uint64_t zipFiles(const Library& library, const std::string& path)
+{
+    std::uint64_t files = 0, bytes = 0;
+    for (const auto& entry : archiveRoot(library, u"zip", path).listAllEntriesRecursive())
+        if (const auto* file = boost::get<vfs::FileEntry>(&entry)) {
+            bytes += file->getAttributes().getSize();
+            ++files;
+        }
+    g_sink = bytes;
+    return files;
+}
+
+void warm(const std::string& path)
+{
+    const Buffer buffer = alignedBuffer(kChunk);
+    rawRead(path, buffer.get());
+}
+
+// Lists the zip ZIP (names and sizes); the count is its files.
+Timed zipList(const std::string& candidate, const Args& args)
+{
+    const std::string& zip = args.at(0);
+    warm(zip);
+    if (candidate == "vfs") {
+        const Library library;
+        return timed([&] { return zipFiles(library, zip); });
+    }
+    Timed result;
+    if (candidate == "unzip-l") {
+        result = runTool({"unzip", "-l", zip});
+        result.count -= 5; // three lines of header, two of total
+    } else if (candidate == "bsdtar-tvf") {
+        result = runTool({"bsdtar", "-tvf", zip});
+    } else {
+        unknownCandidate("zip-list", candidate);
+    }
+    return result;
+}
+
+// Extracts the archive ARCHIVE (zip or tar.gz) into TARGET (a fresh name); the count is the entries
+// extracted.
+Timed extractArchive(const std::string& scenario, const std::string& candidate, const Args& args)
+{
+    const std::string& archive = args.at(0);
+    const std::string& target = args.at(1);
+    warm(archive);
+    Timed result;
+    if (candidate == "vfs") {
+        const Library library;
+        const vfs::Folder from = archiveRoot(library, scenario == "zip-extract" ? u"zip" : u"tar", archive);
+        const vfs::Folder to = library.folder(target);
+        result = timed([&] {
+            from.copyFolder(to, foundation::storage::provider::ReplacementPolicy::FailIfExists);
+            return 0;
+        });
+    } else {
+        fs::create_directory(target);
+        if (candidate == "unzip")
+            result = runTool({"unzip", "-q", archive, "-d", target});
+        else if (candidate == "bsdtar")
+            result = runTool({"bsdtar", "-xf", archive, "-C", target});
+        else if (candidate == "tar")
+            result = runTool({"tar", "-xzf", archive, "-C", target});
+        else
+            unknownCandidate(scenario, candidate);
+    }
+    result.count = countEntries(target);
+    return result;
+}
+
+Timed zipExtract(const std::string& candidate, const Args& args) { return extractArchive("zip-extract", candidate, args); }
+Timed targzExtract(const std::string& candidate, const Args& args) { return extractArchive("targz-extract", candidate, args); }
+
+// Packs the tree TREE into the zip TARGET (a fresh name) at the default compression level of each;
+// the count is the files the zip holds.
+Timed zipCreate(const std::string& candidate, const Args& args)
+{
+    const std::string& tree = args.at(0);
+    const std::string& target = args.at(1);
+    readTree(tree);
+    Timed result;
+    const Library library;
+    if (candidate == "vfs") {
+        const vfs::Folder from = library.folder(tree);
+        const vfs::Folder to = archiveRoot(library, u"zip", target);
+        result = timed([&] {
+            from.copyFolder(to, foundation::storage::provider::ReplacementPolicy::FailIfExists);
+            return 0;
+        });
+    } else if (candidate == "zip") {
+        // zip names entries as it is given them: it runs in the tree, as a user packing it would.
+        const fs::path back = fs::current_path();
+        const std::string zip = fs::absolute(target).string();
+        fs::current_path(tree);
+        result = runTool({"zip", "-q", "-r", zip, "."});
+        fs::current_path(back);
+    } else if (candidate == "bsdtar") {
+        result = runTool({"bsdtar", "-a", "-cf", target, "-C", tree, "."});
+    } else {
+        unknownCandidate("zip-create", candidate);
+    }
+    result.count = zipFiles(library, target);
+    return result;
+}
+
+// Reads the entry ENTRY of the zip ZIP whole; the count is its bytes.
+Timed zipEntryRead(const std::string& candidate, const Args& args)
+{
+    const std::string& zip = args.at(0);
+    const std::string& entry = args.at(1);
+    warm(zip);
+    if (candidate == "vfs") {
+        const Library library;
+        const vfs::File file(vfs::AbsoluteIRI(archiveRoot(library, u"zip", zip).getLocation(), fl::i18n::utf8_to_ustring(entry)),
+                             library.ref);
+        const Buffer buffer = alignedBuffer(kChunk);
+        return timed([&] {
+            vfs::ifstream in(file, std::ios::binary);
+            return streamRead(in, buffer.get());
+        });
+    }
+    if (candidate == "unzip-p")
+        return runTool({"unzip", "-p", zip, entry}, true);
+    unknownCandidate("zip-entry-read", candidate);
+}
+
+// Makes the zip (or with DEST ending in .tar.gz, the gzipped tar) DEST of the tree SOURCE through
+// the library (tar: through tar), under a temporary name renamed once complete.
+void generateArchive(const fs::path& dest, const fs::path& source)
+{
+    const fs::path partial = dest.string() + ".partial";
+    fs::remove(partial);
+    if (dest.string().ends_with(".tar.gz")) {
+        runTool({"tar", "-czf", partial.string(), "-C", source.string(), "."});
+    } else {
+        const Library library;
+        library.folder(source).copyFolder(archiveRoot(library, u"zip", partial),
+                                          foundation::storage::provider::ReplacementPolicy::FailIfExists);
+    }
+    fs::rename(partial, dest);
+}
+
 long peakKiB(bool child)
 {
     rusage usage{};
@@ -663,6 +825,19 @@ void generateData(const std::string& kind, const fs::path& path, std::uint64_t s
             fs::create_directories((partial / name).parent_path());
             writeSmallFile(partial / name, i % 100 == 99 ? std::size_t(4) << 20 : std::size_t(100) << (2 * (i % 6)));
         }
+    } else if (kind == "noise") {
+        // Bytes that deflate to about half: random bytes over a small alphabet.
+        std::uint64_t state = 88172645463325252ull;
+        const Buffer buffer = alignedBuffer(kChunk);
+        const Descriptor file(::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), "open " + partial.string());
+        for (std::uint64_t done = 0; done < size << 20; done += kChunk) {
+            for (std::size_t i = 0; i < kChunk; ++i) {
+                state ^= state << 13, state ^= state >> 7, state ^= state << 17;
+                buffer.get()[i] = static_cast<char>('a' + state % 16);
+            }
+            if (::write(file.get(), buffer.get(), kChunk) != static_cast<ssize_t>(kChunk))
+                fail("write " + partial.string());
+        }
     } else if (kind == "folder") {
         fs::create_directories(partial);
         char name[64];
@@ -689,12 +864,17 @@ int main(int argc, char** argv)
 try {
     if (argc < 4) {
         std::fprintf(stderr, "usage: vfs-bench-compare SCENARIO CANDIDATE ARGS...\n"
-                             "       vfs-bench-compare generate tree|mixed|folder|file PATH SIZE\n");
+                             "       vfs-bench-compare generate tree|mixed|folder|file|noise PATH SIZE\n"
+                             "       vfs-bench-compare generate archive PATH.zip|PATH.tar.gz TREE\n");
         return 2;
     }
     const std::string scenario = argv[1];
     const std::string candidate = argv[2];
     const Args args(argv + 3, argv + argc);
+    if (scenario == "generate" && candidate == "archive") {
+        generateArchive(args.at(0), args.at(1));
+        return 0;
+    }
     if (scenario == "generate") {
         generateData(candidate, args.at(0), std::stoull(args.at(1)));
         return 0;
@@ -711,6 +891,8 @@ try {
         {"list-names", listNames}, {"list-attrs", listAttributes}, {"recursive-names", recursiveNames},
         {"walk", walk},           {"read", readFile},                 {"write", writeFile},
         {"copy-tree", copyTree},  {"remove-tree", removeTree},    {"stat", statFiles},
+        {"zip-list", zipList},    {"zip-extract", zipExtract},    {"targz-extract", targzExtract},
+        {"zip-create", zipCreate}, {"zip-entry-read", zipEntryRead},
     };
     for (const auto& known : scenarios) {
         if (scenario == known.id) {

@@ -7,6 +7,7 @@
 
 #include <fl/i18n/ustring.hpp>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <utility>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,7 +93,9 @@ private:
     std::size_t m_position;
 };
 
-class ArchiveProvider final : public IProvider, public std::enable_shared_from_this<ArchiveProvider> {
+class ArchiveProvider final : public IProvider,
+                              public extensions::IChangeBatching,
+                              public std::enable_shared_from_this<ArchiveProvider> {
 public:
     ArchiveProvider(ProviderContext context, ArchiveProviderOptions options)
         : m_format(options.format), m_resolve(std::move(context.resolve)), m_options(std::move(options))
@@ -250,6 +254,35 @@ public:
         m_indexes.clear();
     }
 
+    // A batch on a container gathers the changes of that container, whoever makes them, in one
+    // edit that is committed when the last batch on it ends. Changes that only add (files, folders,
+    // times, permissions) join it and are checked against the batch's own view of the tree; the
+    // others (removals, moves, rewriting an entry the batch holds) first commit what the batch has
+    // gathered and are then made as usual. Readers see the committed archive all along.
+    void beginBatch(const StorageIRI& location) const override
+    {
+        if (m_format != ArchiveFormat::Zip)
+            return;
+        std::lock_guard writing(m_writeMutex);
+        auto& batch = m_batches[location.getInnerIRI()];
+        if (!batch)
+            batch = std::make_unique<Batch>();
+        ++batch->opened;
+    }
+
+    void endBatch(const StorageIRI& location) const override
+    {
+        if (m_format != ArchiveFormat::Zip)
+            return;
+        std::lock_guard writing(m_writeMutex);
+        const auto found = m_batches.find(location.getInnerIRI());
+        if (found == m_batches.end() || --found->second->opened > 0)
+            return;
+        const std::unique_ptr<Batch> batch = std::move(found->second);
+        m_batches.erase(found);
+        flush(*batch);
+    }
+
     // ---- changes (zip only; the front refuses them on tar) -------------------------------------------
     // Each change is committed whole, through the container's transactional stream, before the call
     // returns; changes of one provider are made one at a time.
@@ -295,7 +328,7 @@ public:
 
     void doRemoveFile(const StorageIRI& location) const override
     {
-        change(location, [&](const Index& index, Edit& edit) {
+        changeAlone(location, [&](const Index& index, Edit& edit) {
             existing(index, location, u"removeFile", false);
             removeEntries(edit(), location, false);
         });
@@ -303,7 +336,7 @@ public:
 
     void doRemoveFolder(const StorageIRI& location) const override
     {
-        change(location, [&](const Index& index, Edit& edit) {
+        changeAlone(location, [&](const Index& index, Edit& edit) {
             const Node& node = existingBelowRoot(index, location, u"removeFolder");
             if (!node.children.empty())
                 fail(ErrorCode::FolderNotEmpty, location, u"removeFolder");
@@ -313,7 +346,7 @@ public:
 
     void doRemoveFolderRecursively(const StorageIRI& location) const override
     {
-        change(location, [&](const Index& index, Edit& edit) {
+        changeAlone(location, [&](const Index& index, Edit& edit) {
             existingBelowRoot(index, location, u"removeFolderRecursively");
             removeEntries(edit(), location, true);
         });
@@ -322,7 +355,7 @@ public:
     void doMoveFile(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         sameArchive(location, destination);
-        change(location, [&](const Index& index, Edit& edit) {
+        changeAlone(location, [&](const Index& index, Edit& edit) {
             const Node& source = existing(index, location, u"moveFile", false);
             if (destination == location)
                 return;
@@ -343,7 +376,7 @@ public:
     void doMoveFolder(const StorageIRI& location, const StorageIRI& destination, ReplacementPolicy policy) const override
     {
         sameArchive(location, destination);
-        change(location, [&](const Index& index, Edit& edit) {
+        changeAlone(location, [&](const Index& index, Edit& edit) {
             const Node& source = existingBelowRoot(index, location, u"moveFolder");
             if (destination == location)
                 return;
@@ -367,8 +400,10 @@ public:
 
     void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override
     {
-        if (!location.hasParent())
+        if (!location.hasParent()) {
+            flushBatch(location); // the container is there, and no later commit in the batch replaces it
             return containerProvider(location)->setLastModified(location.getInnerIRI(), time);
+        }
         if (time.is_special() || time < boost::posix_time::ptime(boost::gregorian::date(1601, 1, 1)))
             fail(ErrorCode::InvalidLocation, location, u"setLastModified", u"time-out-of-range");
         changeEntry(location, u"setLastModified", [&](ZipEdit& edit, std::uint64_t index, bool) { edit.setTime(index, time); });
@@ -376,8 +411,10 @@ public:
 
     void doSetWritable(const StorageIRI& location, bool writable) const override
     {
-        if (!location.hasParent())
+        if (!location.hasParent()) {
+            flushBatch(location);
             return containerProvider(location)->setWritable(location.getInnerIRI(), writable);
+        }
         changeEntry(location, u"setWritable", [&](ZipEdit& edit, std::uint64_t index, bool folder) {
             const std::uint32_t mode = edit.mode(index).value_or(folder ? S_IFDIR | 0755 : S_IFREG | 0644);
             edit.setMode(index, writable ? mode | 0200 : mode & ~0222u);
@@ -420,26 +457,67 @@ private:
         bool missing; // the container does not exist yet
         bool createEmpty = false;
         std::unique_ptr<ZipEdit> zip;
+        bool batched = false;
         ZipEdit& operator()()
         {
             if (!zip)
-                zip = std::make_unique<ZipEdit>(access, missing);
+                zip = std::make_unique<ZipEdit>(access, missing, batched);
             return *zip;
         }
     };
 
+    // The changes of one container gathered while batches on it are open.
+    struct Batch {
+        unsigned opened = 0;
+        std::unique_ptr<Index> view; // the committed tree and what the gathered changes added
+        std::optional<Edit> edit;
+    };
+
     // Runs `make(index, edit)` on the container's current tree (empty when the container is missing)
-    // and commits what it changed, while no other change of this provider runs.
+    // and commits what it changed, while no other change of this provider runs. Under an open batch
+    // on the container the change joins the batch, or with `alone` commits the batch first.
     template <class Make>
-    void change(const StorageIRI& location, Make&& make) const
+    void change(const StorageIRI& location, Make&& make, bool alone = false) const
     {
         std::lock_guard writing(m_writeMutex);
         const StorageIRI container = location.getInnerIRI();
+        if (Batch* batch = batchOf(container)) {
+            if (alone) {
+                flush(*batch);
+            } else {
+                Index& view = batchView(*batch, location);
+                const auto record = [&] {
+                    if (batch->edit->zip)
+                        for (const auto& added : batch->edit->zip->takeAdded())
+                            view.add(added.name, added.folder, added.size, boost::posix_time::microsec_clock::universal_time(),
+                                     added.folder ? 0755 : 0644, detail::Entry{});
+                };
+                try {
+                    make(std::as_const(view), *batch->edit);
+                } catch (...) {
+                    record();
+                    throw;
+                }
+                record();
+                return;
+            }
+        }
         const bool missing = containerMissing(location);
         const auto index = missing ? std::make_shared<const Index>(container, detail::Stamp{}) : indexOf(location);
         Edit edit{accessTo(location), missing, false, nullptr};
         make(*index, edit);
-        if (!edit.zip && !(edit.createEmpty && missing))
+        commitEdit(container, edit);
+    }
+
+    template <class Make>
+    void changeAlone(const StorageIRI& location, Make&& make) const
+    {
+        change(location, std::forward<Make>(make), true);
+    }
+
+    void commitEdit(const StorageIRI& container, Edit& edit) const
+    {
+        if (!edit.zip && !(edit.createEmpty && edit.missing))
             return;
         try {
             edit().commit(edit.createEmpty);
@@ -448,6 +526,43 @@ private:
             throw;
         }
         forget(container);
+    }
+
+    // The open batch on the container, if any; under m_writeMutex.
+    Batch* batchOf(const StorageIRI& container) const
+    {
+        const auto found = m_batches.find(container);
+        return found == m_batches.end() ? nullptr : found->second.get();
+    }
+
+    // The batch's view and edit, made from the committed archive when the batch has none.
+    Index& batchView(Batch& batch, const StorageIRI& location) const
+    {
+        if (!batch.view) {
+            const bool missing = containerMissing(location);
+            batch.view = missing ? std::make_unique<Index>(location.getInnerIRI(), detail::Stamp{})
+                                 : std::make_unique<Index>(*indexOf(location));
+            batch.edit.emplace(Edit{accessTo(location), missing, false, nullptr, true});
+        }
+        return *batch.view;
+    }
+
+    void flushBatch(const StorageIRI& location) const
+    {
+        std::lock_guard writing(m_writeMutex);
+        if (Batch* batch = batchOf(location.getInnerIRI()))
+            flush(*batch);
+    }
+
+    // Commits what the batch gathered; the batch goes on from the new archive. A failure loses
+    // what was gathered and leaves the old archive.
+    void flush(Batch& batch) const
+    {
+        if (!batch.view)
+            return;
+        const std::unique_ptr<Index> view = std::move(batch.view);
+        std::optional<Edit> edit = std::exchange(batch.edit, std::nullopt);
+        commitEdit(view->container(), *edit);
     }
 
     // Applies `set(edit, entry index, folder)` to each entry of the file or folder at `location`; a
@@ -576,21 +691,46 @@ private:
         });
     }
 
-    // The spool a writing stream (or a truncation, `resize`) starts from: the entry's content when
-    // it is kept, else nothing. Checks that a file may be written at `location`.
-    int spoolFor(const StorageIRI& location, const ByteStreamOpenOptions& options, std::optional<std::uint64_t> resize,
-                 bool& created) const
+    // The file at `location` that a writing stream may replace (nullptr: a new file may be made there).
+    static const Node* checkWritable(const Index& index, const StorageIRI& location, const ByteStreamOpenOptions& options,
+                                     bool& created)
     {
-        const bool missing = containerMissing(location);
-        const auto index = missing ? std::make_shared<const Index>(location.getInnerIRI(), detail::Stamp{}) : indexOf(location);
-        const Node* node = index->find(location);
+        const Node* node = index.find(location);
         if (node && node->folder)
             fail(ErrorCode::ResourceNotFound, location, u"openStream", u"not-a-file");
         if (!node && options.creation == ByteStreamCreation::OpenExisting)
             fail(ErrorCode::ResourceNotFound, location, u"openStream");
         if (!node)
-            freeName(*index, location, location);
+            freeName(index, location, location);
         created = !node || (!options.keepContent && node->size != 0);
+        return node;
+    }
+
+    // The spool a writing stream (or a truncation, `resize`) starts from: the entry's content when
+    // it is kept, else nothing. Checks that a file may be written at `location`.
+    int spoolFor(const StorageIRI& location, const ByteStreamOpenOptions& options, std::optional<std::uint64_t> resize,
+                 bool& created) const
+    {
+        std::shared_ptr<const Index> index;
+        const Node* node = nullptr;
+        bool batched = false;
+        {
+            std::lock_guard writing(m_writeMutex);
+            if (Batch* batch = batchOf(location.getInnerIRI())) {
+                const Index& view = batchView(*batch, location);
+                if ((options.keepContent || resize) && view.find(location)) {
+                    flush(*batch); // the content kept is read from the committed archive
+                } else {
+                    checkWritable(view, location, options, created);
+                    batched = true;
+                }
+            }
+        }
+        if (!batched) {
+            index = containerMissing(location) ? std::make_shared<const Index>(location.getInnerIRI(), detail::Stamp{})
+                                               : indexOf(location);
+            node = checkWritable(*index, location, options, created);
+        }
         const std::uint64_t limit = settings().expansionLimitBytes;
         const bool keep = node && (options.keepContent || resize);
         if (keep && node->size > limit)
@@ -727,6 +867,7 @@ private:
     mutable std::map<StorageIRI, std::shared_ptr<const Index>> m_indexes;
     mutable std::atomic<std::uint64_t> m_generation{0};
     mutable std::recursive_mutex m_writeMutex; // a change of an archive inside an archive of this provider changes both
+    mutable std::map<StorageIRI, std::unique_ptr<Batch>> m_batches; // under m_writeMutex
 };
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace foundation::storage::provider::archive::detail {
@@ -22,7 +23,8 @@ constexpr std::uint64_t longJump = 1 << 20;
     throwByteStreamFailure(StreamOperation::Read, what, code, {ExceptionContext(std::move(context))});
 }
 
-// An unnamed file in the temporary folder: it vanishes with its descriptor, whatever happens.
+} // namespace
+
 int unnamedTemporaryFile()
 {
     const std::string folder = std::filesystem::temp_directory_path().string();
@@ -37,6 +39,41 @@ int unnamedTemporaryFile()
         failRead(std::string("no temporary file to spill the entry to: ") + std::strerror(errno),
                  errno == ENOSPC ? ErrorCode::NoSpaceLeft : ErrorCode::IOError, u"spill");
     return fd;
+}
+
+namespace {
+
+// The spool of a writing stream starts in memory and moves to a temporary file once it grows past
+// this: most entries written are small, and an unnamed file costs its file system a journal
+// transaction to make and another to drop, which on a busy disk takes milliseconds.
+constexpr std::uint64_t memorySpoolBytes = 4 << 20;
+
+int memorySpool(std::uint64_t size)
+{
+    const int fd = size <= memorySpoolBytes ? ::memfd_create("vfs-entry", MFD_CLOEXEC) : -1;
+    return fd >= 0 ? fd : unnamedTemporaryFile();
+}
+
+// Moves the first `size` bytes of the memory spool `fd` to a temporary file, under the same
+// descriptor; a spool already on disk stays.
+void spoolToDisk(int fd, std::uint64_t size)
+{
+    if (::fcntl(fd, F_GET_SEALS) < 0)
+        return; // not a memory file
+    const int disk = unnamedTemporaryFile();
+    std::vector<char> buffer(256 * 1024);
+    bool moved = true;
+    for (std::uint64_t done = 0; moved && done < size;) {
+        const ssize_t got = ::pread(fd, buffer.data(), std::min<std::uint64_t>(buffer.size(), size - done), static_cast<off_t>(done));
+        moved = got > 0 && ::pwrite(disk, buffer.data(), static_cast<std::size_t>(got), static_cast<off_t>(done)) == got;
+        done += got > 0 ? static_cast<std::uint64_t>(got) : 0;
+    }
+    moved = moved && ::dup3(disk, fd, O_CLOEXEC) == fd;
+    const int error = errno;
+    ::close(disk);
+    if (!moved)
+        throwByteStreamFailure(StreamOperation::Write, std::string("spooling the entry: ") + std::strerror(error),
+                               error == ENOSPC ? ErrorCode::NoSpaceLeft : ErrorCode::IOError, {ExceptionContext(u"spool")});
 }
 
 class EntryStream final : public ByteStream {
@@ -262,6 +299,10 @@ public:
             throwByteStreamFailure(StreamOperation::Write, "the entry would grow beyond the configured expansion limit",
                                    ErrorCode::NoSpaceLeft,
                                    {ExceptionContext(u"expansion-limit", fl::i18n::utf8_to_ustring(std::to_string(m_limit)))});
+        if (!m_onDisk && n > 0 && m_position + static_cast<std::uint64_t>(n) > memorySpoolBytes) {
+            spoolToDisk(m_fd, m_size);
+            m_onDisk = true;
+        }
         writeAt(m_fd, s, static_cast<std::size_t>(std::max<std::streamsize>(n, 0)), m_position, StreamOperation::Write);
         m_position += static_cast<std::uint64_t>(std::max<std::streamsize>(n, 0));
         m_size = std::max(m_size, m_position);
@@ -337,13 +378,14 @@ private:
     std::uint64_t m_size = 0;
     bool m_dirty = false;
     bool m_closed = false;
+    bool m_onDisk = false;
 };
 
 } // namespace
 
 int spoolEntry(EntryReader* reader, std::uint64_t size)
 {
-    const int fd = unnamedTemporaryFile();
+    const int fd = memorySpool(size);
     try {
         std::vector<char> buffer(256 * 1024);
         std::uint64_t written = 0;

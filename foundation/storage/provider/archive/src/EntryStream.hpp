@@ -16,7 +16,12 @@ namespace foundation::storage::provider::archive::detail {
 std::unique_ptr<ByteStream> makeEntryStream(StorageIRI location, std::uint64_t size,
                                             std::function<std::unique_ptr<EntryReader>()> open);
 
-// An unnamed temporary file (it vanishes with its descriptor) holding the first `size` bytes that
+// An unnamed file in the temporary folder: it vanishes with its descriptor, whatever happens.
+// Failures are ByteStreamFailures (NoSpaceLeft for a full temporary folder).
+int unnamedTemporaryFile();
+
+// A spool (it vanishes with its descriptor: in memory while small, else an unnamed temporary file)
+// holding the first `size` bytes that
 // `reader` gives (none without a reader), zero bytes after them up to `size`. Failures are
 // ByteStreamFailures (NoSpaceLeft for a full temporary folder).
 int spoolEntry(EntryReader* reader, std::uint64_t size);

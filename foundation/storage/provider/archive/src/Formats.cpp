@@ -1,4 +1,5 @@
 #include "Formats.hpp"
+#include "EntryStream.hpp"
 #include "ZipEdit.hpp"
 
 #include <fl/i18n/ustring.hpp>
@@ -11,7 +12,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace foundation::storage::provider::archive::detail {
 
@@ -275,10 +281,15 @@ std::unique_ptr<EntryReader> openZipEntry(const ContainerAccess& access, const s
 // libarchive reading a container through its cached stream.
 class TarReader {
 public:
-    TarReader(const ContainerAccess& access) : m_container(openCached(access)), m_archive(archive_read_new())
+    // `raw`: the container's decompressed bytes as the data of one entry.
+    explicit TarReader(const ContainerAccess& access, bool raw = false)
+        : m_container(openCached(access)), m_archive(archive_read_new())
     {
         archive_read_support_filter_all(m_archive);
-        archive_read_support_format_tar(m_archive);
+        if (raw)
+            archive_read_support_format_raw(m_archive);
+        else
+            archive_read_support_format_tar(m_archive);
         archive_read_set_read_callback(m_archive, &TarReader::readBlock);
         archive_read_set_skip_callback(m_archive, &TarReader::skip);
         archive_read_set_seek_callback(m_archive, &TarReader::seekTo);
@@ -359,10 +370,136 @@ private:
     std::uint64_t m_position = 0;
 };
 
+} // namespace
+
+// Readers of a compressed tar, each past the header of the entry `ordinal`. A reader goes on only
+// forward: reading the entries in their order (an extraction) decompresses the archive once,
+// where a reader of its own for each entry would decompress everything before it again.
+class TarReaderPool {
+public:
+    struct Kept {
+        std::uint64_t ordinal;
+        std::unique_ptr<TarReader> reader;
+    };
+    // The idle reader that is furthest on but not past `ordinal`.
+    ~TarReaderPool()
+    {
+        if (m_plain >= 0)
+            ::close(m_plain);
+    }
+    std::optional<Kept> take(std::uint64_t ordinal)
+    {
+        std::lock_guard lock(m_mutex);
+        auto best = m_idle.end();
+        for (auto at = m_idle.begin(); at != m_idle.end(); ++at)
+            if (at->ordinal < ordinal && (best == m_idle.end() || at->ordinal > best->ordinal))
+                best = at;
+        if (best == m_idle.end()) {
+            m_misses += m_idle.empty() ? 0 : 1;
+            return std::nullopt;
+        }
+        Kept kept = std::move(*best);
+        m_idle.erase(best);
+        return kept;
+    }
+    void give(Kept kept)
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_idle.size() >= 4)
+            m_idle.erase(m_idle.begin());
+        m_idle.push_back(std::move(kept));
+    }
+
+    // The whole archive decompressed into an unnamed temporary file, made once entries have been
+    // read out of order a few times (an extraction in another order than the archive's, which
+    // would decompress the archive again for nearly every entry) and when it takes at most
+    // `plainLimit` bytes; -1 otherwise. Entries are then windows on it.
+    int plainCopy(const ContainerAccess& access, std::uint64_t size)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_plain >= 0 || m_misses < 3 || size > plainLimit)
+                return m_plain;
+        }
+        std::lock_guard spilling(m_spillMutex);
+        {
+            std::lock_guard lock(m_mutex);
+            if (m_plain >= 0 || m_spillFailed)
+                return m_plain;
+        }
+        int fd = -1;
+        try {
+            TarReader reader(access, true);
+            if (reader.next(access.location.getInnerIRI())) {
+                fd = unnamedTemporaryFile();
+                std::vector<char> buffer(256 * 1024);
+                std::uint64_t written = 0;
+                for (la_ssize_t got; (got = archive_read_data(reader.get(), buffer.data(), buffer.size())) > 0;) {
+                    if (::pwrite(fd, buffer.data(), static_cast<std::size_t>(got), static_cast<off_t>(written)) != got)
+                        throw std::runtime_error("spill");
+                    written += static_cast<std::uint64_t>(got);
+                }
+                if (written < size)
+                    throw std::runtime_error("short");
+            }
+        } catch (...) { // reading each entry from the start still works
+            if (fd >= 0)
+                ::close(std::exchange(fd, -1));
+        }
+        std::lock_guard lock(m_mutex);
+        m_spillFailed = fd < 0;
+        return m_plain = fd;
+    }
+
+private:
+    static constexpr std::uint64_t plainLimit = std::uint64_t{4} << 30;
+    std::mutex m_mutex, m_spillMutex;
+    std::vector<Kept> m_idle;
+    unsigned m_misses = 0;
+    int m_plain = -1;
+    bool m_spillFailed = false;
+};
+
+namespace {
+
+// An entry of a decompressed copy of the archive, read in place.
+class PlainCopyReader final : public EntryReader {
+public:
+    PlainCopyReader(std::shared_ptr<TarReaderPool> pool, int fd, std::uint64_t start, std::uint64_t size)
+        : m_pool(std::move(pool)), m_fd(fd), m_start(start), m_size(size)
+    {
+    }
+    std::size_t read(char* out, std::size_t n) override
+    {
+        const std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(n, m_size - std::min(m_position, m_size)));
+        const ssize_t got = wanted == 0 ? 0 : ::pread(m_fd, out, wanted, static_cast<off_t>(m_start + m_position));
+        if (got < 0)
+            throwByteStreamFailure(StreamOperation::Read, std::string("tar entry: ") + std::strerror(errno), ErrorCode::IOError,
+                                   {ExceptionContext(u"spill")});
+        m_position += static_cast<std::uint64_t>(got);
+        return static_cast<std::size_t>(got);
+    }
+    bool seek(std::uint64_t offset) override
+    {
+        m_position = offset;
+        return true;
+    }
+
+private:
+    std::shared_ptr<TarReaderPool> m_pool; // keeps the copy open
+    int m_fd;
+    std::uint64_t m_start, m_size, m_position = 0;
+};
+
+} // namespace
+
+namespace {
+
 std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp stamp)
 {
     const StorageIRI container = access.location.getInnerIRI();
     auto index = std::make_shared<Index>(container, stamp);
+    index->tarReaders = std::make_shared<TarReaderPool>();
     TarReader reader(access);
     for (std::uint64_t ordinal = 0;; ++ordinal) {
         archive_entry* entry = reader.next(container);
@@ -379,7 +516,9 @@ std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp 
         Entry where;
         where.ordinal = ordinal;
         where.dataOffset = static_cast<std::uint64_t>(archive_filter_bytes(reader.get(), 0));
-        where.window = archive_filter_code(reader.get(), 0) == ARCHIVE_FILTER_NONE && archive_entry_sparse_count(entry) == 0;
+        where.sparse = archive_entry_sparse_count(entry) != 0;
+        where.window = archive_filter_code(reader.get(), 0) == ARCHIVE_FILTER_NONE && !where.sparse;
+        index->plainSize = std::max<std::uint64_t>(index->plainSize, where.dataOffset + static_cast<std::uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0)));
         index->add(name, type == AE_IFDIR, static_cast<std::uint64_t>(archive_entry_size(entry)),
                    timeOf(archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)), archive_entry_perm(entry), where);
     }
@@ -413,33 +552,50 @@ private:
     std::uint64_t m_position = 0;
 };
 
-// A compressed (or sparse) tar entry: the stream is read from its start up to the entry.
+// A compressed (or sparse) tar entry: the stream is read up to the entry, from its start or from
+// where a reader of an earlier entry stopped.
 class TarEntryReader final : public EntryReader {
 public:
-    TarEntryReader(const ContainerAccess& access, std::uint64_t ordinal, std::uint64_t indexedSize)
-        : m_reader(access), m_container(access.location.getInnerIRI())
+    TarEntryReader(const ContainerAccess& access, const std::shared_ptr<const Index>& index, std::uint64_t ordinal)
+        : m_pool(index->tarReaders), m_container(access.location.getInnerIRI()), m_ordinal(ordinal)
     {
-        if (m_reader.containerSize() != indexedSize)
-            throw ContainerChanged{};
-        for (std::uint64_t i = 0; i <= ordinal; ++i)
-            if (!m_reader.next(m_container))
+        std::uint64_t at = 0; // the headers read
+        if (auto kept = m_pool ? m_pool->take(ordinal) : std::nullopt) {
+            m_reader = std::move(kept->reader);
+            at = kept->ordinal + 1;
+        } else {
+            m_reader = std::make_unique<TarReader>(access);
+            if (m_reader->containerSize() != index->stamp().size)
+                throw ContainerChanged{};
+        }
+        for (; at <= ordinal; ++at)
+            if (!m_reader->next(m_container))
                 notReadable(m_container, u"archive_read_next_header", "the entry is gone");
+    }
+    ~TarEntryReader() override
+    {
+        if (m_pool && !m_failed)
+            m_pool->give({m_ordinal, std::move(m_reader)});
     }
     std::size_t read(char* out, std::size_t n) override
     {
-        const la_ssize_t got = archive_read_data(m_reader.get(), out, n);
+        const la_ssize_t got = archive_read_data(m_reader->get(), out, n);
         if (got >= 0)
             return static_cast<std::size_t>(got);
-        m_reader.caught().rethrowIfAny();
-        const char* why = archive_error_string(m_reader.get());
+        m_failed = true;
+        m_reader->caught().rethrowIfAny();
+        const char* why = archive_error_string(m_reader->get());
         throwByteStreamFailure(StreamOperation::Read, std::string("tar entry: ") + (why ? why : "unreadable"),
                                ErrorCode::IOError, {ExceptionContext(u"archive_read_data")});
     }
     bool seek(std::uint64_t) override { return false; }
 
 private:
-    TarReader m_reader;
+    std::shared_ptr<TarReaderPool> m_pool;
+    std::unique_ptr<TarReader> m_reader;
     StorageIRI m_container;
+    std::uint64_t m_ordinal;
+    bool m_failed = false;
 };
 
 } // namespace
@@ -467,7 +623,11 @@ std::unique_ptr<EntryReader> openEntryReader(const ContainerAccess& access, cons
                 throw ContainerChanged{};
             return std::make_unique<WindowReader>(std::move(container), entry.dataOffset, node.size);
         }
-        return std::make_unique<TarEntryReader>(access, entry.ordinal, index->stamp().size);
+        if (const auto& pool = index->tarReaders; pool && !entry.sparse) {
+            if (const int plain = pool->plainCopy(access, index->plainSize); plain >= 0)
+                return std::make_unique<PlainCopyReader>(pool, plain, entry.dataOffset, node.size);
+        }
+        return std::make_unique<TarEntryReader>(access, index, entry.ordinal);
     } catch (const ByteStreamFailure& failure) {
         throwProviderError(failure.getErrorCode(), access.location.getInnerIRI(),
                            {ExceptionContext(u"container-read")}, fl::i18n::utf8_to_ustring_lossy(failure.what()));

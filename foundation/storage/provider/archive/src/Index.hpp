@@ -26,6 +26,7 @@ struct Entry {
     std::uint64_t dataOffset = 0; // tar: where its data starts in the (uncompressed) stream
     bool window = false;          // stored as is at dataOffset of the container itself
     bool encrypted = false;
+    bool sparse = false;          // tar: a sparse file
 };
 
 struct Node {
@@ -38,6 +39,7 @@ struct Node {
 };
 
 class ZipHandlePool;
+class TarReaderPool;
 
 // The segments of an entry name, cleaned as Index::add() cleans them; nullopt when the entry must
 // stay unreachable.
@@ -64,6 +66,10 @@ public:
 
     // Open zip readers of this container kept for reuse (zip indexes only).
     std::shared_ptr<ZipHandlePool> zipHandles;
+    // Readers of this compressed tar left after an entry, kept to read a later entry from there.
+    std::shared_ptr<TarReaderPool> tarReaders;
+    // Tar: where the data of the last entry ends in the decompressed stream.
+    std::uint64_t plainSize = 0;
 
 private:
     std::size_t childFolder(std::size_t parent, const ustring& name);

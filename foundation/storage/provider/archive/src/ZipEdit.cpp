@@ -1,5 +1,7 @@
 #include "ZipEdit.hpp"
 
+#include "EntryStream.hpp"
+
 #include <fl/i18n/ustring.hpp>
 
 #include <zip.h>
@@ -41,6 +43,103 @@ std::string entryName(const Segments& path, bool folder)
 bool startsWith(const Segments& path, const Segments& prefix)
 {
     return path.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
+}
+
+} // namespace
+
+// A descriptor that added entries read from when the change is committed; the batch's spool also
+// collects the content of every file the batch adds.
+struct ZipEdit::Spool {
+    int fd;
+    std::uint64_t size = 0;
+    explicit Spool(int descriptor) : fd(descriptor) {}
+    Spool(const Spool&) = delete;
+    Spool& operator=(const Spool&) = delete;
+    ~Spool() { ::close(fd); }
+};
+
+namespace {
+
+// libzip's source for an added file: `size` bytes of a spool from `start`, read by offset.
+struct Slice {
+    std::shared_ptr<const void> keep; // the spool
+    int fd;
+    std::uint64_t start, size, position = 0;
+    zip_error_t error{};
+
+    static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command)
+    {
+        auto* self = static_cast<Slice*>(state);
+        switch (command) {
+        case ZIP_SOURCE_OPEN:
+            self->position = 0;
+            return 0;
+        case ZIP_SOURCE_READ: {
+            const std::uint64_t want = std::min<std::uint64_t>(length, self->size - self->position);
+            std::uint64_t done = 0;
+            while (done < want) {
+                const ssize_t got = ::pread(self->fd, static_cast<char*>(data) + done, want - done,
+                                            static_cast<off_t>(self->start + self->position + done));
+                if (got < 0 && errno == EINTR)
+                    continue;
+                if (got <= 0) {
+                    zip_error_set(&self->error, ZIP_ER_READ, got < 0 ? errno : EIO);
+                    return -1;
+                }
+                done += static_cast<std::uint64_t>(got);
+            }
+            self->position += done;
+            return static_cast<zip_int64_t>(done);
+        }
+        case ZIP_SOURCE_CLOSE:
+            return 0;
+        case ZIP_SOURCE_STAT: {
+            auto* stat = ZIP_SOURCE_GET_ARGS(zip_stat_t, data, length, &self->error);
+            if (!stat)
+                return -1;
+            zip_stat_init(stat);
+            stat->size = self->size;
+            stat->valid |= ZIP_STAT_SIZE;
+            return sizeof(zip_stat_t);
+        }
+        case ZIP_SOURCE_ERROR:
+            return zip_error_to_data(&self->error, data, length);
+        case ZIP_SOURCE_FREE:
+            zip_error_fini(&self->error);
+            delete self;
+            return 0;
+        case ZIP_SOURCE_SUPPORTS:
+            return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT,
+                                                  ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, ZIP_SOURCE_SUPPORTS, -1);
+        default:
+            zip_error_set(&self->error, ZIP_ER_OPNOTSUPP, 0);
+            return -1;
+        }
+    }
+};
+
+// Appends the first `size` bytes of `from` to `to` at `at`.
+bool copyBytes(int from, std::uint64_t size, int to, std::uint64_t at)
+{
+    std::vector<char> buffer(std::min<std::uint64_t>(size, 1 << 20));
+    for (std::uint64_t done = 0; done < size;) {
+        const ssize_t got = ::pread(from, buffer.data(), std::min<std::uint64_t>(buffer.size(), size - done), static_cast<off_t>(done));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+        for (ssize_t put = 0; put < got;) {
+            const ssize_t wrote = ::pwrite(to, buffer.data() + put, static_cast<std::size_t>(got - put),
+                                           static_cast<off_t>(at + done + static_cast<std::uint64_t>(put)));
+            if (wrote < 0 && errno == EINTR)
+                continue;
+            if (wrote <= 0)
+                return false;
+            put += wrote;
+        }
+        done += static_cast<std::uint64_t>(got);
+    }
+    return true;
 }
 
 } // namespace
@@ -218,8 +317,16 @@ struct ZipEdit::Source {
     }
 };
 
-ZipEdit::ZipEdit(const ContainerAccess& access, bool missing) : m_access(access), m_source(std::make_unique<Source>())
+ZipEdit::ZipEdit(const ContainerAccess& access, bool missing, bool batched) : m_access(access), m_source(std::make_unique<Source>())
 {
+    if (batched) {
+        try {
+            m_spool = std::make_shared<Spool>(unnamedTemporaryFile());
+        } catch (const ByteStreamFailure& failure) {
+            throwProviderError(failure.getErrorCode(), access.location.getInnerIRI(), {ExceptionContext(u"spool")},
+                               fl::i18n::utf8_to_ustring_lossy(failure.what()));
+        }
+    }
     m_source->access = access;
     m_source->container = access.location.getInnerIRI();
     try {
@@ -275,33 +382,75 @@ void ZipEdit::fail(const char16_t* call) const
     throwProviderError(code, m_source->container, {ExceptionContext(call, why)}, why);
 }
 
-std::vector<ZipEdit::Match> ZipEdit::entries(const Segments& path, bool below) const
+ZipEdit::Paths& ZipEdit::paths() const
 {
-    std::vector<Match> found;
+    if (m_paths)
+        return *m_paths;
+    Paths& paths = m_paths.emplace();
     const zip_int64_t count = zip_get_num_entries(m_zip, 0);
     for (zip_int64_t i = 0; i < count; ++i) {
         const char* name = zip_get_name(m_zip, static_cast<zip_uint64_t>(i), ZIP_FL_ENC_GUESS);
         if (!name)
             continue; // removed by this change
         auto segments = entrySegments(name);
-        if (!segments || segments->empty())
-            continue;
-        if (*segments == path || (below && startsWith(*segments, path)))
-            found.push_back({static_cast<std::uint64_t>(i), std::move(*segments), std::string_view(name).ends_with('/')});
+        if (segments && !segments->empty())
+            paths[std::move(*segments)].emplace_back(static_cast<std::uint64_t>(i), std::string_view(name).ends_with('/'));
     }
+    return paths;
+}
+
+void ZipEdit::unmap(std::uint64_t index, const Segments& path)
+{
+    if (!m_paths)
+        return;
+    const auto found = m_paths->find(path);
+    if (found == m_paths->end())
+        return;
+    std::erase_if(found->second, [&](const auto& entry) { return entry.first == index; });
+    if (found->second.empty())
+        m_paths->erase(found);
+}
+
+std::vector<ZipEdit::Match> ZipEdit::entries(const Segments& path, bool below) const
+{
+    std::vector<Match> found;
+    const Paths& all = paths();
+    for (auto at = all.lower_bound(path); at != all.end() && (at->first == path || (below && startsWith(at->first, path))); ++at)
+        for (const auto& [index, folder] : at->second)
+            found.push_back({index, at->first, folder});
+    std::sort(found.begin(), found.end(), [](const Match& a, const Match& b) { return a.index < b.index; });
     return found;
 }
 
 void ZipEdit::remove(std::uint64_t index)
 {
+    const char* name = zip_get_name(m_zip, index, ZIP_FL_ENC_GUESS);
+    const auto segments = name ? entrySegments(name) : std::nullopt;
     if (zip_delete(m_zip, index) != 0)
         fail(u"zip_delete");
+    if (segments)
+        unmap(index, *segments);
 }
 
 void ZipEdit::rename(const Match& entry, const Segments& path)
 {
     if (zip_file_rename(m_zip, entry.index, entryName(path, entry.folder).c_str(), ZIP_FL_ENC_UTF_8) != 0)
         fail(u"zip_file_rename");
+    unmap(entry.index, entry.path);
+    if (m_paths)
+        (*m_paths)[path].emplace_back(entry.index, entry.folder);
+}
+
+std::uint64_t ZipEdit::added(const Segments& path, std::int64_t index, bool folder, std::uint64_t size)
+{
+    const auto at = static_cast<std::uint64_t>(index);
+    if (m_paths)
+        (*m_paths)[path].emplace_back(at, folder);
+    if (m_spool)
+        m_added.push_back({entryName(path, folder), folder, size});
+    setMode(at, folder ? S_IFDIR | 0755 : S_IFREG | 0644);
+    setTime(at, pt::microsec_clock::universal_time());
+    return at;
 }
 
 std::uint64_t ZipEdit::addFolder(const Segments& path)
@@ -309,9 +458,7 @@ std::uint64_t ZipEdit::addFolder(const Segments& path)
     const zip_int64_t index = zip_dir_add(m_zip, entryName(path, false).c_str(), ZIP_FL_ENC_UTF_8);
     if (index < 0)
         fail(u"zip_dir_add");
-    setMode(static_cast<std::uint64_t>(index), S_IFDIR | 0755);
-    setTime(static_cast<std::uint64_t>(index), pt::microsec_clock::universal_time());
-    return static_cast<std::uint64_t>(index);
+    return added(path, index, true, 0);
 }
 
 std::uint64_t ZipEdit::addFile(const Segments& path, int fd, std::uint64_t size)
@@ -319,13 +466,27 @@ std::uint64_t ZipEdit::addFile(const Segments& path, int fd, std::uint64_t size)
     zip_source_t* source = nullptr;
     if (fd < 0 || size == 0) {
         source = zip_source_buffer(m_zip, nullptr, 0, 0);
-    } else if (const int copy = ::dup(fd); copy >= 0) {
-        // libzip reads from the descriptor's offset, which the duplicate shares.
-        std::FILE* file = ::lseek(copy, 0, SEEK_SET) == 0 ? ::fdopen(copy, "rb") : nullptr;
-        if (file)
-            source = zip_source_filep(m_zip, file, 0, static_cast<zip_int64_t>(size));
-        else
-            ::close(copy);
+    } else {
+        std::shared_ptr<Spool> spool = m_spool;
+        std::uint64_t start = 0;
+        if (spool) { // the caller's descriptor is gone by the time the batch commits
+            start = spool->size;
+            if (!copyBytes(fd, size, spool->fd, start))
+                throwProviderError(errno == ENOSPC ? ErrorCode::NoSpaceLeft : ErrorCode::IOError, m_source->container,
+                                   {ExceptionContext(u"spool")}, fl::i18n::utf8_to_ustring_lossy(std::strerror(errno)));
+            spool->size += size;
+        } else if (const int copy = ::dup(fd); copy >= 0) {
+            spool = std::make_shared<Spool>(copy);
+        }
+        if (spool) {
+            auto* slice = new Slice{spool, spool->fd, start, size};
+            zip_error_init(&slice->error);
+            source = zip_source_function(m_zip, &Slice::callback, slice);
+            if (!source) {
+                zip_error_fini(&slice->error);
+                delete slice;
+            }
+        }
     }
     if (!source)
         fail(u"zip_source");
@@ -334,9 +495,7 @@ std::uint64_t ZipEdit::addFile(const Segments& path, int fd, std::uint64_t size)
         zip_source_free(source);
         fail(u"zip_file_add");
     }
-    setMode(static_cast<std::uint64_t>(index), S_IFREG | 0644);
-    setTime(static_cast<std::uint64_t>(index), pt::microsec_clock::universal_time());
-    return static_cast<std::uint64_t>(index);
+    return added(path, index, false, size);
 }
 
 void ZipEdit::setTime(std::uint64_t index, pt::ptime time)

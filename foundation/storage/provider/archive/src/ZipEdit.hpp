@@ -5,6 +5,7 @@
 #include <boost/date_time/posix_time/ptime.hpp>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,10 +28,14 @@ std::optional<boost::posix_time::ptime> recordedTime(zip_t* zip, std::uint64_t i
 // archive or the new one. Entries left alone are copied as they are stored, never recompressed.
 // Failures (a full disk included) discard the new archive and leave the old one whole; they are
 // provider Exceptions naming the container. One thread at a time.
+//
+// A batched edit gathers many changes before its one commit: it copies each added file's content
+// into a spool of its own at once, so that the caller's descriptors need not stay open, and keeps
+// a list of the entries it added for the caller's view of the changed tree.
 class ZipEdit {
 public:
     // Opens the container; `missing` says it does not exist yet (the change creates it).
-    ZipEdit(const ContainerAccess& access, bool missing);
+    ZipEdit(const ContainerAccess& access, bool missing, bool batched = false);
     ZipEdit(const ZipEdit&) = delete;
     ZipEdit& operator=(const ZipEdit&) = delete;
     ~ZipEdit();
@@ -60,17 +65,34 @@ public:
     // folders the archive only implies would vanish with their content.
     void keepFolder(const Segments& path);
 
+    struct Added {
+        std::string name; // as stored, a folder's with its trailing '/'
+        bool folder;
+        std::uint64_t size;
+    };
+    // The entries added since the last call.
+    std::vector<Added> takeAdded() { return std::exchange(m_added, {}); }
+
     // Writes the new archive when anything changed; a change that leaves no entry writes an empty
     // archive, as does `createEmpty` for a container that is missing.
     void commit(bool createEmpty = false);
 
 private:
     struct Source;
+    struct Spool;
     [[noreturn]] void fail(const char16_t* call) const;
+    // Entry indexes by cleaned path, with whether the entry is a folder; built on first use.
+    using Paths = std::map<Segments, std::vector<std::pair<std::uint64_t, bool>>>;
+    Paths& paths() const;
+    void unmap(std::uint64_t index, const Segments& path);
+    std::uint64_t added(const Segments& path, std::int64_t index, bool folder, std::uint64_t size);
 
     ContainerAccess m_access;
     std::unique_ptr<Source> m_source;
     zip_t* m_zip = nullptr;
+    mutable std::optional<Paths> m_paths;
+    std::shared_ptr<Spool> m_spool; // batched only
+    std::vector<Added> m_added;
 };
 
 } // namespace foundation::storage::provider::archive::detail

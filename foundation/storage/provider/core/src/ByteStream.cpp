@@ -86,7 +86,8 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
     // Every write goes to the end: a target that knows no write will come back can send what it
     // has while the copy goes on (an object store's multipart upload).
     const std::unique_ptr<TransactionalByteStream> out =
-        target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 0});
+        target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 0,
+                                                                 options.durable ? 1u : 0u});
     const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, copyBufferSize)));
     if (!buffer)
         throw std::bad_alloc();

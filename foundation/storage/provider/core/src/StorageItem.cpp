@@ -52,6 +52,7 @@ extensions::IInvalidatable::~IInvalidatable() = default;
 extensions::IFlushableFilesystem::~IFlushableFilesystem() = default;
 extensions::IFolderModeKeeping::~IFolderModeKeeping() = default;
 extensions::ILinkKeeping::~ILinkKeeping() = default;
+extensions::IChangeBatching::~IChangeBatching() = default;
 
 StorageItem::StorageItem(std::shared_ptr<IProvider> provider, StorageIRI location)
     : m_provider(std::move(provider)), m_location(std::move(location))

@@ -164,8 +164,9 @@ private:
 class LocalTransactionalStream final : public TransactionalByteStream {
 public:
     LocalTransactionalStream(FileDescriptor folder, std::string name, std::unique_ptr<TemporaryFile> temporary,
-                             Positioned file)
-        : m_folder(std::move(folder)), m_name(std::move(name)), m_temporary(std::move(temporary)), m_file(std::move(file))
+                             Positioned file, bool durable)
+        : m_folder(std::move(folder)), m_name(std::move(name)), m_temporary(std::move(temporary)), m_file(std::move(file)),
+          m_durable(durable)
     {
     }
 
@@ -181,13 +182,14 @@ public:
         m_file.usable(StreamOperation::Close, true, "close");
         if (policy == StreamClosePolicy::Commit) {
             const int fd = m_file.file().get();
-            if (::fsync(fd) != 0)
+            if (m_durable && ::fsync(fd) != 0)
                 throwPosixStreamError(StreamOperation::Close, errno, "fsync", m_file.location());
             if (::renameat(m_folder.get(), m_temporary->name().c_str(), m_folder.get(), m_name.c_str()) != 0)
                 throwPosixStreamError(StreamOperation::Close, errno, "renameat", m_file.location());
             m_temporary->published();
             // The new name is durable only once the folder is.
-            ::fsync(m_folder.get());
+            if (m_durable)
+                ::fsync(m_folder.get());
         } else if (policy != StreamClosePolicy::Discard) {
             throwPosixStreamError(StreamOperation::Close, EINVAL, "close", m_file.location(), ErrorCode::InvalidLocation);
         }
@@ -200,6 +202,7 @@ private:
     std::string m_name;
     std::unique_ptr<TemporaryFile> m_temporary; // unlinked on destruction unless published
     Positioned m_file;                          // a duplicate of the temporary's descriptor
+    bool m_durable;
 };
 
 struct stat openedStat(int fd, const StorageIRI& location)
@@ -313,7 +316,7 @@ std::unique_ptr<TransactionalByteStream> openTransactionalStream(const StorageIR
     temporary->close();
     Positioned file(std::move(own), location, readable, true, append);
     return std::make_unique<LocalTransactionalStream>(std::move(folder), lastNameOf(path), std::move(temporary),
-                                                      std::move(file));
+                                                      std::move(file), options.durable != 0);
 }
 
 } // namespace foundation::storage::provider::local::detail

@@ -59,6 +59,28 @@ unsigned transfersBetween(const Folder& source, const Folder& target)
     return std::clamp<unsigned>(std::max(of(source), of(target)), 1, 64);
 }
 
+// Runs `copy` inside a batch of changes on the destination's storage when it gathers changes: what
+// the copy did becomes durable when the batch ends, also after a failure, which is reported then.
+template <class Copy>
+void inBatch(const Folder& destination, Copy&& copy)
+{
+    const provider::StorageItem& item = HandleAccess::liveItem(destination);
+    const auto* batching = dynamic_cast<const provider::extensions::IChangeBatching*>(item.getProvider().get());
+    if (!batching)
+        return copy();
+    translated([&] { batching->beginBatch(item.getLocation()); });
+    try {
+        copy();
+    } catch (...) {
+        try {
+            translated([&] { batching->endBatch(item.getLocation()); });
+        } catch (...) { // the copy's own failure is the one reported
+        }
+        throw;
+    }
+    translated([&] { batching->endBatch(item.getLocation()); });
+}
+
 bool isLink(provider::ExistenceTypeExtended kind) noexcept
 {
     using Kind = provider::ExistenceTypeExtended;
@@ -218,6 +240,8 @@ FolderVisitResult FolderCopyVisitor::report()
         m_stopped = true;
     return m_stopped ? FolderVisitResult::Stop : FolderVisitResult::Continue;
 }
+
+void FolderCopyVisitor::abandon() { m_queue.reset(); }
 
 void FolderCopyVisitor::finish()
 {
@@ -489,8 +513,15 @@ bool copyTree(const Folder& source, const Folder& destination, ReplacementPolicy
         refuseIntoItself(target);
     FolderCopyVisitor visitor(destination, policy, observer, forMove, transfersBetween(source, destination), links,
                               boundary);
-    walkFolder(source, visitor);
-    visitor.finish();
+    inBatch(destination, [&] {
+        try {
+            walkFolder(source, visitor);
+            visitor.finish();
+        } catch (...) {
+            visitor.abandon(); // no copy runs on once the batch ends
+            throw;
+        }
+    });
     if (visitor.stopped() && !destination.folderExists())
         return false; // stopped before the first folder was made
     if (forMove)

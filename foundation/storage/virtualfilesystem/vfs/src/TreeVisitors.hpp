@@ -41,6 +41,8 @@ public:
 
     // Waits for the file copies under way; rethrows the first that failed.
     void finish();
+    // Drops the queued copies and waits for the running ones (after a failure).
+    void abandon();
 
     // Permission failures put aside under MergeCollectingFailures, in the order met.
     const std::vector<Exception>& collected() const noexcept { return m_collected; }

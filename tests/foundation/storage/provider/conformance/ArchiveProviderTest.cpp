@@ -6,6 +6,7 @@
 
 #include <KitPrelude.hpp>
 
+#include <foundation/storage/provider/decorators/CallCountingProvider.hpp>
 #include <foundation/storage/provider/decorators/FaultInjectingProvider.hpp>
 
 namespace {
@@ -225,6 +226,47 @@ TEST(ArchiveProviderTest, ZipChangesCommitWholeOrLeaveTheOldArchive)
     faulty->createFolder(StorageIRI(u"mem://box/folder"));
     EXPECT_TRUE(failsWith([&] { s.zip->createFile(StorageIRI(u"zip:mem://box/folder!/f")); }, ErrorCode::ResourceNotFound,
                           StorageIRI(u"mem://box/folder"), "container"));
+}
+
+// A batch writes the archive once, when it ends; until then readers see the old archive. A change
+// of the batch that fails leaves the others in it; a batch whose commit fails leaves the old archive.
+TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
+{
+    auto faulty = std::make_shared<provider::decorators::FaultInjectingProvider>(provider::memory::makeMemoryProvider());
+    auto counted = std::make_shared<provider::decorators::CallCountingProvider>(faulty);
+    Storages s(counted);
+    const StorageIRI container(u"mem://box/b.zip"), root(u"zip", container, u"/");
+    storeBytes(*faulty, container, makeArchive({{"old", "old"}}));
+    const auto& batching = dynamic_cast<const provider::extensions::IChangeBatching&>(*s.zip);
+    using Op = provider::decorators::ProviderOperation;
+    for (const bool commitFails : {false, true}) {
+        SCOPED_TRACE(commitFails ? "the commit fails" : "the commit succeeds");
+        const ustring folder = commitFails ? u"/e" : u"/d";
+        counted->reset();
+        batching.beginBatch(root);
+        s.zip->createFolder(StorageIRI(root, folder));
+        for (const ustring name : {u"/1", u"/2"})
+            storeBytes(*s.zip, StorageIRI(root, folder + name), "new");
+        EXPECT_TRUE(failsWith([&] { s.zip->openTransactionalStream(StorageIRI(root, u"/none/x"), {}); }, ErrorCode::ResourceNotFound,
+                              StorageIRI(root, u"/none/x")));
+        s.zip->setLastModified(StorageIRI(root, folder), boost::posix_time::from_time_t(1'000'000'000));
+        EXPECT_EQ(s.zip->exists(StorageIRI(root, folder)), provider::ExistenceType::NotFound) << "readers see the old archive";
+        EXPECT_EQ(s.read(StorageIRI(root, u"/old")), "old");
+        EXPECT_EQ(counted->count(Op::OpenTransactionalStream), 0u);
+        const auto fault = commitFails ? faulty->addFault({Op::StreamClose, container, ErrorCode::IOError,
+                                                           provider::decorators::FaultInjectingProvider::Trigger::Once})
+                                       : 0;
+        if (commitFails)
+            EXPECT_TRUE(failsWith([&] { batching.endBatch(root); }, ErrorCode::IOError, container));
+        else
+            batching.endBatch(root);
+        faulty->removeFault(fault);
+        EXPECT_EQ(counted->count(Op::OpenTransactionalStream), 1u) << "one write of the archive";
+        EXPECT_EQ(s.zip->exists(StorageIRI(root, folder + u"/2")), commitFails ? provider::ExistenceType::NotFound : provider::ExistenceType::File);
+        EXPECT_EQ(s.read(StorageIRI(root, u"/old")), "old");
+    }
+    EXPECT_EQ(s.read(StorageIRI(root, u"/d/1")), "new");
+    EXPECT_EQ(s.zip->getFolderAttributes(StorageIRI(root, u"/d")).getLastModified(), boost::posix_time::from_time_t(1'000'000'000));
 }
 
 TEST(ArchiveProviderTest, OneIndexServesManyThreadsWhileTheContainerChanges)

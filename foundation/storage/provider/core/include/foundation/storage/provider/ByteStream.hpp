@@ -33,6 +33,7 @@ struct ByteStreamOpenOptions {
     ByteStreamCreation creation = ByteStreamCreation::CreateIfMissing;
     std::uint32_t keepContent = 1;     // 0: the file is emptied when opened
     std::uint32_t writeAtPosition = 1; // 0: every write goes to the end of the file
+    std::uint32_t durable = 1;         // 0: a transactional stream's commit need not reach the disk before it returns
     friend bool operator==(const ByteStreamOpenOptions&, const ByteStreamOpenOptions&) = default;
 };
 

@@ -342,6 +342,22 @@ public:
     virtual void createLink(const StorageIRI& location, const fl::ustring& target, bool replace) const = 0;
 };
 
+// A provider that can gather many changes of one storage unit (an archive, say) and make them
+// durable together, where making each durable on its own would rewrite the whole unit every time.
+// A tree copy opens a batch on its destination before its first change and ends it after its last.
+// While a batch is open, the changes at and below `location` that the provider can gather take
+// effect together when the batch ends; readers see the state from before the batch until then.
+// Batches on one unit nest: the last to end commits. A crash during a batch loses its changes and
+// leaves the unit as it was.
+class VFS_EXPORT IChangeBatching {
+public:
+    virtual ~IChangeBatching();
+    virtual void beginBatch(const StorageIRI& location) const = 0;
+    // Ends the batch begun at `location` and makes its changes durable; fails as a change would
+    // (the changes are then lost). Called exactly once for each beginBatch().
+    virtual void endBatch(const StorageIRI& location) const = 0;
+};
+
 } // namespace extensions
 
 } // namespace foundation::storage::provider
