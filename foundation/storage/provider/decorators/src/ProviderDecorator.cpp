@@ -94,6 +94,18 @@ void ProviderDecorator::createLink(const StorageIRI& location, const fl::ustring
     keeping.createLink(location, target, replace);
 }
 
+void ProviderDecorator::beginBatch(const StorageIRI& location) const
+{
+    if (const auto* batching = dynamic_cast<const extensions::IChangeBatching*>(m_wrapped.get()))
+        batching->beginBatch(location);
+}
+
+void ProviderDecorator::endBatch(const StorageIRI& location) const
+{
+    if (const auto* batching = dynamic_cast<const extensions::IChangeBatching*>(m_wrapped.get()))
+        batching->endBatch(location);
+}
+
 void ProviderDecorator::before(ProviderOperation, const StorageIRI&) const {}
 
 #define VFS_PROVIDER_DECORATOR_FORWARD(Enumerator, name, Result, Parameters, Arguments)                               \

@@ -22,7 +22,8 @@ namespace foundation::storage::provider::decorators {
 // The optional interfaces (extensions::IInvalidatable, extensions::IFlushableFilesystem,
 // extensions::IFolderModeKeeping) are passed through to the wrapped provider when it has them; when
 // it has not they do nothing (a folder is then made by createFolder()), so a decorated provider
-// offers exactly what the wrapped one does. A folder made like another counts as a CreateFolder.
+// offers exactly what the wrapped one does; extensions::IChangeBatching likewise (without it, every
+// change is durable on its own). A folder made like another counts as a CreateFolder.
 // extensions::ILinkKeeping is passed through too; over a provider without it, it fails with
 // UnsupportedOperation. A link read counts as an ExistsExtended, a link made as a CreateFile.
 class VFS_EXPORT ProviderDecorator : public IProvider,
@@ -30,6 +31,7 @@ class VFS_EXPORT ProviderDecorator : public IProvider,
                                      public extensions::IFlushableFilesystem,
                                      public extensions::IFolderModeKeeping,
                                      public extensions::ILinkKeeping,
+                                     public extensions::IChangeBatching,
                                      public std::enable_shared_from_this<ProviderDecorator> {
 public:
     // Throws std::invalid_argument when `wrapped` is null.
@@ -46,6 +48,8 @@ public:
     void finishFolderLike(const StorageIRI& location, const StorageIRI& model) const override;
     fl::ustring readLink(const StorageIRI& location) const override;
     void createLink(const StorageIRI& location, const fl::ustring& target, bool replace) const override;
+    void beginBatch(const StorageIRI& location) const override;
+    void endBatch(const StorageIRI& location) const override;
 
 protected:
     // Called before each operation is forwarded; may throw to make the operation fail.
