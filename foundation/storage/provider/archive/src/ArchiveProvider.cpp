@@ -757,7 +757,7 @@ private:
         bool created = false;
         const int spool = spoolFor(location, options, std::nullopt, created);
         auto stream = detail::makeEntryWriteStream(
-            spool, options, transactional, settings().expansionLimitBytes,
+            location, spool, options, transactional, settings().expansionLimitBytes,
             [self = shared_from_this(), location](int fd, std::uint64_t size) { self->storeEntry(location, fd, size); });
         // A plain stream's file is there (or emptied) from the moment it opens, as on a disk.
         if (!transactional && created)

@@ -1,5 +1,7 @@
 #include "EntryStream.hpp"
 
+#include <foundation/storage/provider/PosixError.hpp>
+
 #include <fl/i18n/ustring.hpp>
 
 #include <algorithm>
@@ -126,14 +128,8 @@ public:
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override
     {
         checkOpen(StreamOperation::Seek);
-        const std::streamoff base = way == std::ios_base::beg   ? 0
-                                    : way == std::ios_base::cur ? static_cast<std::streamoff>(m_position)
-                                                                : static_cast<std::streamoff>(m_size);
-        if (base + off < 0)
-            throwByteStreamFailure(StreamOperation::Seek, "a position before the start", ErrorCode::InvalidLocation,
-                                   {ExceptionContext(u"seek")});
-        m_position = static_cast<std::uint64_t>(base + off);
-        return static_cast<std::streampos>(base + off);
+        m_position = seekTarget(m_position, m_size, off, way, m_location);
+        return static_cast<std::streamoff>(m_position);
     }
 
     void flush() override { checkOpen(StreamOperation::Flush); }
@@ -254,8 +250,9 @@ void writeAt(int fd, const char* data, std::size_t n, std::uint64_t offset, Stre
 
 class EntryWriteStream final : public TransactionalByteStream {
 public:
-    EntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional, std::uint64_t limit, EntryCommit commit)
-        : m_fd(spool), m_options(options), m_transactional(transactional), m_limit(limit), m_commit(std::move(commit))
+    EntryWriteStream(StorageIRI location, int spool, ByteStreamOpenOptions options, bool transactional, std::uint64_t limit,
+                     EntryCommit commit)
+        : m_location(std::move(location)), m_fd(spool), m_options(options), m_transactional(transactional), m_limit(limit), m_commit(std::move(commit))
     {
         const off_t end = ::lseek(m_fd, 0, SEEK_END);
         m_size = end > 0 ? static_cast<std::uint64_t>(end) : 0;
@@ -313,14 +310,8 @@ public:
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override
     {
         check(StreamOperation::Seek);
-        const std::streamoff base = way == std::ios_base::beg   ? 0
-                                    : way == std::ios_base::cur ? static_cast<std::streamoff>(m_position)
-                                                                : static_cast<std::streamoff>(m_size);
-        if (base + off < 0)
-            throwByteStreamFailure(StreamOperation::Seek, "a position before the start", ErrorCode::InvalidLocation,
-                                   {ExceptionContext(u"seek")});
-        m_position = static_cast<std::uint64_t>(base + off);
-        return static_cast<std::streampos>(base + off);
+        m_position = seekTarget(m_position, m_size, off, way, m_location);
+        return static_cast<std::streamoff>(m_position);
     }
 
     void flush() override
@@ -369,6 +360,7 @@ private:
         }
     }
 
+    StorageIRI m_location;
     int m_fd;
     ByteStreamOpenOptions m_options;
     bool m_transactional;
@@ -407,10 +399,11 @@ int spoolEntry(EntryReader* reader, std::uint64_t size)
     return fd;
 }
 
-std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional,
+std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(StorageIRI location, int spool, ByteStreamOpenOptions options,
+                                                              bool transactional,
                                                               std::uint64_t limit, EntryCommit commit)
 {
-    return std::make_unique<EntryWriteStream>(spool, options, transactional, limit, std::move(commit));
+    return std::make_unique<EntryWriteStream>(std::move(location), spool, options, transactional, limit, std::move(commit));
 }
 
 std::unique_ptr<ByteStream> makeEntryStream(StorageIRI location, std::uint64_t size,

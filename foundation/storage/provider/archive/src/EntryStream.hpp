@@ -29,11 +29,11 @@ int spoolEntry(EntryReader* reader, std::uint64_t size);
 // Stores the first `size` bytes of the descriptor `fd` as the entry, whole.
 using EntryCommit = std::function<void(int fd, std::uint64_t size)>;
 
-// A writable stream on one entry, spooled in the descriptor `spool` (taken over, holding the content
+// A writable stream on the entry at `location`, spooled in the descriptor `spool` (taken over, holding the content
 // the stream starts with). A transactional stream stores its content on close(Commit) only; a plain
 // one at flush() and close(), and when destroyed with unstored writes. Writes that would make the
 // entry larger than `limit` fail with NoSpaceLeft.
-std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(int spool, ByteStreamOpenOptions options, bool transactional,
-                                                              std::uint64_t limit, EntryCommit commit);
+std::unique_ptr<TransactionalByteStream> makeEntryWriteStream(StorageIRI location, int spool, ByteStreamOpenOptions options,
+                                                              bool transactional, std::uint64_t limit, EntryCommit commit);
 
 } // namespace foundation::storage::provider::archive::detail

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 namespace foundation::storage::provider {
@@ -225,6 +226,21 @@ void throwPosixStreamError(StreamOperation operation, int error, const char* cal
     const Exception failure = posixError(error, call, location);
     throwByteStreamFailure(operation, fl::i18n::ustring_to_utf8_lossy(location.toString() + u": " + failure.getMessage()),
                            code.value_or(failure.getErrorCode()), failure.getAllExceptionContexts());
+}
+
+std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way,
+                         const StorageIRI& location)
+{
+    std::int64_t base = 0;
+    if (way == std::ios_base::cur)
+        base = static_cast<std::int64_t>(position);
+    else if (way == std::ios_base::end)
+        base = static_cast<std::int64_t>(size);
+    else if (way != std::ios_base::beg)
+        throwPosixStreamError(StreamOperation::Seek, EINVAL, "seek", location);
+    if ((off > 0 && base > std::numeric_limits<std::int64_t>::max() - off) || base + off < 0)
+        throwPosixStreamError(StreamOperation::Seek, EINVAL, "seek", location);
+    return static_cast<std::uint64_t>(base + off);
 }
 
 } // namespace foundation::storage::provider

@@ -11,22 +11,6 @@ namespace foundation::storage::provider::memory::detail {
 
 namespace {
 
-// The position arithmetic both stream kinds share.
-std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way,
-                         const StorageIRI& location)
-{
-    std::int64_t base = 0;
-    if (way == std::ios_base::cur)
-        base = static_cast<std::int64_t>(position);
-    else if (way == std::ios_base::end)
-        base = static_cast<std::int64_t>(size);
-    else if (way != std::ios_base::beg)
-        throwPosixStreamError(StreamOperation::Seek, EINVAL, "seek", location);
-    if ((off > 0 && base > std::numeric_limits<std::int64_t>::max() - off) || base + off < 0)
-        throwPosixStreamError(StreamOperation::Seek, EINVAL, "seek", location);
-    return static_cast<std::uint64_t>(base + off);
-}
-
 // State and checks both stream kinds share.
 class StreamBase {
 protected:

@@ -108,13 +108,9 @@ public:
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way)
     {
         usable(StreamOperation::Seek, true);
-        const std::int64_t base = way == std::ios_base::beg   ? 0
-                                  : way == std::ios_base::cur ? static_cast<std::int64_t>(m_position)
-                                                              : static_cast<std::int64_t>(size(StreamOperation::Seek));
-        if (base + off < 0)
-            throwByteStreamFailure(StreamOperation::Seek, text() + ": a position before the start", ErrorCode::InvalidLocation,
-                                   {ExceptionContext(u"seek"), ExceptionContext(u"EINVAL")});
-        m_position = static_cast<std::uint64_t>(base + off);
+        // The size costs a round trip: asked for only when the seek is from the end.
+        const std::uint64_t size = way == std::ios_base::end ? this->size(StreamOperation::Seek) : 0;
+        m_position = seekTarget(m_position, size, off, way, m_location);
         return static_cast<std::streamoff>(m_position);
     }
 

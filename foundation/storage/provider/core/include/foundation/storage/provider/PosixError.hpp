@@ -29,4 +29,10 @@ VFS_EXPORT Exception posixError(int error, const char* call, const StorageIRI& l
                                                    const StorageIRI& location,
                                                    std::optional<ErrorCode> code = std::nullopt);
 
+// Where a seek by `off` from `way` lands, for a stream at `position` in a file of `size` bytes (only
+// read for std::ios_base::end). A position before the start, or beyond what a position can hold,
+// fails as the seek would natively (EINVAL) naming `location`.
+VFS_EXPORT std::uint64_t seekTarget(std::uint64_t position, std::uint64_t size, std::streamoff off, std::ios_base::seekdir way,
+                                    const StorageIRI& location);
+
 } // namespace foundation::storage::provider
