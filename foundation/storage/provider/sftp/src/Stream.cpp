@@ -43,23 +43,24 @@ public:
         if (n <= 0)
             return 0;
         writeOut(StreamOperation::Read);
-        if (m_position < m_readStart || m_position >= m_readStart + m_read.size()) {
-            m_read.resize(requestSize());
+        if (m_position < m_readStart || m_position >= m_readStart + m_readLength) {
+            // Sized once: growing it back after each short answer would clear the new bytes.
+            if (m_read.size() < requestBytes)
+                m_read.resize(requestBytes);
+            m_readLength = 0;
             m_readStart = m_position;
             place(m_position);
             // libssh2 answers what has arrived and keeps the rest of a large request in flight.
-            const ssize_t got = ::libssh2_sftp_read(m_handle.get(), m_read.data(), m_read.size());
-            if (got < 0) {
-                m_read.clear();
+            const ssize_t got = ::libssh2_sftp_read(m_handle.get(), m_read.data(), requestSize());
+            if (got < 0)
                 m_lease->failStream(StreamOperation::Read, "sftp_read", m_location);
-            }
-            m_read.resize(static_cast<std::size_t>(got));
+            m_readLength = static_cast<std::size_t>(got);
             m_handlePosition += static_cast<std::uint64_t>(got);
             if (got == 0)
                 return -1;
         }
         const auto offset = static_cast<std::size_t>(m_position - m_readStart);
-        const auto count = std::min(static_cast<std::size_t>(n), m_read.size() - offset);
+        const auto count = std::min(static_cast<std::size_t>(n), m_readLength - offset);
         std::copy_n(m_read.data() + offset, count, s);
         m_position += count;
         return static_cast<std::streamsize>(count);
@@ -70,7 +71,7 @@ public:
     std::streamsize write(const char* s, std::streamsize n)
     {
         usable(StreamOperation::Write, m_writable);
-        m_read.clear();
+        m_readLength = 0;
         if (m_append) {
             writeOut(StreamOperation::Write);
             m_position = size(StreamOperation::Write);
@@ -91,18 +92,18 @@ public:
     {
         if (m_write.empty())
             return;
-        std::vector<char> pending;
-        pending.swap(m_write);
         place(m_writeStart);
-        for (std::size_t done = 0; done < pending.size();) {
-            const ssize_t put = ::libssh2_sftp_write(m_handle.get(), pending.data() + done, pending.size() - done);
+        for (std::size_t done = 0; done < m_write.size();) {
+            const ssize_t put = ::libssh2_sftp_write(m_handle.get(), m_write.data() + done, m_write.size() - done);
             if (put < 0) {
+                m_write.clear(); // what failed is not sent again
                 m_handlePosition = ~std::uint64_t{0};
                 m_lease->failStream(operation, "sftp_write", m_location);
             }
             done += static_cast<std::size_t>(put);
             m_handlePosition += static_cast<std::uint64_t>(put);
         }
+        m_write.clear(); // keeps its capacity for the next bytes
     }
 
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way)
@@ -170,7 +171,8 @@ public:
     bool m_closed = false;
     std::uint64_t m_position = 0;
     std::uint64_t m_handlePosition = 0; // where libssh2's own offset of the handle stands
-    std::vector<char> m_read;           // bytes from m_readStart on, already received
+    std::vector<char> m_read;           // its first m_readLength bytes: from m_readStart on, received
+    std::size_t m_readLength = 0;
     std::uint64_t m_readStart = 0;
     std::vector<char> m_write;          // bytes for m_writeStart on, not sent yet
     std::uint64_t m_writeStart = 0;
