@@ -79,7 +79,7 @@ public:
     }
 
     // Gathered into requests of requestBytes; a write that does not continue the gathered bytes
-    // sends them first.
+    // waits for them to be acknowledged first.
     std::streamsize write(const char* s, std::streamsize n)
     {
         usable(StreamOperation::Write, m_writable);
@@ -88,35 +88,19 @@ public:
             writeOut(StreamOperation::Write);
             m_position = size(StreamOperation::Write);
         }
-        if (!m_write.empty() && m_position != m_writeStart + m_write.size())
+        if (unacknowledged() != 0 && m_position != m_writeStart + unacknowledged())
             writeOut(StreamOperation::Write);
-        if (m_write.empty())
+        if (unacknowledged() == 0)
             m_writeStart = m_position;
         m_write.insert(m_write.end(), s, s + n);
         m_position += static_cast<std::uint64_t>(n);
-        if (m_write.size() >= requestBytes)
-            writeOut(StreamOperation::Write);
+        if (m_write.size() - m_writeFrom - m_inFlight >= requestBytes)
+            send(StreamOperation::Write, false);
         return n;
     }
 
-    // Sends the gathered bytes; libssh2 keeps the packets of one large write in flight together.
-    void writeOut(StreamOperation operation)
-    {
-        if (m_write.empty())
-            return;
-        place(m_writeStart);
-        for (std::size_t done = 0; done < m_write.size();) {
-            const ssize_t put = ::libssh2_sftp_write(m_handle.get(), m_write.data() + done, m_write.size() - done);
-            if (put < 0) {
-                m_write.clear(); // what failed is not sent again
-                m_handlePosition = ~std::uint64_t{0};
-                m_lease->failStream(operation, "sftp_write", m_location);
-            }
-            done += static_cast<std::size_t>(put);
-            m_handlePosition += static_cast<std::uint64_t>(put);
-        }
-        m_write.clear(); // keeps its capacity for the next bytes
-    }
+    // Every byte written, acknowledged by the server.
+    void writeOut(StreamOperation operation) { send(operation, true); }
 
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way)
     {
@@ -186,10 +170,47 @@ public:
     std::vector<char> m_read;           // its first m_readLength bytes: from m_readStart on, received
     std::size_t m_readLength = 0;
     std::uint64_t m_readStart = 0;
-    std::vector<char> m_write;          // bytes for m_writeStart on, not sent yet
+    std::vector<char> m_write;          // from m_writeFrom on: the bytes from m_writeStart on, not acknowledged
+    std::size_t m_writeFrom = 0;
+    std::size_t m_inFlight = 0;         // of those, the first ones libssh2 has sent
     std::uint64_t m_writeStart = 0;
 
 private:
+    std::size_t unacknowledged() const noexcept { return m_write.size() - m_writeFrom; }
+
+    // Hands what is gathered to libssh2, which sends it as packets in flight together and answers
+    // how much of it the server has acknowledged (what is sent but not acknowledged must start the
+    // next call's buffer again). Writing goes on while up to maxInFlight bytes are in flight, so
+    // the stream of packets does not stop at each request's end; `drain` waits for every answer.
+    void send(StreamOperation operation, bool drain)
+    {
+        constexpr std::size_t maxInFlight = 4 * requestBytes;
+        if (unacknowledged() == 0)
+            return;
+        place(m_writeStart); // nothing in flight moves libssh2's offset: it stands at m_writeStart
+        do {
+            const ssize_t put = ::libssh2_sftp_write(m_handle.get(), m_write.data() + m_writeFrom, unacknowledged());
+            if (put < 0) {
+                m_write.clear(); // what failed is not sent again
+                m_writeFrom = m_inFlight = 0;
+                m_handlePosition = ~std::uint64_t{0};
+                m_lease->failStream(operation, "sftp_write", m_location);
+            }
+            const auto acknowledged = static_cast<std::size_t>(put);
+            m_inFlight = unacknowledged() - acknowledged;
+            m_writeFrom += acknowledged;
+            m_writeStart += acknowledged;
+            m_handlePosition += acknowledged;
+        } while (unacknowledged() > (drain ? 0 : maxInFlight));
+        if (unacknowledged() == 0) {
+            m_write.clear(); // keeps its capacity for the next bytes
+            m_writeFrom = m_inFlight = 0;
+        } else if (m_writeFrom >= m_write.size() / 2) {
+            m_write.erase(m_write.begin(), m_write.begin() + static_cast<std::ptrdiff_t>(m_writeFrom));
+            m_writeFrom = 0;
+        }
+    }
+
     // libssh2 sends a read as packets for the whole request at once: asking 1 MiB of a 100-byte
     // file costs 32 packets each way. So a file whose size is known is asked for what remains
     // (and one packet's worth to find its end, or what it has grown by).
