@@ -773,7 +773,8 @@ private:
 
     detail::ContainerAccess accessTo(const StorageIRI& location) const
     {
-        return {m_format, location, m_resolve, settings().passphrase};
+        const ArchiveProviderOptions options = settings();
+        return {m_format, location, m_resolve, options.passphrase, options.expansionLimitBytes};
     }
 
     [[noreturn]] static void refuseSetting(const std::string& key, const std::string& expected)

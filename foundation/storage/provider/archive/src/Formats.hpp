@@ -46,6 +46,8 @@ struct ContainerAccess {
     StorageIRI location; // a location inside the archive (its inner IRI names the container)
     ProviderResolver resolve;
     std::string passphrase;
+    // No entry, nor a decompressed copy of a whole compressed tar, takes more bytes than this.
+    std::uint64_t expansionLimit = 0;
 };
 
 // Reads the container's directory (zip) or headers (tar). Failures are provider Exceptions naming

@@ -85,14 +85,22 @@ TEST(ArchiveProviderTest, BadContainersFailNamingTheContainerAndBombsStopAtTheLi
     EXPECT_TRUE(failsWith([&] { s.zip->getFileAttributes(StorageIRI(u"zip:mem://box/none!/f")); }, ErrorCode::ResourceNotFound,
                           StorageIRI(u"mem://box/none"), "container"));
 
-    const StorageIRI bomb(u"zip", s.put(u"bomb.zip", makeArchive({{"zeros", std::string(1 << 20, '\0')}})), u"/zeros");
+    // The tar.gz expands beyond the limit as a whole too: its entries are read without a
+    // decompressed copy of it.
+    const std::vector<ArchiveItem> bombEntries{{"small", "small"}, {"zeros", std::string(1 << 20, '\0')}};
     boost::property_tree::ptree limit;
     limit.put("expansionLimitBytes", "65536");
     s.zip->configure(limit);
-    EXPECT_TRUE(failsWith([&] { s.zip->openReadOnlyStream(bomb); }, ErrorCode::NoSpaceLeft, bomb, "expansion-limit"));
-    const StorageIRI target(u"mem://out/zeros");
-    EXPECT_TRUE(failsWith([&] { s.zip->copyFile(bomb, *s.memory, target, {}); }, ErrorCode::NoSpaceLeft, bomb));
-    EXPECT_EQ(s.memory->exists(target), provider::ExistenceType::NotFound);
+    s.tar->configure(limit);
+    for (const Kind kind : {Kind::Zip, Kind::Tar}) {
+        const bool zip = kind == Kind::Zip;
+        const StorageIRI root(zip ? u"zip" : u"tar", s.put(u"bomb", makeArchive(bombEntries, {kind, zip ? "deflate" : "gzip", {}})), u"/");
+        const StorageIRI bomb(root, u"zeros"), target(u"mem://out/zeros");
+        EXPECT_TRUE(failsWith([&] { (zip ? s.zip : s.tar)->openReadOnlyStream(bomb); }, ErrorCode::NoSpaceLeft, bomb, "expansion-limit"));
+        EXPECT_TRUE(failsWith([&] { (zip ? s.zip : s.tar)->copyFile(bomb, *s.memory, target, {}); }, ErrorCode::NoSpaceLeft, bomb));
+        EXPECT_EQ(s.memory->exists(target), provider::ExistenceType::NotFound);
+        EXPECT_EQ(s.read(StorageIRI(root, u"small")), "small");
+    }
 }
 
 TEST(ArchiveProviderTest, EncryptedEntriesNeedThePassphrase)
