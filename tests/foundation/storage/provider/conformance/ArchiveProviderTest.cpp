@@ -247,14 +247,17 @@ TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
     storeBytes(*faulty, container, makeArchive({{"old", "old"}}));
     const auto& batching = dynamic_cast<const provider::extensions::IChangeBatching&>(*s.zip);
     using Op = provider::decorators::ProviderOperation;
+    // Deflated on other threads while the batch goes on: small, random and repetitive contents.
+    const std::string contents[] = {"new", randomBytes(300000, 7), std::string(500000, 'x'), randomBytes(9000, 8) + std::string(90000, 'y')};
+    const auto name = [](std::size_t i) { return u"/" + ustring(1, static_cast<char16_t>(u'1' + i)); };
     for (const bool commitFails : {false, true}) {
         SCOPED_TRACE(commitFails ? "the commit fails" : "the commit succeeds");
         const ustring folder = commitFails ? u"/e" : u"/d";
         counted->reset();
         batching.beginBatch(root);
         s.zip->createFolder(StorageIRI(root, folder));
-        for (const ustring name : {u"/1", u"/2"})
-            storeBytes(*s.zip, StorageIRI(root, folder + name), "new");
+        for (std::size_t i = 0; i < std::size(contents); ++i)
+            storeBytes(*s.zip, StorageIRI(root, folder + name(i)), contents[i]);
         EXPECT_TRUE(failsWith([&] { s.zip->openTransactionalStream(StorageIRI(root, u"/none/x"), {}); }, ErrorCode::ResourceNotFound,
                               StorageIRI(root, u"/none/x")));
         s.zip->setLastModified(StorageIRI(root, folder), boost::posix_time::from_time_t(1'000'000'000));
@@ -273,7 +276,8 @@ TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
         EXPECT_EQ(s.zip->exists(StorageIRI(root, folder + u"/2")), commitFails ? provider::ExistenceType::NotFound : provider::ExistenceType::File);
         EXPECT_EQ(s.read(StorageIRI(root, u"/old")), "old");
     }
-    EXPECT_EQ(s.read(StorageIRI(root, u"/d/1")), "new");
+    for (std::size_t i = 0; i < std::size(contents); ++i)
+        EXPECT_EQ(s.read(StorageIRI(root, u"/d" + name(i))), contents[i]);
     EXPECT_EQ(s.zip->getFolderAttributes(StorageIRI(root, u"/d")).getLastModified(), boost::posix_time::from_time_t(1'000'000'000));
 }
 
