@@ -240,6 +240,9 @@ struct ZipEdit::Deflater {
         int fd;
         std::shared_ptr<Deflated> file;
     };
+    // An arena of the deflater's own: a caller waiting in it deflates files, and runs no task of
+    // whatever arena it came from (which could enter it again).
+    tbb::task_arena arena;
     tbb::task_group group;
     std::atomic<unsigned> waiting{0};
     std::vector<std::shared_ptr<Deflated>> files;
@@ -257,7 +260,7 @@ struct ZipEdit::Deflater {
 #if defined(__SANITIZE_THREAD__)
         __tsan_release(job);
 #endif
-        group.run([job] { run(job); });
+        arena.execute([this, job] { group.run([job] { run(job); }); });
         return file;
     }
 
@@ -291,11 +294,10 @@ struct ZipEdit::Deflater {
         --job->deflater->waiting;
     }
 
-    // Waits for every file, deflating some meanwhile, but nothing else: a caller inside a task of
-    // its own must not be entered again by one of its other tasks.
+    // Waits for every file, deflating some meanwhile.
     void wait()
     {
-        tbb::this_task_arena::isolate([this] { group.wait(); });
+        arena.execute([this] { group.wait(); });
 #if defined(__SANITIZE_THREAD__)
         for (const auto& file : files)
             __tsan_acquire(file.get());
