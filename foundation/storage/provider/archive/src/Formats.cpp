@@ -442,6 +442,8 @@ public:
     {
         if (m_plain >= 0)
             ::close(m_plain);
+        if (m_counted)
+            *m_counted -= m_countedBytes;
     }
     std::optional<Kept> take(std::uint64_t ordinal)
     {
@@ -458,11 +460,16 @@ public:
         m_idle.erase(best);
         return kept;
     }
-    // Takes over `plain` (when not -1), a decompressed copy of the archive made while indexing.
-    void adopt(int plain)
+    // Takes over `plain` (when not -1), a decompressed copy of the archive made while indexing,
+    // of `size` bytes counted in `counted` until the pool goes.
+    void adopt(int plain, std::uint64_t size, std::shared_ptr<std::atomic<std::uint64_t>> counted)
     {
         std::lock_guard lock(m_mutex);
         m_plain = plain;
+        if (plain >= 0 && counted) {
+            m_counted = std::move(counted);
+            m_countedBytes = size;
+        }
     }
     void give(Kept kept)
     {
@@ -519,6 +526,8 @@ private:
     std::vector<Kept> m_idle;
     unsigned m_misses = 0;
     int m_plain = -1;
+    std::shared_ptr<std::atomic<std::uint64_t>> m_counted;
+    std::uint64_t m_countedBytes = 0;
     bool m_spillFailed = false;
 };
 
@@ -587,6 +596,10 @@ void indexTarEntries(TarReader& reader, archive_entry* first, Index& index, bool
 // decompressing the archive again (or, in any other order than the archive's, again and again).
 constexpr std::uint64_t indexingCopyLimit = std::uint64_t{1} << 30;
 
+// What all the copies made while indexing may hold together (temporary files outlive the
+// listing that made them, for as long as their index is kept).
+constexpr std::uint64_t indexingCopiesBudget = std::uint64_t{2} << 30;
+
 // Indexes a compressed tar while keeping its decompressed bytes (up to `limit`) in a temporary
 // file; returns that file, or -1 when it could not be kept whole. Entries are then windows on it,
 // so the archive is decompressed once, whatever order its entries are read in.
@@ -626,9 +639,15 @@ std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp 
     index->tarReaders = std::make_shared<TarReaderPool>();
     std::optional<TarReader> reader(std::in_place, access);
     archive_entry* first = reader->next(container);
-    if (first && archive_filter_code(reader->get(), 0) != ARCHIVE_FILTER_NONE) {
+    const std::uint64_t held = access.plainCopies ? access.plainCopies->load() : 0;
+    const std::uint64_t limit =
+        std::min({indexingCopyLimit, access.expansionLimit, indexingCopiesBudget - std::min(held, indexingCopiesBudget)});
+    if (first && archive_filter_code(reader->get(), 0) != ARCHIVE_FILTER_NONE && limit > 0) {
         reader.reset();
-        index->tarReaders->adopt(indexKeepingPlainCopy(access, *index, std::min(indexingCopyLimit, access.expansionLimit)));
+        const int plain = indexKeepingPlainCopy(access, *index, limit);
+        if (plain >= 0 && access.plainCopies)
+            *access.plainCopies += index->plainSize;
+        index->tarReaders->adopt(plain, index->plainSize, access.plainCopies);
         return index;
     }
     indexTarEntries(*reader, first, *index, true);
