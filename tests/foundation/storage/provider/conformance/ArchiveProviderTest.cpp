@@ -9,6 +9,9 @@
 #include <foundation/storage/provider/decorators/CallCountingProvider.hpp>
 #include <foundation/storage/provider/decorators/FaultInjectingProvider.hpp>
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 
 using provider::archive::ArchiveFormat;
@@ -279,6 +282,22 @@ TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
     for (std::size_t i = 0; i < std::size(contents); ++i)
         EXPECT_EQ(s.read(StorageIRI(root, u"/d" + name(i))), contents[i]);
     EXPECT_EQ(s.zip->getFolderAttributes(StorageIRI(root, u"/d")).getLastModified(), boost::posix_time::from_time_t(1'000'000'000));
+
+    // Files are deflated into a temporary file that takes no more bytes past 200 kB (the process's
+    // file size limit): the batch fails as it ends and leaves the archive as it was.
+    batching.beginBatch(root);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{200000, before.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    for (std::size_t i = 0; i < 4; ++i)
+        storeBytes(*s.zip, StorageIRI(root, u"/f" + name(i)), randomBytes(100000, 10 + static_cast<unsigned>(i)));
+    EXPECT_TRUE(failsWith([&] { batching.endBatch(root); }, ErrorCode::IOError, container));
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(s.zip->exists(StorageIRI(root, u"/f")), provider::ExistenceType::NotFound);
+    EXPECT_EQ(s.read(StorageIRI(root, u"/d/2")), contents[1]);
 }
 
 TEST(ArchiveProviderTest, OneIndexServesManyThreadsWhileTheContainerChanges)
