@@ -773,7 +773,8 @@ private:
 
     detail::ContainerAccess accessTo(const StorageIRI& location) const
     {
-        return {m_format, location, m_resolve, settings().passphrase};
+        const ArchiveProviderOptions options = settings();
+        return {m_format, location, m_resolve, options.passphrase, options.expansionLimitBytes, m_plainCopies};
     }
 
     [[noreturn]] static void refuseSetting(const std::string& key, const std::string& expected)
@@ -866,6 +867,7 @@ private:
     mutable ArchiveProviderOptions m_options;
     mutable std::map<StorageIRI, std::shared_ptr<const Index>> m_indexes;
     mutable std::atomic<std::uint64_t> m_generation{0};
+    const std::shared_ptr<std::atomic<std::uint64_t>> m_plainCopies = std::make_shared<std::atomic<std::uint64_t>>(0);
     mutable std::recursive_mutex m_writeMutex; // a change of an archive inside an archive of this provider changes both
     mutable std::map<StorageIRI, std::unique_ptr<Batch>> m_batches; // under m_writeMutex
 };

@@ -278,7 +278,23 @@ std::unique_ptr<EntryReader> openZipEntry(const ContainerAccess& access, const s
 
 // ---- tar, through libarchive --------------------------------------------------------------------
 
-// libarchive reading a container through its cached stream.
+class TarReader;
+
+// The decompressed bytes of a compressed container, block by block, as a raw reader of it yields
+// them; each block is also copied to `spill` while the copy stays within `limit` bytes.
+struct PlainFeed {
+    TarReader& raw;
+    int spill;
+    std::uint64_t limit;
+    std::uint64_t written = 0;
+    bool copying = true;
+
+    // The next block (valid until the next call); empty at the end.
+    std::span<const char> next();
+};
+
+// libarchive reading a container through its cached stream, or the tar inside a compressed
+// container through a PlainFeed.
 class TarReader {
 public:
     // `raw`: the container's decompressed bytes as the data of one entry.
@@ -290,19 +306,15 @@ public:
             archive_read_support_format_raw(m_archive);
         else
             archive_read_support_format_tar(m_archive);
-        archive_read_set_read_callback(m_archive, &TarReader::readBlock);
         archive_read_set_skip_callback(m_archive, &TarReader::skip);
         archive_read_set_seek_callback(m_archive, &TarReader::seekTo);
-        archive_read_set_callback_data(m_archive, this);
-        if (archive_read_open1(m_archive) != ARCHIVE_OK) {
-            // The destructor does not run for a constructor that throws.
-            try {
-                fail(access.location.getInnerIRI(), u"archive_read_open");
-            } catch (...) {
-                archive_read_free(m_archive);
-                throw;
-            }
-        }
+        open(access.location.getInnerIRI());
+    }
+    TarReader(PlainFeed& feed, const StorageIRI& container) : m_archive(archive_read_new()), m_feed(&feed)
+    {
+        archive_read_support_filter_all(m_archive);
+        archive_read_support_format_tar(m_archive);
+        open(container);
     }
     TarReader(const TarReader&) = delete;
     TarReader& operator=(const TarReader&) = delete;
@@ -331,11 +343,26 @@ public:
     }
 
 private:
+    void open(const StorageIRI& container)
+    {
+        archive_read_set_read_callback(m_archive, &TarReader::readBlock);
+        archive_read_set_callback_data(m_archive, this);
+        if (archive_read_open1(m_archive) != ARCHIVE_OK) {
+            // The destructor does not run for a constructor that throws.
+            try {
+                fail(container, u"archive_read_open");
+            } catch (...) {
+                archive_read_free(m_archive);
+                throw;
+            }
+        }
+    }
+
     static la_ssize_t readBlock(::archive* archive, void* state, const void** buffer)
     {
         auto& self = *static_cast<TarReader*>(state);
         try {
-            const std::span<const char> block = self.m_container->blockAt(self.m_position);
+            const std::span<const char> block = self.m_feed ? self.m_feed->next() : self.m_container->blockAt(self.m_position);
             self.m_position += block.size();
             *buffer = block.data();
             return static_cast<la_ssize_t>(block.size());
@@ -366,9 +393,38 @@ private:
 
     std::unique_ptr<CachedContainer> m_container;
     ::archive* m_archive;
+    PlainFeed* m_feed = nullptr;
     CaughtFailure m_caught;
     std::uint64_t m_position = 0;
 };
+
+std::span<const char> PlainFeed::next()
+{
+    const void* block = nullptr;
+    std::size_t size = 0;
+    la_int64_t offset = 0;
+    const int status = archive_read_data_block(raw.get(), &block, &size, &offset);
+    if (status == ARCHIVE_EOF)
+        return {};
+    if (status < ARCHIVE_WARN) {
+        raw.caught().rethrowIfAny();
+        const char* why = archive_error_string(raw.get());
+        throwByteStreamFailure(StreamOperation::Read, std::string("decompressing the archive: ") + (why ? why : "unreadable"),
+                               ErrorCode::IOError, {ExceptionContext(u"archive_read_data_block")});
+    }
+    // The raw format hands the stream on in order, without holes.
+    if (copying && (static_cast<std::uint64_t>(offset) != written || written + size > limit))
+        copying = false;
+    for (std::size_t done = 0; copying && done < size;) {
+        const ssize_t put = ::pwrite(spill, static_cast<const char*>(block) + done, size - done, static_cast<off_t>(written));
+        if (put < 0 && errno == EINTR)
+            continue;
+        copying = put > 0; // a full temporary folder only costs the copy
+        done += copying ? static_cast<std::size_t>(put) : 0;
+        written += copying ? static_cast<std::uint64_t>(put) : 0;
+    }
+    return {static_cast<const char*>(block), size};
+}
 
 } // namespace
 
@@ -386,6 +442,8 @@ public:
     {
         if (m_plain >= 0)
             ::close(m_plain);
+        if (m_counted)
+            *m_counted -= m_countedBytes;
     }
     std::optional<Kept> take(std::uint64_t ordinal)
     {
@@ -401,6 +459,17 @@ public:
         Kept kept = std::move(*best);
         m_idle.erase(best);
         return kept;
+    }
+    // Takes over `plain` (when not -1), a decompressed copy of the archive made while indexing,
+    // of `size` bytes counted in `counted` until the pool goes.
+    void adopt(int plain, std::uint64_t size, std::shared_ptr<std::atomic<std::uint64_t>> counted)
+    {
+        std::lock_guard lock(m_mutex);
+        m_plain = plain;
+        if (plain >= 0 && counted) {
+            m_counted = std::move(counted);
+            m_countedBytes = size;
+        }
     }
     void give(Kept kept)
     {
@@ -418,7 +487,7 @@ public:
     {
         {
             std::lock_guard lock(m_mutex);
-            if (m_plain >= 0 || m_misses < 3 || size > plainLimit)
+            if (m_plain >= 0 || m_misses < 3 || size > std::min(plainLimit, access.expansionLimit))
                 return m_plain;
         }
         std::lock_guard spilling(m_spillMutex);
@@ -457,6 +526,8 @@ private:
     std::vector<Kept> m_idle;
     unsigned m_misses = 0;
     int m_plain = -1;
+    std::shared_ptr<std::atomic<std::uint64_t>> m_counted;
+    std::uint64_t m_countedBytes = 0;
     bool m_spillFailed = false;
 };
 
@@ -495,16 +566,12 @@ private:
 
 namespace {
 
-std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp stamp)
+// Adds the entries that `reader` reads from `first` on to `index`; `container` when it reads the
+// container itself, whose uncompressed entries are then windows on it.
+void indexTarEntries(TarReader& reader, archive_entry* first, Index& index, bool container)
 {
-    const StorageIRI container = access.location.getInnerIRI();
-    auto index = std::make_shared<Index>(container, stamp);
-    index->tarReaders = std::make_shared<TarReaderPool>();
-    TarReader reader(access);
-    for (std::uint64_t ordinal = 0;; ++ordinal) {
-        archive_entry* entry = reader.next(container);
-        if (!entry)
-            break;
+    std::uint64_t ordinal = 0;
+    for (archive_entry* entry = first; entry; entry = reader.next(index.container()), ++ordinal) {
         const auto type = archive_entry_filetype(entry);
         if ((type != AE_IFREG && type != AE_IFDIR) || archive_entry_hardlink(entry))
             continue; // links and special files
@@ -517,11 +584,73 @@ std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp 
         where.ordinal = ordinal;
         where.dataOffset = static_cast<std::uint64_t>(archive_filter_bytes(reader.get(), 0));
         where.sparse = archive_entry_sparse_count(entry) != 0;
-        where.window = archive_filter_code(reader.get(), 0) == ARCHIVE_FILTER_NONE && !where.sparse;
-        index->plainSize = std::max<std::uint64_t>(index->plainSize, where.dataOffset + static_cast<std::uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0)));
-        index->add(name, type == AE_IFDIR, static_cast<std::uint64_t>(archive_entry_size(entry)),
-                   timeOf(archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)), archive_entry_perm(entry), where);
+        where.window = container && archive_filter_code(reader.get(), 0) == ARCHIVE_FILTER_NONE && !where.sparse;
+        index.plainSize = std::max<std::uint64_t>(index.plainSize, where.dataOffset + static_cast<std::uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0)));
+        index.add(name, type == AE_IFDIR, static_cast<std::uint64_t>(archive_entry_size(entry)),
+                  timeOf(archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)), archive_entry_perm(entry), where);
     }
+}
+
+// A compressed tar is decompressed into a temporary file while it is indexed when it takes at most
+// this many bytes decompressed: a listing alone pays for writing it, an extraction saves
+// decompressing the archive again (or, in any other order than the archive's, again and again).
+constexpr std::uint64_t indexingCopyLimit = std::uint64_t{1} << 30;
+
+// What all the copies made while indexing may hold together (temporary files outlive the
+// listing that made them, for as long as their index is kept).
+constexpr std::uint64_t indexingCopiesBudget = std::uint64_t{2} << 30;
+
+// Indexes a compressed tar while keeping its decompressed bytes (up to `limit`) in a temporary
+// file; returns that file, or -1 when it could not be kept whole. Entries are then windows on it,
+// so the archive is decompressed once, whatever order its entries are read in.
+int indexKeepingPlainCopy(const ContainerAccess& access, Index& index, std::uint64_t limit)
+{
+    const StorageIRI& container = index.container();
+    TarReader raw(access, true);
+    if (!raw.next(container))
+        return -1;
+    int spill = -1;
+    try {
+        spill = unnamedTemporaryFile();
+    } catch (const ByteStreamFailure&) { // indexing goes on without a copy
+    }
+    PlainFeed feed{raw, spill, limit, 0, spill >= 0};
+    try {
+        TarReader reader(feed, container);
+        indexTarEntries(reader, reader.next(container), index, false);
+        // A copy that is still compressed (a tar compressed twice) would not hold the entries'
+        // offsets.
+        if (archive_filter_code(reader.get(), 0) != ARCHIVE_FILTER_NONE || feed.written < index.plainSize)
+            feed.copying = false;
+    } catch (...) {
+        if (spill >= 0)
+            ::close(spill);
+        throw;
+    }
+    if (!feed.copying && spill >= 0)
+        ::close(std::exchange(spill, -1));
+    return spill;
+}
+
+std::shared_ptr<const Index> buildTarIndex(const ContainerAccess& access, Stamp stamp)
+{
+    const StorageIRI container = access.location.getInnerIRI();
+    auto index = std::make_shared<Index>(container, stamp);
+    index->tarReaders = std::make_shared<TarReaderPool>();
+    std::optional<TarReader> reader(std::in_place, access);
+    archive_entry* first = reader->next(container);
+    const std::uint64_t held = access.plainCopies ? access.plainCopies->load() : 0;
+    const std::uint64_t limit =
+        std::min({indexingCopyLimit, access.expansionLimit, indexingCopiesBudget - std::min(held, indexingCopiesBudget)});
+    if (first && archive_filter_code(reader->get(), 0) != ARCHIVE_FILTER_NONE && limit > 0) {
+        reader.reset();
+        const int plain = indexKeepingPlainCopy(access, *index, limit);
+        if (plain >= 0 && access.plainCopies)
+            *access.plainCopies += index->plainSize;
+        index->tarReaders->adopt(plain, index->plainSize, access.plainCopies);
+        return index;
+    }
+    indexTarEntries(*reader, first, *index, true);
     return index;
 }
 

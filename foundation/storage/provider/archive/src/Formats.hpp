@@ -6,6 +6,7 @@
 #include <foundation/storage/provider/ProviderResolver.hpp>
 #include <foundation/storage/provider/archive/ArchiveProvider.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -46,6 +47,11 @@ struct ContainerAccess {
     StorageIRI location; // a location inside the archive (its inner IRI names the container)
     ProviderResolver resolve;
     std::string passphrase;
+    // No entry, nor a decompressed copy of a whole compressed tar, takes more bytes than this.
+    std::uint64_t expansionLimit = 0;
+    // The bytes that the decompressed copies made while indexing hold, over all the indexes of
+    // the provider that are alive; none is made beyond a budget.
+    std::shared_ptr<std::atomic<std::uint64_t>> plainCopies;
 };
 
 // Reads the container's directory (zip) or headers (tar). Failures are provider Exceptions naming

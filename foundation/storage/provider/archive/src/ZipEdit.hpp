@@ -29,9 +29,10 @@ std::optional<boost::posix_time::ptime> recordedTime(zip_t* zip, std::uint64_t i
 // Failures (a full disk included) discard the new archive and leave the old one whole; they are
 // provider Exceptions naming the container. One thread at a time.
 //
-// A batched edit gathers many changes before its one commit: it copies each added file's content
-// into a spool of its own at once, so that the caller's descriptors need not stay open, and keeps
-// a list of the entries it added for the caller's view of the changed tree.
+// A batched edit gathers many changes before its one commit: it deflates each added file (up to a
+// size) into a spool of its own on other threads meanwhile, or copies a larger one there as it is,
+// so that the caller's descriptors need not stay open and the commit only copies what is deflated;
+// it keeps a list of the entries it added for the caller's view of the changed tree.
 class ZipEdit {
 public:
     // Opens the container; `missing` says it does not exist yet (the change creates it).
@@ -80,6 +81,7 @@ public:
 private:
     struct Source;
     struct Spool;
+    struct Deflater;
     [[noreturn]] void fail(const char16_t* call) const;
     // Entry indexes by cleaned path, with whether the entry is a folder; built on first use.
     using Paths = std::map<Segments, std::vector<std::pair<std::uint64_t, bool>>>;
@@ -92,6 +94,7 @@ private:
     zip_t* m_zip = nullptr;
     mutable std::optional<Paths> m_paths;
     std::shared_ptr<Spool> m_spool; // batched only
+    std::unique_ptr<Deflater> m_deflater; // batched only
     std::vector<Added> m_added;
 };
 

@@ -9,6 +9,9 @@
 #include <foundation/storage/provider/decorators/CallCountingProvider.hpp>
 #include <foundation/storage/provider/decorators/FaultInjectingProvider.hpp>
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 
 using provider::archive::ArchiveFormat;
@@ -85,14 +88,22 @@ TEST(ArchiveProviderTest, BadContainersFailNamingTheContainerAndBombsStopAtTheLi
     EXPECT_TRUE(failsWith([&] { s.zip->getFileAttributes(StorageIRI(u"zip:mem://box/none!/f")); }, ErrorCode::ResourceNotFound,
                           StorageIRI(u"mem://box/none"), "container"));
 
-    const StorageIRI bomb(u"zip", s.put(u"bomb.zip", makeArchive({{"zeros", std::string(1 << 20, '\0')}})), u"/zeros");
+    // The tar.gz expands beyond the limit as a whole too: its entries are read without a
+    // decompressed copy of it.
+    const std::vector<ArchiveItem> bombEntries{{"small", "small"}, {"zeros", std::string(1 << 20, '\0')}};
     boost::property_tree::ptree limit;
     limit.put("expansionLimitBytes", "65536");
     s.zip->configure(limit);
-    EXPECT_TRUE(failsWith([&] { s.zip->openReadOnlyStream(bomb); }, ErrorCode::NoSpaceLeft, bomb, "expansion-limit"));
-    const StorageIRI target(u"mem://out/zeros");
-    EXPECT_TRUE(failsWith([&] { s.zip->copyFile(bomb, *s.memory, target, {}); }, ErrorCode::NoSpaceLeft, bomb));
-    EXPECT_EQ(s.memory->exists(target), provider::ExistenceType::NotFound);
+    s.tar->configure(limit);
+    for (const Kind kind : {Kind::Zip, Kind::Tar}) {
+        const bool zip = kind == Kind::Zip;
+        const StorageIRI root(zip ? u"zip" : u"tar", s.put(u"bomb", makeArchive(bombEntries, {kind, zip ? "deflate" : "gzip", {}})), u"/");
+        const StorageIRI bomb(root, u"zeros"), target(u"mem://out/zeros");
+        EXPECT_TRUE(failsWith([&] { (zip ? s.zip : s.tar)->openReadOnlyStream(bomb); }, ErrorCode::NoSpaceLeft, bomb, "expansion-limit"));
+        EXPECT_TRUE(failsWith([&] { (zip ? s.zip : s.tar)->copyFile(bomb, *s.memory, target, {}); }, ErrorCode::NoSpaceLeft, bomb));
+        EXPECT_EQ(s.memory->exists(target), provider::ExistenceType::NotFound);
+        EXPECT_EQ(s.read(StorageIRI(root, u"small")), "small");
+    }
 }
 
 TEST(ArchiveProviderTest, EncryptedEntriesNeedThePassphrase)
@@ -239,14 +250,17 @@ TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
     storeBytes(*faulty, container, makeArchive({{"old", "old"}}));
     const auto& batching = dynamic_cast<const provider::extensions::IChangeBatching&>(*s.zip);
     using Op = provider::decorators::ProviderOperation;
+    // Deflated on other threads while the batch goes on: small, random and repetitive contents.
+    const std::string contents[] = {"new", randomBytes(300000, 7), std::string(500000, 'x'), randomBytes(9000, 8) + std::string(90000, 'y')};
+    const auto name = [](std::size_t i) { return u"/" + ustring(1, static_cast<char16_t>(u'1' + i)); };
     for (const bool commitFails : {false, true}) {
         SCOPED_TRACE(commitFails ? "the commit fails" : "the commit succeeds");
         const ustring folder = commitFails ? u"/e" : u"/d";
         counted->reset();
         batching.beginBatch(root);
         s.zip->createFolder(StorageIRI(root, folder));
-        for (const ustring name : {u"/1", u"/2"})
-            storeBytes(*s.zip, StorageIRI(root, folder + name), "new");
+        for (std::size_t i = 0; i < std::size(contents); ++i)
+            storeBytes(*s.zip, StorageIRI(root, folder + name(i)), contents[i]);
         EXPECT_TRUE(failsWith([&] { s.zip->openTransactionalStream(StorageIRI(root, u"/none/x"), {}); }, ErrorCode::ResourceNotFound,
                               StorageIRI(root, u"/none/x")));
         s.zip->setLastModified(StorageIRI(root, folder), boost::posix_time::from_time_t(1'000'000'000));
@@ -265,8 +279,25 @@ TEST(ArchiveProviderTest, ABatchWritesTheArchiveOnceWhenItEnds)
         EXPECT_EQ(s.zip->exists(StorageIRI(root, folder + u"/2")), commitFails ? provider::ExistenceType::NotFound : provider::ExistenceType::File);
         EXPECT_EQ(s.read(StorageIRI(root, u"/old")), "old");
     }
-    EXPECT_EQ(s.read(StorageIRI(root, u"/d/1")), "new");
+    for (std::size_t i = 0; i < std::size(contents); ++i)
+        EXPECT_EQ(s.read(StorageIRI(root, u"/d" + name(i))), contents[i]);
     EXPECT_EQ(s.zip->getFolderAttributes(StorageIRI(root, u"/d")).getLastModified(), boost::posix_time::from_time_t(1'000'000'000));
+
+    // Files are deflated into a temporary file that takes no more bytes past 200 kB (the process's
+    // file size limit): the batch fails as it ends and leaves the archive as it was.
+    batching.beginBatch(root);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{200000, before.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    for (std::size_t i = 0; i < 4; ++i)
+        storeBytes(*s.zip, StorageIRI(root, u"/f" + name(i)), randomBytes(100000, 10 + static_cast<unsigned>(i)));
+    EXPECT_TRUE(failsWith([&] { batching.endBatch(root); }, ErrorCode::IOError, container));
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(s.zip->exists(StorageIRI(root, u"/f")), provider::ExistenceType::NotFound);
+    EXPECT_EQ(s.read(StorageIRI(root, u"/d/2")), contents[1]);
 }
 
 TEST(ArchiveProviderTest, OneIndexServesManyThreadsWhileTheContainerChanges)
