@@ -88,13 +88,18 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
     const std::unique_ptr<TransactionalByteStream> out =
         target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 0,
                                                                  options.durable ? 1u : 0u});
-    const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, copyBufferSize)));
+    // A small file gets a buffer its size: a fresh megabyte for each file of a tree copy would be
+    // mapped and unmapped each time, which stalls every thread of the copy.
+    const std::size_t bufferSize = static_cast<std::size_t>(std::clamp<std::uint64_t>(
+        (attributes.getSize() + copyBufferAlignment - 1) / copyBufferAlignment * copyBufferAlignment, copyBufferAlignment,
+        copyBufferSize));
+    const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, bufferSize)));
     if (!buffer)
         throw std::bad_alloc();
     std::uint64_t copied = 0;
     for (;;) {
         const std::streamsize got =
-            asProviderError(from, [&] { return in->read(buffer.get(), static_cast<std::streamsize>(copyBufferSize)); });
+            asProviderError(from, [&] { return in->read(buffer.get(), static_cast<std::streamsize>(bufferSize)); });
         if (got <= 0)
             break;
         asProviderError(to, [&] { return out->write(buffer.get(), got); });
