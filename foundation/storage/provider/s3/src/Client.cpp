@@ -355,6 +355,9 @@ Response Client::send(const Request& request, const StorageIRI& location, const 
                 static const std::string empty;
                 const std::string& body = request.body ? *request.body : empty;
                 curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+                // Parts go out in a few large writes rather than many of curl's default 64 KiB.
+                if (body.size() >= (std::size_t(1) << 20))
+                    curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, 512L * 1024);
                 curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.data());
             }
         }
