@@ -171,7 +171,17 @@ public:
     }
 
     std::streamsize read(char* s, std::streamsize n) override { return m_file.read(s, n); }
-    std::streamsize write(const char* s, std::streamsize n) override { return m_file.write(s, n); }
+    std::streamsize write(const char* s, std::streamsize n) override
+    {
+        const std::streamsize written = m_file.write(s, n);
+        // A durable commit waits until every byte is on the disk: what is written is sent on its
+        // way every few MiB, so that the commit of a large file waits for its tail only.
+        if (m_durable && (m_unsent += static_cast<std::uint64_t>(written)) >= writebackStep) {
+            ::sync_file_range(m_file.file().get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+            m_unsent = 0;
+        }
+        return written;
+    }
     std::streampos seek(std::streamoff off, std::ios_base::seekdir way) override { return m_file.seek(off, way); }
     void flush() override { m_file.flush(); }
     using TransactionalByteStream::close;
@@ -203,6 +213,8 @@ private:
     std::unique_ptr<TemporaryFile> m_temporary; // unlinked on destruction unless published
     Positioned m_file;                          // a duplicate of the temporary's descriptor
     bool m_durable;
+    static constexpr std::uint64_t writebackStep = std::uint64_t(8) << 20;
+    std::uint64_t m_unsent = 0; // written since writeback was last started
 };
 
 struct stat openedStat(int fd, const StorageIRI& location)
