@@ -39,6 +39,7 @@ namespace {
 
 // Large and page-aligned: the kernel copies from and into such buffers fastest.
 constexpr std::size_t copyBufferSize = 1024 * 1024;
+constexpr std::size_t smallCopyBufferSize = 128 * 1024;
 constexpr std::size_t copyBufferAlignment = 4096;
 
 struct FreeDeleter {
@@ -88,10 +89,10 @@ TransactionStatus copyFileThroughStreams(const IProvider& source, const StorageI
     const std::unique_ptr<TransactionalByteStream> out =
         target.openTransactionalStream(to, ByteStreamOpenOptions{ByteStreamAccess::Write, ByteStreamCreation::CreateIfMissing, 0, 0,
                                                                  options.durable ? 1u : 0u});
-    // A small file gets a buffer its size: a fresh megabyte for each file of a tree copy would be
+    // A small file gets a smaller buffer: a fresh megabyte for each file of a tree copy would be
     // mapped and unmapped each time, which stalls every thread of the copy.
     const std::size_t bufferSize = static_cast<std::size_t>(std::clamp<std::uint64_t>(
-        (attributes.getSize() + copyBufferAlignment - 1) / copyBufferAlignment * copyBufferAlignment, copyBufferAlignment,
+        (attributes.getSize() + copyBufferAlignment - 1) / copyBufferAlignment * copyBufferAlignment, smallCopyBufferSize,
         copyBufferSize));
     const std::unique_ptr<char, FreeDeleter> buffer(static_cast<char*>(std::aligned_alloc(copyBufferAlignment, bufferSize)));
     if (!buffer)
