@@ -43,6 +43,18 @@ public:
         if (n <= 0)
             return 0;
         writeOut(StreamOperation::Read);
+        if ((m_position < m_readStart || m_position >= m_readStart + m_readLength) &&
+            static_cast<std::size_t>(n) >= requestSize()) {
+            // A reader that asks for a whole request's worth gets it straight into its buffer.
+            m_readLength = 0;
+            place(m_position);
+            const ssize_t got = ::libssh2_sftp_read(m_handle.get(), s, requestSize());
+            if (got < 0)
+                m_lease->failStream(StreamOperation::Read, "sftp_read", m_location);
+            m_handlePosition += static_cast<std::uint64_t>(got);
+            m_position += static_cast<std::uint64_t>(got);
+            return got == 0 ? -1 : static_cast<std::streamsize>(got);
+        }
         if (m_position < m_readStart || m_position >= m_readStart + m_readLength) {
             // Sized once: growing it back after each short answer would clear the new bytes.
             if (m_read.size() < requestBytes)
