@@ -426,10 +426,13 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
         m_current = target.getParent();
     // The folder's mode and time come after its files; its time is asked for now, while the
     // copies go on.
-    if (m_queue)
+    if (m_queue) {
         m_unfinished.push_back({source, target, madeWithMode, timeOf(source)});
-    else
+        if (m_unfinished.size() >= 1024)
+            finish(); // a tree of many folders holds a bounded number of them
+    } else {
         finishTarget(source, target, madeWithMode, timeOf(source));
+    }
     return FolderVisitResult::Continue;
 }
 
