@@ -344,6 +344,9 @@ Response Client::send(const Request& request, const StorageIRI& location, const 
         curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
         curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
         curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
+        // Bodies of ranges come in a few large reads rather than many of curl's default 16 KiB.
+        if (request.method == "GET")
+            curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 512L * 1024);
         if (request.method == "HEAD") {
             curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
         } else if (request.method != "GET") {
@@ -352,6 +355,9 @@ Response Client::send(const Request& request, const StorageIRI& location, const 
                 static const std::string empty;
                 const std::string& body = request.body ? *request.body : empty;
                 curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+                // Parts go out in a few large writes rather than many of curl's default 64 KiB.
+                if (body.size() >= (std::size_t(1) << 20))
+                    curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, 512L * 1024);
                 curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body.data());
             }
         }
@@ -364,7 +370,8 @@ Response Client::send(const Request& request, const StorageIRI& location, const 
             curl_easy_cleanup(handle); // its connection may be half-used
 
         const bool transportFailed = result != CURLE_OK;
-        const bool throttled = response.body.find("<Code>SlowDown</Code>") != std::string::npos;
+        // Only a refusal can say SlowDown: a body of data is not searched for it.
+        const bool throttled = !transportFailed && !response.ok() && response.body.find("<Code>SlowDown</Code>") != std::string::npos;
         const bool again = transportFailed ? result != CURLE_OPERATION_TIMEDOUT : retryable(response.status) || throttled;
         if (!again || attempt >= settings.retries) {
             if (transportFailed)

@@ -342,6 +342,8 @@ protected:
         const std::uint64_t changes = m_store->changes();
         if (place.key.empty()) {
             kind = m_store->bucketExists(place.bucket, location) ? ExistenceType::Folder : ExistenceType::NotFound;
+        } else if (m_store->surelyAbsent(place.bucket, place.key)) {
+            kind = ExistenceType::NotFound; // in a folder this provider has just made: each file of a tree upload
         } else {
             const Store::Kind found = m_store->kindOf(place.bucket, place.key, location, &object);
             kind = found == Store::Kind::Object   ? ExistenceType::File
@@ -453,9 +455,16 @@ protected:
         }
         const std::lock_guard creating(creationLock(location));
         requireParent(location, "createFolder");
-        if (m_store->kindOf(place.bucket, place.key, location) != Store::Kind::None)
+        if (!m_store->surelyAbsent(place.bucket, place.key) && m_store->kindOf(place.bucket, place.key, location) != Store::Kind::None)
             alreadyExists("createFolder", location);
-        m_store->put(place.bucket, place.folderPrefix(), {}, true, location);
+        // Known empty from before its marker is sent, so that a key written into it meanwhile is noted.
+        m_store->madeEmpty(place.bucket, place.folderPrefix());
+        try {
+            m_store->put(place.bucket, place.folderPrefix(), {}, true, location);
+        } catch (...) {
+            m_store->madeEmpty(place.bucket, place.folderPrefix(), false);
+            throw;
+        }
         m_known.add(place.bucket, place.folderPrefix());
     }
 
@@ -642,7 +651,11 @@ protected:
         return info;
     }
 
-    void doConfigure(const boost::property_tree::ptree& settings) const override { m_store->client().configure(settings); }
+    void doConfigure(const boost::property_tree::ptree& settings) const override
+    {
+        m_store->client().configure(settings);
+        m_store->forgetMadeFolders(); // another endpoint or identity may see other keys
+    }
 
 private:
     ObjectInfo fileAt(const StorageIRI& location, const char* operation) const

@@ -158,9 +158,68 @@ ListPage Store::list(const std::string& bucket, const std::string& prefix, bool 
     return page;
 }
 
+namespace {
+
+constexpr std::chrono::seconds freshness{2};
+
+// The folder prefix of a key ("a/b/" of "a/b/c"; "" at the root) and the name below it.
+std::pair<std::string, std::string> splitKey(const std::string& key)
+{
+    const std::string path = !key.empty() && key.back() == '/' ? key.substr(0, key.size() - 1) : key;
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return {std::string(), path};
+    return {path.substr(0, slash + 1), path.substr(slash + 1)};
+}
+
+} // namespace
+
+void Store::madeEmpty(const std::string& bucket, const std::string& folderPrefix, bool empty)
+{
+    const std::lock_guard lock(m_freshMutex);
+    if (!empty) {
+        m_fresh.erase(bucket + '\0' + folderPrefix);
+        return;
+    }
+    if (m_fresh.size() >= 4096)
+        m_fresh.clear();
+    m_fresh[bucket + '\0' + folderPrefix] = {std::chrono::steady_clock::now(), {}};
+}
+
+void Store::forgetMadeFolders()
+{
+    const std::lock_guard lock(m_freshMutex);
+    m_fresh.clear();
+}
+
+bool Store::surelyAbsent(const std::string& bucket, const std::string& key) const
+{
+    const auto [prefix, name] = splitKey(key);
+    const std::lock_guard lock(m_freshMutex);
+    const auto found = m_fresh.find(bucket + '\0' + prefix);
+    return found != m_fresh.end() && std::chrono::steady_clock::now() - found->second.made < freshness &&
+           !found->second.names.count(name);
+}
+
+void Store::writing(const std::string& bucket, const std::string& key)
+{
+    const std::lock_guard lock(m_freshMutex);
+    if (m_fresh.empty())
+        return;
+    // Each fresh folder above the key now holds the name on the way down to it.
+    for (std::size_t slash = key.find('/'); slash != std::string::npos; slash = key.find('/', slash + 1)) {
+        const auto found = m_fresh.find(bucket + '\0' + key.substr(0, slash + 1));
+        if (found == m_fresh.end() || slash + 1 == key.size())
+            continue;
+        const std::size_t end = key.find('/', slash + 1);
+        found->second.names.insert(key.substr(slash + 1, end == std::string::npos ? std::string::npos : end - slash - 1));
+    }
+}
+
 void Store::put(const std::string& bucket, const std::string& key, const std::string& body, bool onlyIfAbsent,
                 const StorageIRI& location)
 {
+    writing(bucket, key);
     const Change change{*this};
     Request request{"PUT", bucket, key, {}, {}, &body, false};
     if (onlyIfAbsent)
@@ -173,6 +232,7 @@ void Store::put(const std::string& bucket, const std::string& key, const std::st
 void Store::copy(const std::string& fromBucket, const std::string& from, const std::string& toBucket, const std::string& to,
                  const StorageIRI& location)
 {
+    writing(toBucket, to);
     const Change change{*this};
     Request request{"PUT", toBucket, to};
     request.headers = {{"x-amz-copy-source", "/" + fromBucket + "/" + uriEncode(from, true)},
@@ -252,6 +312,7 @@ MultipartUpload::MultipartUpload(Store& store, std::string bucket, std::string k
     : m_store(store), m_bucket(std::move(bucket)), m_key(std::move(key)), m_location(std::move(location)),
       m_settings(store.client().settings())
 {
+    m_store.writing(m_bucket, m_key);
     const Response started = m_store.send({"POST", m_bucket, m_key, {{"uploads", ""}}}, m_location, "CreateMultipartUpload");
     if (!started.ok())
         throwS3Error(started, m_location, "CreateMultipartUpload");

@@ -9,9 +9,13 @@
 #include <boost/date_time/posix_time/ptime.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <future>
+#include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,6 +56,20 @@ public:
         Store& store;
         ~Change() { store.m_changes.fetch_add(1, std::memory_order_acq_rel); }
     };
+
+    // Folders made empty through this store a moment ago: what they hold is known without asking,
+    // since every key written through this store is noted before it is sent (a removal can only
+    // make a name absent). A folder is fresh for two seconds after madeEmpty(); keys another
+    // client writes into it meanwhile are not seen, as a listing sent a moment earlier would not
+    // have seen them.
+    // (`empty` false: it was not made after all.)
+    void madeEmpty(const std::string& bucket, const std::string& folderPrefix, bool empty = true);
+    // Whether `key` is certainly neither an object nor a folder: it would be in a fresh folder
+    // where nothing of that name was written since.
+    bool surelyAbsent(const std::string& bucket, const std::string& key) const;
+    void forgetMadeFolders();
+    // Notes that `key` is being written (also by a multipart upload).
+    void writing(const std::string& bucket, const std::string& key);
 
     bool bucketExists(const std::string& bucket, const StorageIRI& location);
     // Nothing when no object has the key.
@@ -98,6 +116,12 @@ private:
                          const Settings& settings, const StorageIRI& location);
     Client m_client;
     std::atomic<std::uint64_t> m_changes{0};
+    struct Fresh {
+        std::chrono::steady_clock::time_point made;
+        std::set<std::string> names; // written since, first segments below the folder
+    };
+    mutable std::mutex m_freshMutex;
+    std::map<std::string, Fresh> m_fresh; // by bucket + '\0' + folder prefix
 };
 
 // One multipart upload, fed part by part: each part goes out on a thread of its own while the next

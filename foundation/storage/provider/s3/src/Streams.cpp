@@ -110,6 +110,12 @@ public:
         return static_cast<std::streamoff>(m_position);
     }
 
+    // What the object was like when the stream was opened: a copy takes it instead of asking again.
+    std::optional<FileAttributes> attributesAtOpen() const override
+    {
+        return FileAttributes(m_object.size, m_object.lastModified, true, false, m_location.getName().starts_with(u"."));
+    }
+
     void flush() override { check(StreamOperation::Flush); }
     void close() override
     {

@@ -81,6 +81,18 @@ void inBatch(const Folder& destination, Copy&& copy)
     translated([&] { batching->endBatch(item.getLocation()); });
 }
 
+// The folder's time; none when it has vanished.
+std::optional<boost::posix_time::ptime> timeOf(const Folder& source)
+{
+    try {
+        return source.getAttributes().getLastModified();
+    } catch (const Exception& error) {
+        if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))
+            throw;
+        return std::nullopt;
+    }
+}
+
 bool isLink(provider::ExistenceTypeExtended kind) noexcept
 {
     using Kind = provider::ExistenceTypeExtended;
@@ -249,6 +261,8 @@ void FolderCopyVisitor::finish()
         return;
     m_queue->drain([this] { report(); });
     report(); // the last copies may have ended before the wait began
+    for (const Unfinished& folder : std::exchange(m_unfinished, {}))
+        finishTarget(folder.source, folder.target, folder.madeWithMode, folder.time);
 }
 
 FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
@@ -287,7 +301,7 @@ FolderVisitResult FolderCopyVisitor::visitBefore(const Folder& source)
     }
     if (m_current && m_boundary && !m_boundary(source)) {
         // Kept out: the folder is there, empty, as finished as a filled one.
-        finishTarget(source, target, made);
+        finishTarget(source, target, made, timeOf(source));
         ++m_folders;
         return report() == FolderVisitResult::Stop ? FolderVisitResult::Stop : FolderVisitResult::Skip;
     }
@@ -401,7 +415,6 @@ bool FolderCopyVisitor::copyOne(const File& source, const File& target, bool onW
 
 FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
 {
-    finish(); // the folder's mode and time come after its files
     const Folder target = *m_current;
     bool madeWithMode = false;
     if (!m_entered.empty()) {
@@ -411,11 +424,20 @@ FolderVisitResult FolderCopyVisitor::visitAfter(const Folder& source)
     }
     if (!(target == m_destinationRoot))
         m_current = target.getParent();
-    finishTarget(source, target, madeWithMode);
+    // The folder's mode and time come after its files; its time is asked for now, while the
+    // copies go on.
+    if (m_queue) {
+        m_unfinished.push_back({source, target, madeWithMode, timeOf(source)});
+        if (m_unfinished.size() >= 1024)
+            finish(); // a tree of many folders holds a bounded number of them
+    } else {
+        finishTarget(source, target, madeWithMode, timeOf(source));
+    }
     return FolderVisitResult::Continue;
 }
 
-void FolderCopyVisitor::finishTarget(const Folder& source, const Folder& target, bool madeWithMode)
+void FolderCopyVisitor::finishTarget(const Folder& source, const Folder& target, bool madeWithMode,
+                                     const std::optional<boost::posix_time::ptime>& time)
 {
     try {
         if (madeWithMode)
@@ -424,10 +446,11 @@ void FolderCopyVisitor::finishTarget(const Folder& source, const Folder& target,
                     ->finishFolderLike(HandleAccess::liveItem(target).getLocation(),
                                        HandleAccess::liveItem(source).getLocation());
             });
-        target.setLastModified(source.getAttributes().getLastModified());
+        if (time) // a source that vanished after its contents were copied keeps the copy's time
+            target.setLastModified(*time);
     } catch (const Exception& error) {
         if (!isNotFound(error) || !(error.getLocation() == source.getLocation()))
-            throw; // a source that vanished after its contents were copied keeps the copy's time
+            throw;
     }
 }
 

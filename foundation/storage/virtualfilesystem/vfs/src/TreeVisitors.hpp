@@ -5,6 +5,8 @@
 #include <foundation/storage/vfs/Exception.hpp>
 #include <foundation/storage/vfs/FolderVisitor.hpp>
 
+#include <boost/date_time/posix_time/ptime.hpp>
+
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -18,8 +20,9 @@ class TransferQueue;
 // Copies the walked tree below a destination root, one folder level at a time: the current target
 // follows the walk down in visitBefore and back up in visitAfter. For the sequential walk only.
 // Where either storage says transfers are best run several at once, files are copied on a
-// TransferQueue's threads while the walk goes on; a folder is finished (its mode and time) once
-// every file copy started before has ended. The observer is told on the walking thread only.
+// TransferQueue's threads while the walk goes on, and the folders are finished (their mode and
+// time) once the queue has drained, in the order the walk left them: the walk lists the next folder
+// while the last one's files are still on their way. The observer is told on the walking thread only.
 class FolderCopyVisitor : public FolderVisitor {
 public:
     // `observer` may be empty. `forMove`: the source goes once copied, so a file that could not be
@@ -58,8 +61,16 @@ private:
     // Keeps or skips the link `source` at the name it has, under LinkHandling Keep or Skip; Skip
     // (the link is not entered) or Stop. On the walking thread.
     FolderVisitResult copyLink(const provider::StorageItem& source, const ustring& name);
-    // The target folder's mode (when `madeWithMode`) and time, once its content is there.
-    static void finishTarget(const Folder& source, const Folder& target, bool madeWithMode);
+    // The target folder's mode (when `madeWithMode`) and the source's time `time` (none: the source
+    // has vanished), once its content is there.
+    static void finishTarget(const Folder& source, const Folder& target, bool madeWithMode,
+                             const std::optional<boost::posix_time::ptime>& time);
+    struct Unfinished {
+        Folder source;
+        Folder target;
+        bool madeWithMode;
+        std::optional<boost::posix_time::ptime> time;
+    };
 
     Folder m_destinationRoot;
     std::optional<Folder> m_current;
@@ -77,6 +88,7 @@ private:
     std::atomic<std::uint64_t> m_bytes{0};
     std::atomic<bool> m_stopped{false};
     std::unique_ptr<TransferQueue> m_queue;
+    std::vector<Unfinished> m_unfinished; // left by the walk while their files may still be copied
 };
 
 // Post-order deletion: files as the walk meets them, each folder after its contents, the root last.
