@@ -13,6 +13,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <charconv>
+#include <future>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -141,6 +142,7 @@ public:
         std::lock_guard lock(m_mutex); // configure() may be changing the options
         capabilities.parallelTransfers = std::max<std::uint32_t>(1, m_options.sessionsPerHost);
         capabilities.freeListingAttributes = true; // readdir answers carry them
+        capabilities.with(ExtendedFeature::RecursiveListing);
         return capabilities;
     }
 
@@ -349,6 +351,73 @@ protected:
 
     std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& location, const ListOptions& options) const override
     {
+        if (options.recursive)
+            return std::make_unique<EntryIterator>(listTree(location, options));
+        return std::make_unique<EntryIterator>(listFolder(location, options));
+    }
+
+    // The whole subtree, depth first, each folder before its content; names are paths relative to
+    // `location`. Listing is bound by round trips (open, read, read, close for each folder), so the
+    // folders of one level are listed several at a time over the session pool. Links to folders
+    // are listed, not entered. A folder below `location` that cannot be listed (no permission,
+    // gone) is listed without content, as the library's own walk does; other failures fail the
+    // listing. The pattern is left to the library, which matches it against the relative names.
+    std::shared_ptr<const std::vector<FolderEntry>> listTree(const StorageIRI& location, const ListOptions& options) const
+    {
+        ListOptions each;
+        each.withAttributes = true; // to know links, at no cost
+        std::map<ustring, std::shared_ptr<const std::vector<FolderEntry>>> listed{{ustring(), listFolder(location, each)}};
+        const auto subfolders = [&](const ustring& relative, std::vector<ustring>& into) {
+            for (const FolderEntry& entry : *listed.at(relative))
+                if (!entry.isFile() && !(entry.getFolderAttributes() && entry.getFolderAttributes()->isSymlink()))
+                    into.push_back(relative.empty() ? entry.getName() : relative + u'/' + entry.getName());
+        };
+        std::vector<ustring> level;
+        subfolders(ustring(), level);
+        const std::size_t atOnce = std::max<std::size_t>(1, capabilities().parallelTransfers);
+        while (!level.empty()) {
+            std::vector<ustring> next;
+            for (std::size_t first = 0; first < level.size(); first += atOnce) {
+                const std::size_t last = std::min(level.size(), first + atOnce);
+                std::vector<std::future<std::shared_ptr<const std::vector<FolderEntry>>>> lists;
+                for (std::size_t i = first; i < last; ++i)
+                    lists.push_back(std::async(std::launch::async, [&, folder = StorageIRI(location, level[i])] {
+                        return listFolder(folder, each);
+                    }));
+                for (std::size_t i = first; i < last; ++i) {
+                    try {
+                        listed[level[i]] = lists[i - first].get();
+                    } catch (const Exception& error) {
+                        if (error.getErrorCode() != ErrorCode::PermissionDenied && error.getErrorCode() != ErrorCode::ResourceNotFound)
+                            throw;
+                        listed[level[i]] = std::make_shared<const std::vector<FolderEntry>>();
+                    }
+                    subfolders(level[i], next);
+                }
+            }
+            level = std::move(next);
+        }
+        auto entries = std::make_shared<std::vector<FolderEntry>>();
+        const auto deliver = [&](const ustring& relative, const auto& self) -> void {
+            const auto found = listed.find(relative);
+            if (found == listed.end())
+                return; // a link to a folder: not entered
+            for (const FolderEntry& entry : *found->second) {
+                ustring name = relative.empty() ? entry.getName() : relative + u'/' + entry.getName();
+                if (options.kind == ListKind::All || (options.kind == ListKind::Files) == entry.isFile())
+                    entries->push_back(FolderEntry(name, entry.isFile(), options.withAttributes ? entry.getFileAttributes() : std::nullopt,
+                                                   options.withAttributes ? entry.getFolderAttributes() : std::nullopt));
+                if (!entry.isFile())
+                    self(name, self);
+            }
+        };
+        deliver(ustring(), deliver);
+        return entries;
+    }
+
+    // The children of one folder, as `options` ask (`recursive` aside).
+    std::shared_ptr<const std::vector<FolderEntry>> listFolder(const StorageIRI& location, const ListOptions& options) const
+    {
         return call(location, [&](Remote& r) {
             const std::string path = remotePath(location);
             LIBSSH2_SFTP_HANDLE* handle = ::libssh2_sftp_open_ex(r.c.sftp(), path.data(), static_cast<unsigned>(path.size()), 0, 0,
@@ -391,7 +460,7 @@ protected:
                     ofFolder = folderAttributes(target, entryName, link);
                 entries->push_back(FolderEntry(std::move(entryName), isFile, ofFile, ofFolder));
             }
-            return std::make_unique<EntryIterator>(std::move(entries));
+            return std::shared_ptr<const std::vector<FolderEntry>>(std::move(entries));
         });
     }
 
