@@ -158,6 +158,20 @@ struct Slice {
     }
 };
 
+// Writes `n` bytes of `data` to `fd` at `at`, all of them; false on a failure (errno tells it).
+bool writeAt(int fd, const char* data, std::size_t n, std::uint64_t at)
+{
+    for (std::size_t done = 0; done < n;) {
+        const ssize_t put = ::pwrite(fd, data + done, n - done, static_cast<off_t>(at + done));
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
+            return false;
+        done += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
 // Appends the first `size` bytes of `from` to `to` at `at`.
 bool copyBytes(int from, std::uint64_t size, int to, std::uint64_t at)
 {
@@ -168,15 +182,8 @@ bool copyBytes(int from, std::uint64_t size, int to, std::uint64_t at)
             continue;
         if (got <= 0)
             return false;
-        for (ssize_t put = 0; put < got;) {
-            const ssize_t wrote = ::pwrite(to, buffer.data() + put, static_cast<std::size_t>(got - put),
-                                           static_cast<off_t>(at + done + static_cast<std::uint64_t>(put)));
-            if (wrote < 0 && errno == EINTR)
-                continue;
-            if (wrote <= 0)
-                return false;
-            put += wrote;
-        }
+        if (!writeAt(to, buffer.data(), static_cast<std::size_t>(got), at + done))
+            return false;
         done += static_cast<std::uint64_t>(got);
     }
     return true;
@@ -281,7 +288,7 @@ struct ZipEdit::Deflater {
             if (!file.error) {
                 file.deflated = out.size();
                 file.start = job->spool->reserve(out.size());
-                if (!copyOut(out, job->spool->fd, file.start))
+                if (!writeAt(job->spool->fd, out.data(), out.size(), file.start))
                     file.error = errno ? errno : EIO;
             }
         } catch (const std::bad_alloc&) {
@@ -312,19 +319,6 @@ struct ZipEdit::Deflater {
             if (file->error)
                 return file->error;
         return 0;
-    }
-
-    static bool copyOut(const std::vector<char>& bytes, int fd, std::uint64_t at)
-    {
-        for (std::size_t done = 0; done < bytes.size();) {
-            const ssize_t put = ::pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(at + done));
-            if (put < 0 && errno == EINTR)
-                continue;
-            if (put <= 0)
-                return false;
-            done += static_cast<std::size_t>(put);
-        }
-        return true;
     }
 };
 
